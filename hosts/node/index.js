@@ -1,0 +1,191 @@
+// Starts the card reader agent, sends it commands and reports what it tells.
+//
+// Text is UTF-8 in both directions. A line of the agent that is not valid UTF-8 keeps its bytes
+// from 0x80 on as lone surrogates (U+DC80 to U+DCFF), so that a reader name goes back to the agent
+// exactly as it came.
+
+import { spawn } from 'node:child_process';
+import { EventEmitter } from 'node:events';
+
+const LINE_LIMIT = 1023; // bytes before the line feed
+const LINE_FEED = 0x0a;
+const ESCAPE = 0xdc00;
+const utf8 = new TextDecoder('utf-8', { fatal: true, ignoreBOM: true });
+
+function decode(bytes) {
+  try {
+    return utf8.decode(bytes);
+  } catch {
+    const escape = (c) => String.fromCharCode(ESCAPE + c.charCodeAt(0));
+    return bytes.toString('latin1').replace(/[\x80-\xff]/g, escape);
+  }
+}
+
+function encode(text) {
+  const pieces = text.split(/([\udc80-\udcff])/u); // every second piece is an escaped byte
+  return Buffer.concat(
+    pieces.map((piece, i) => (i % 2 ? Buffer.of(piece.charCodeAt(0) - ESCAPE) : Buffer.from(piece))),
+  );
+}
+
+/** The agent answered a command with "Error"; the message is the agent's. */
+export class CommandError extends Error {
+  name = 'CommandError';
+}
+
+/** The agent is not running, so the command has no answer. */
+export class AgentEndedError extends Error {
+  name = 'AgentEndedError';
+
+  constructor({ code, signal }) {
+    const how = signal ? `was ended by ${signal}` : `ended with status ${code}`;
+    super(code === null && !signal ? 'The agent is not running' : `The agent ${how}`);
+    this.code = code;
+    this.signal = signal;
+  }
+}
+
+export class CardReaderAgent extends EventEmitter {
+  #path;
+  #env;
+  #child = null;
+  #status = { code: null, signal: null };
+  #ended = Promise.resolve(this.#status);
+  #pending = []; // the commands sent but not answered, oldest first
+  #partial = []; // the pieces of the line that is not complete yet
+  #reader = null;
+
+  constructor(path, { env = process.env } = {}) {
+    super();
+    this.#path = path;
+    this.#env = env;
+  }
+
+  get reader() {
+    return this.#reader;
+  }
+
+  get pid() {
+    return this.#child?.pid;
+  }
+
+  async start() {
+    if (this.#child) throw new Error('The agent was started before');
+    this.#child = spawn(this.#path, { stdio: ['pipe', 'pipe', 'inherit'], env: this.#env });
+    this.#child.stdout.on('data', (chunk) => this.#read(chunk));
+    this.#child.stdin.on('error', () => {}); // the agent's end is reported by 'close'
+    await new Promise((resolve, reject) => {
+      this.#child.once('spawn', resolve);
+      this.#child.once('error', (cause) => {
+        reject(new Error(`Cannot start the agent ${this.#path}: ${cause.message}`, { cause }));
+      });
+    });
+    this.#ended = new Promise((resolve) => {
+      this.#child.once('close', (code, signal) => resolve(this.#end({ code, signal })));
+    });
+  }
+
+  close() {
+    this.#child?.stdin.end();
+    return this.#ended;
+  }
+
+  async ping(text = '') {
+    // The agent sends back the blank before the text too.
+    return (await this.#send(`Global:Ping ${text}`)).slice(1);
+  }
+
+  async beep(reader, count = 1, length = 'short') {
+    return this.#command(reader, `Beep ${length} ${count}`);
+  }
+
+  async setLed(reader, color) {
+    return this.#command(reader, `SetLED ${color}`);
+  }
+
+  async clearLed(reader) {
+    return this.#command(reader, 'ClearLED');
+  }
+
+  async resetConfig(reader) {
+    return this.#command(reader, 'ResetConfig');
+  }
+
+  async readerConfig(reader, settings) {
+    let command = 'ReaderConfig';
+    for (const [type, values] of Object.entries(settings)) {
+      for (const [name, value] of Object.entries(values)) {
+        const number = Number(value);
+        if (/\s/.test(type + name)) throw new TypeError(`White space in setting ${type}.${name}`);
+        if ((number | 0) !== number) {
+          throw new RangeError(`Not a 32-bit integer: ${type}.${name}=${value}`);
+        }
+        command += ` ${type}.${name}=${number}`;
+      }
+    }
+    return this.#command(reader, command);
+  }
+
+  #command(reader, command) {
+    if (!reader || reader.includes(':')) {
+      throw new TypeError(`A reader name must be neither empty nor hold a colon: '${reader}'`);
+    }
+    return this.#send(`${reader}:${command}`);
+  }
+
+  #send(line) {
+    const bytes = encode(line);
+    if (bytes.includes(LINE_FEED) || bytes.includes(0)) {
+      throw new TypeError('A command must not hold a line feed or a zero byte');
+    }
+    if (bytes.length > LINE_LIMIT) {
+      throw new RangeError(`Command line of ${bytes.length} bytes, more than ${LINE_LIMIT}`);
+    }
+    if (!this.#child?.stdin.writable) throw new AgentEndedError(this.#status);
+    return new Promise((resolve, reject) => {
+      this.#pending.push({ resolve, reject });
+      this.#child.stdin.write(Buffer.concat([bytes, Buffer.of(LINE_FEED)]));
+    });
+  }
+
+  #read(chunk) {
+    let start = 0;
+    for (let end; (end = chunk.indexOf(LINE_FEED, start)) >= 0; start = end + 1) {
+      const line = Buffer.concat([...this.#partial, chunk.subarray(start, end)]);
+      this.#partial = [];
+      this.#take(decode(line));
+    }
+    this.#partial.push(chunk.subarray(start));
+  }
+
+  #take(line) {
+    const [, kind, text = ''] = /^(Ok|Error|Reader|Card|Log):(?: (.*))?$/s.exec(line) ?? [];
+    if (kind === 'Ok' && this.#pending.length) {
+      this.#pending.shift().resolve(text);
+    } else if (kind === 'Error' && this.#pending.length) {
+      this.#pending.shift().reject(new CommandError(text));
+    } else if (kind === 'Reader') {
+      this.#changeReader(text);
+    } else if (kind === 'Card') {
+      this.emit('card', text, this.#reader);
+    } else {
+      this.emit('log', kind === 'Log' ? text : line); // no known kind: a log text goes on
+    }
+  }
+
+  #changeReader(name) {
+    const previous = this.#reader;
+    this.#reader = name === 'Global' ? null : name;
+    if (!this.#reader) this.emit('gone', previous);
+    else if (previous) this.emit('replaced', name, previous);
+    else this.emit('attached', name);
+  }
+
+  #end(status) {
+    this.#status = status;
+    this.#reader = null;
+    for (const { reject } of this.#pending.splice(0)) reject(new AgentEndedError(status));
+    this.emit('end', status);
+    return status;
+  }
+}
