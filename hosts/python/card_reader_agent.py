@@ -195,7 +195,7 @@ class CardReaderAgent:
             raise ValueError(f"Command line of {len(data)} bytes, more than {LINE_LIMIT}")
         if not self._process or not self._process.stdin or self._closing or self._task.done():
             raise AgentEnded(self._status)
-        answer = asyncio.get_running_loop().create_future()
+        answer: asyncio.Future[str] = asyncio.get_running_loop().create_future()
         self._pending.append(answer)
         self._process.stdin.write(data + b"\n")
         return await answer
