@@ -1,24 +1,26 @@
 // Starts the card reader agent, sends it commands and reports what it tells.
 //
-// Text is UTF-8 in both directions. A line of the agent that is not valid UTF-8 keeps its bytes
-// from 0x80 on as lone surrogates (U+DC80 to U+DCFF), so that a reader name goes back to the agent
-// exactly as it came.
+// Text is UTF-8 in both directions. Bytes that are not valid UTF-8 become lone surrogates (U+DC80 to
+// U+DCFF), so that a reader name goes back to the agent exactly as it came.
 
+import { isUtf8 } from 'node:buffer';
 import { spawn } from 'node:child_process';
 import { EventEmitter } from 'node:events';
 
 const LINE_LIMIT = 1023; // bytes before the line feed
 const LINE_FEED = 0x0a;
 const ESCAPE = 0xdc00;
-const utf8 = new TextDecoder('utf-8', { fatal: true, ignoreBOM: true });
 
 function decode(bytes) {
-  try {
-    return utf8.decode(bytes);
-  } catch {
-    const escape = (c) => String.fromCharCode(ESCAPE + c.charCodeAt(0));
-    return bytes.toString('latin1').replace(/[\x80-\xff]/g, escape);
+  if (isUtf8(bytes)) return bytes.toString();
+  let text = '';
+  for (let start = 0, end; start < bytes.length; start = end) {
+    end = Math.min(start + 4, bytes.length); // no character has more than four bytes
+    while (end > start && !isUtf8(bytes.subarray(start, end))) end--;
+    if (end > start) text += bytes.toString('utf8', start, end);
+    else text += String.fromCharCode(ESCAPE + bytes[end++]);
   }
+  return text;
 }
 
 function encode(text) {
