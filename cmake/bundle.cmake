@@ -1,0 +1,72 @@
+# The application bundle: what is in it, how it is installed and packed. Expects the targets
+# card-reader-agent and pcProxAPI, and BUNDLE_CONTENTS, the bundle's Contents folder in the build.
+
+set(PCPROX_API_LIBRARY "" CACHE FILEPATH
+  "The reader maker's library, to bundle in place of the virtual reader's")
+set(CARD_READER_BUNDLE_IDENTIFIER "local.card-reader-agent" CACHE STRING
+  "The bundle's identifier; who ships the agent puts theirs")
+
+get_filename_component(bundle ${BUNDLE_CONTENTS} DIRECTORY)
+get_filename_component(bundle_name ${bundle} NAME)
+set(bundled_library ${CMAKE_SHARED_LIBRARY_PREFIX}pcProxAPI${CMAKE_SHARED_LIBRARY_SUFFIX})
+set(bundled_library_path ${BUNDLE_CONTENTS}/Frameworks/${bundled_library})
+
+# Either library has the same name in the bundle. Without this, the one that a build folder was
+# configured with before would pass for up to date.
+if(NOT "${PCPROX_API_LIBRARY}" STREQUAL "${bundled_before}")
+  file(REMOVE ${bundled_library_path})
+  set(bundled_before "${PCPROX_API_LIBRARY}" CACHE INTERNAL "PCPROX_API_LIBRARY of the last run")
+endif()
+
+# The agent links with the virtual reader's library in either case: that one's own name is the path
+# in the bundle, and whatever file lies there is loaded, under whatever name its maker gave it.
+set(check_library ${CMAKE_COMMAND} -D NM=${CMAKE_NM} -D SYSTEM=${CMAKE_SYSTEM_NAME}
+  -D ARCHITECTURES=${CMAKE_OSX_ARCHITECTURES} -D HEADER=${CMAKE_SOURCE_DIR}/src/pc_prox_api.h)
+set(check_library_script ${CMAKE_CURRENT_LIST_DIR}/check_reader_library.cmake)
+if(PCPROX_API_LIBRARY)
+  get_filename_component(library_to_bundle "${PCPROX_API_LIBRARY}" REALPATH
+    BASE_DIR ${CMAKE_SOURCE_DIR})
+  if(NOT EXISTS "${library_to_bundle}" OR IS_DIRECTORY "${library_to_bundle}")
+    message(FATAL_ERROR "PCPROX_API_LIBRARY: there is no such file: ${PCPROX_API_LIBRARY}")
+  endif()
+  set(library_origin "")
+  message(STATUS "Bundling the reader library ${library_to_bundle}")
+  set_target_properties(pcProxAPI PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/link_interface)
+  add_custom_target(bundle ALL
+    COMMAND ${check_library} -D "LIBRARY=${library_to_bundle}" -P ${check_library_script}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${BUNDLE_CONTENTS}/Frameworks
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different "${library_to_bundle}" ${bundled_library_path}
+    COMMENT "Bundling the reader library ${library_to_bundle}" VERBATIM)
+else()
+  set(library_origin "-virtual-reader")
+  message(STATUS "Bundling the virtual reader's library")
+  add_custom_target(bundle ALL
+    COMMAND ${check_library} -D LIBRARY=${bundled_library_path} -P ${check_library_script}
+    COMMENT "Bundling the virtual reader's library" VERBATIM)
+  add_dependencies(bundle pcProxAPI)
+endif()
+# So that building the agent alone also gives a bundle that runs.
+add_dependencies(card-reader-agent bundle)
+
+set(minimum_system "${CMAKE_OSX_DEPLOYMENT_TARGET}")
+if(NOT minimum_system)
+  set(minimum_system 10.11)
+endif()
+configure_file(${CMAKE_SOURCE_DIR}/packaging/Info.plist.in ${BUNDLE_CONTENTS}/Info.plist @ONLY)
+
+install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents)
+install(TARGETS card-reader-agent RUNTIME DESTINATION ${bundle_name}/Contents/MacOS)
+# As a program, so that a maker's library keeps every byte, and with it its signature.
+install(PROGRAMS ${bundled_library_path} DESTINATION ${bundle_name}/Contents/Frameworks)
+
+set(CPACK_GENERATOR TGZ)
+if(APPLE)
+  set(CPACK_GENERATOR ZIP)
+endif()
+set(CPACK_PACKAGE_NAME card-reader-agent)
+set(CPACK_PACKAGE_VENDOR "")
+set(CPACK_PACKAGE_FILE_NAME card-reader-agent-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}${library_origin})
+set(CPACK_PACKAGE_CHECKSUM SHA256)
+set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
+include(CPack)
