@@ -1,0 +1,171 @@
+#include "wire.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace virtual_reader {
+
+namespace {
+
+#ifdef MSG_NOSIGNAL
+constexpr int send_flags = MSG_NOSIGNAL;
+#else
+constexpr int send_flags = 0;  // SO_NOSIGPIPE does it
+#endif
+
+struct greeting {
+  char magic[4];
+  std::uint32_t version;
+};
+constexpr greeting own_greeting = {{'V', 'R', 'd', 'r'}, protocol_version};
+
+bool receive_bytes(int socket, void* bytes, std::size_t size, moment until) {
+  for (char* place = static_cast<char*>(bytes); size > 0;) {
+    const ssize_t count = recv(socket, place, size, 0);
+    if (count > 0) {
+      place += count;
+      size -= static_cast<std::size_t>(count);
+    } else if (count == 0 || (errno != EINTR && errno != EAGAIN) ||
+               (errno == EAGAIN && !wait_for(socket, POLLIN, until))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void append_size(std::string* bytes, std::size_t size) {
+  const auto number = static_cast<std::uint32_t>(size);
+  bytes->append(reinterpret_cast<const char*>(&number), sizeof number);
+}
+
+// Takes `size` bytes off the front of what is left; false when there are fewer.
+bool take(const char*& place, std::size_t& left, void* out, std::size_t size) {
+  if (left < size) return false;
+  if (size > 0) std::memcpy(out, place, size);
+  place += size;
+  left -= size;
+  return true;
+}
+
+}  // namespace
+
+int adopt_socket(int descriptor) {
+  const int socket = descriptor < 0 ? -1 : fcntl(descriptor, F_DUPFD_CLOEXEC, 3);
+  if (descriptor >= 0) close(descriptor);
+  if (socket < 0) return -1;
+  fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK);
+#ifdef SO_NOSIGPIPE
+  const int on = 1;
+  setsockopt(socket, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
+  return socket;
+}
+
+int new_socket() { return adopt_socket(::socket(AF_UNIX, SOCK_STREAM, 0)); }
+
+int connect_to(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  path.copy(address.sun_path, path.size());
+  const int socket = new_socket();
+  if (socket < 0) return -1;
+  if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    return socket;
+  }
+  const int error = errno;
+  close(socket);
+  errno = error;
+  return -1;
+}
+
+bool wait_for(int socket, short events, moment until) {
+  for (;;) {
+    int limit = -1;
+    if (until != never) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+      limit = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 1 << 30));
+    }
+    pollfd entry{socket, events, 0};
+    const int count = poll(&entry, 1, limit);
+    if (count > 0) return true;
+    if (count == 0 || errno != EINTR) return false;
+  }
+}
+
+bool send_bytes(int socket, const void* bytes, std::size_t size, moment until) {
+  for (const char* place = static_cast<const char*>(bytes); size > 0;) {
+    const ssize_t count = send(socket, place, size, send_flags);
+    if (count >= 0) {
+      place += count;
+      size -= static_cast<std::size_t>(count);
+    } else if ((errno != EINTR && errno != EAGAIN) ||
+               (errno == EAGAIN && !wait_for(socket, POLLOUT, until))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The size of what follows, the count of numbers, the numbers, then each text after its size; all
+// in this machine's own byte order.
+bool send_message(int socket, const message& message, moment until) {
+  std::string bytes;
+  append_size(&bytes, message.numbers.size());
+  bytes.append(reinterpret_cast<const char*>(message.numbers.data()),
+               message.numbers.size() * sizeof(std::int64_t));
+  for (const std::string& text : message.texts) {
+    append_size(&bytes, text.size());
+    bytes += text;
+  }
+  std::string head;
+  append_size(&head, bytes.size());
+  bytes.insert(0, head);
+  return send_bytes(socket, bytes.data(), bytes.size(), until);
+}
+
+std::optional<message> receive_message(int socket, std::size_t size_limit, moment until) {
+  std::uint32_t size = 0;
+  if (!receive_bytes(socket, &size, sizeof size, until) || size > size_limit) return {};
+  std::vector<char> bytes(size);
+  if (!receive_bytes(socket, bytes.data(), size, until)) return {};
+
+  const char* place = bytes.data();
+  std::size_t left = size;
+  std::uint32_t count = 0;
+  if (!take(place, left, &count, sizeof count) || count > left / sizeof(std::int64_t)) return {};
+  message message;
+  message.numbers.resize(count);
+  take(place, left, message.numbers.data(), count * sizeof(std::int64_t));
+  while (left > 0) {
+    if (!take(place, left, &count, sizeof count) || count > left) return {};
+    message.texts.emplace_back(place, count);
+    place += count;
+    left -= count;
+  }
+  return message;
+}
+
+std::optional<std::uint32_t> exchange_greetings(int socket) {
+  const moment until = in(greeting_limit);
+  greeting peer{};
+  if (!send_bytes(socket, &own_greeting, sizeof own_greeting, until) ||
+      !receive_bytes(socket, &peer, sizeof peer, until) ||
+      !std::equal(peer.magic, peer.magic + 4, own_greeting.magic)) {
+    return {};
+  }
+  return peer.version;
+}
+
+}  // namespace virtual_reader

@@ -1,0 +1,67 @@
+// What the library and the device say to each other. Both send a greeting first; then the library
+// sends a message for each call, and the device answers it with one reply, before which it may
+// send interim messages. Nothing here throws but std::bad_alloc.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace virtual_reader {
+
+// To be raised with every change of what is sent.
+constexpr std::uint32_t protocol_version = 1;
+
+using moment = std::chrono::steady_clock::time_point;
+constexpr moment never = moment::max();
+inline moment in(std::chrono::milliseconds time) { return std::chrono::steady_clock::now() + time; }
+
+// How long a peer may take: to greet, and for a whole message or reply.
+constexpr std::chrono::milliseconds greeting_limit{1000};
+constexpr std::chrono::milliseconds message_limit{5000};
+
+// A call: texts = {its name}, numbers = {count of arguments, arguments ..., what the library adds
+// from its own state ...}.
+// An answer: numbers = {one of message_kind, ...} as there.
+struct message {
+  std::vector<std::int64_t> numbers;
+  std::vector<std::string> texts;
+};
+
+enum message_kind : std::int64_t {
+  reply = 0,     // result, error number, whether calls that need no device are wanted, values ...;
+                 // texts: the result, if the call returns a text that is not null
+  patience = 1,  // the reply takes that many milliseconds longer than usual; negative: no limit
+  say = 2,       // length to tell, whether on a thread of its own; texts: what to say
+};
+
+// The most bytes of a call and of an answer; a peer that announces more is not listened to.
+constexpr std::size_t call_size_limit = 4096;
+constexpr std::size_t answer_size_limit = std::size_t{1} << 21;
+
+// Sockets are non-blocking, closed on exec, raise no SIGPIPE and are never descriptor 0, 1 or 2.
+// Both functions return -1 on failure, with errno set.
+int new_socket();
+// Takes over a descriptor, giving it the properties above.
+int adopt_socket(int descriptor);
+
+// A stream to whoever listens on the path, without waiting; -1 when nobody does.
+int connect_to(const std::string& path);
+
+// Waits for what poll(2) calls `events`; false when that didn't come in time.
+bool wait_for(int socket, short events, moment until);
+
+// False when the peer has gone or did not take or give everything in time.
+bool send_bytes(int socket, const void* bytes, std::size_t size, moment until);
+bool send_message(int socket, const message& message, moment until);
+
+// Nothing when the peer has gone, was late, or sent what is no message.
+std::optional<message> receive_message(int socket, std::size_t size_limit, moment until);
+
+// Sends a greeting and returns the version in the peer's; nothing when none came in time.
+std::optional<std::uint32_t> exchange_greetings(int socket);
+
+}  // namespace virtual_reader
