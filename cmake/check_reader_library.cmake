@@ -21,7 +21,7 @@ endif()
 execute_process(COMMAND ${NM} ${options} "${LIBRARY}"
   OUTPUT_VARIABLE symbols ERROR_VARIABLE complaint RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
-  message(FATAL_ERROR "not a reader library: ${LIBRARY}: ${complaint}")
+  message(FATAL_ERROR "  not a reader library: ${LIBRARY}: ${complaint}")
 endif()
 
 set(missing "")
@@ -32,5 +32,6 @@ foreach(function IN LISTS functions)
 endforeach()
 if(missing)
   list(JOIN missing ", " missing)
-  message(FATAL_ERROR "${LIBRARY} lacks functions of the reader library: ${missing}")
+  # An indented line is printed as it is, however long.
+  message(FATAL_ERROR "  ${LIBRARY} lacks functions of the reader library: ${missing}")
 endif()
