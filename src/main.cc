@@ -1,0 +1,3 @@
+#include "agent.h"
+
+int main() { return run_agent(); }

@@ -1,0 +1,36 @@
+// The output channel: everything the agent tells its host passes through it, a text line at a time.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// The batch of lines waiting to be written, and the writer that empties it. There is one instance
+// (see globals.h); the writer thread runs `loop`, and any thread may call the rest.
+//
+// `mutex` is held while a batch is written, so that producers wait for a host that does not read:
+// the agent never holds more output in memory than one batch and what one producer adds to it.
+// Never take another lock, and never call the reader library, while holding it.
+class output_str_state {
+ public:
+  // Appends a line, without its line feed, and wakes the writer. The bytes are written unchanged.
+  // A line handed in after the writer has ended is never written.
+  void push_line(std::string text);
+
+  // Makes `loop` return once the lines pending then are written. Asking twice changes nothing.
+  void request_stop();
+
+  // Writes batches until asked to stop: every line and its line feed, in order. A failed write is
+  // neither reported nor retried; from then on all lines are dropped.
+  void loop();
+
+ private:
+  void write_batch();
+
+  std::mutex mutex;
+  std::condition_variable cond;
+  std::vector<std::string> lines;  // guarded by mutex; keeps its capacity between batches
+  std::atomic<bool> stop{false};   // set under mutex, so that a writer about to wait can't miss it
+};

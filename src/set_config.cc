@@ -1,0 +1,144 @@
+#include "set_config.h"
+
+#include <initializer_list>
+
+#include "globals.h"
+
+// One of the library's records: how the host, the library and the agent name its parts.
+template <typename T>
+struct set_config::record_kind {
+  struct named_field {
+    const char* name;
+    pc_prox::field T::*place;
+  };
+  using operation = pc_prox::status (pc_prox::pc_prox_api::*)(T*) const;
+
+  const char* type_name;
+  operation get;
+  const char* get_name;
+  operation set;
+  const char* set_name;
+  std::initializer_list<named_field> fields;
+};
+
+// A record on its way from the library and back. What is left of its values when it is destroyed
+// was not accepted for it, and is told to the host.
+template <typename T>
+class set_config::set_config_helper {
+ public:
+  set_config_helper(const char* type, values_map batch)
+      : values(std::move(batch)), type_name(type) {}
+  set_config_helper(const set_config_helper&) = delete;
+  set_config_helper& operator=(const set_config_helper&) = delete;
+  ~set_config_helper() {
+    for (const auto& [name, value] : values) {
+      globals::out_state().push_line("Log: Ignoring unexpected setting " + type_name + "." + name +
+                                     "=" + std::to_string(value));
+    }
+  }
+
+  void take(const char* name, pc_prox::field T::*place) {
+    const auto found = values.find(name);
+    if (found == values.end()) return;
+    record.*place = static_cast<pc_prox::field>(found->second);  // the low 16 bits, by intent
+    values.erase(found);
+  }
+
+  bool unused() const { return values.empty(); }
+
+  // The record failed as a whole, so there is nothing to say of its settings.
+  void forget() { values.clear(); }
+
+  T record{};
+
+ private:
+  values_map values;
+  std::string type_name;
+};
+
+template <typename T>
+const char* set_config::apply(const record_kind<T>& kind) {
+  const auto found = settings.find(kind.type_name);
+  if (found == settings.end()) return nullptr;
+  set_config_helper<T> helper(kind.type_name, std::move(found->second));
+  settings.erase(found);
+  if (helper.unused()) return nullptr;
+
+  const pc_prox::pc_prox_api& api = globals::api();
+  if ((api.*kind.get)(&helper.record) == 0) {
+    helper.forget();
+    return kind.get_name;
+  }
+  for (const auto& field : kind.fields) helper.take(field.name, field.place);
+  if ((api.*kind.set)(&helper.record) == 0) {
+    helper.forget();
+    return kind.set_name;
+  }
+  return nullptr;
+}
+
+action_result set_config::execute_impl() {
+  using namespace pc_prox;
+  using binding = pc_prox_api;
+  if (globals::api().ReadCfg() == 0) return {false, "Failed to read reader config"};
+
+  const char* failed = apply<sIDBitCnts>({"tsIDBitCnts",
+                                          &binding::GetIDBitCnts,
+                                          "GetIDBitCnts",
+                                          &binding::SetIDBitCnts,
+                                          "SetIDBitCnts",
+                                          {{"iLeadParityBitCnt", &sIDBitCnts::iLeadParityBitCnt},
+                                           {"iTrailParityBitCnt", &sIDBitCnts::iTrailParityBitCnt},
+                                           {"iTotalBitCnt", &sIDBitCnts::iTotalBitCnt}}});
+  if (!failed) {
+    failed = apply<sCfgFlags>({"tsCfgFlags",
+                               &binding::GetFlags,
+                               "GetFlags",
+                               &binding::SetFlags,
+                               "SetFlags",
+                               {{"bFrcBitCntEx", &sCfgFlags::bFrcBitCntEx},
+                                {"bSndOnRx", &sCfgFlags::bSndOnRx},
+                                {"bHaltKBSnd", &sCfgFlags::bHaltKBSnd}}});
+  }
+  if (!failed) {
+    failed = apply<sTimeParms>({"tsTimeParms",
+                                &binding::GetTimeParms,
+                                "GetTimeParms",
+                                &binding::SetTimeParms,
+                                "SetTimeParms",
+                                {{"iBitStrmTO", &sTimeParms::iBitStrmTO},
+                                 {"iIDHoldTO", &sTimeParms::iIDHoldTO},
+                                 {"iIDLockOutTm", &sTimeParms::iIDLockOutTm}}});
+  }
+  if (!failed) {
+    failed = apply<sCfgFlags2>({"tsCfgFlags2",
+                                &binding::GetFlags2,
+                                "GetFlags2",
+                                &binding::SetFlags2,
+                                "SetFlags2",
+                                {{"bWiegInvData", &sCfgFlags2::bWiegInvData},
+                                 {"bUseInvDataF", &sCfgFlags2::bUseInvDataF},
+                                 {"bRevWiegBits", &sCfgFlags2::bRevWiegBits},
+                                 {"bBeepID", &sCfgFlags2::bBeepID},
+                                 {"bRevBytes", &sCfgFlags2::bRevBytes}}});
+  }
+  if (!failed) {
+    failed = apply<sLEDCtrl>({"tsLEDCtrl",
+                              &binding::GetLEDCtrl,
+                              "GetLEDCtrl",
+                              &binding::SetLEDCtrl,
+                              "SetLEDCtrl",
+                              {{"bAppCtrlsLED", &sLEDCtrl::bAppCtrlsLED},
+                               {"iRedLEDState", &sLEDCtrl::iRedLEDState},
+                               {"iGrnLEDState", &sLEDCtrl::iGrnLEDState}}});
+  }
+  if (failed) {
+    return {false, std::string("Call to ") + failed + " failed; settings will not be set"};
+  }
+
+  for (const auto& [type, values] : settings) {
+    globals::out_state().push_line("Log: Ignoring unexpected setting type " + type);
+  }
+  if (globals::api().WriteCfg() == 0) return {false, "Failed to write reader config"};
+  return {true, {}};
+}

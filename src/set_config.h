@@ -1,0 +1,35 @@
+// The reader configuration command.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "card_reader_state.h"
+
+// Changes the reader's configuration: each record that the batch names is read, changed in the
+// fields named and written back whole, between one ReadCfg and one WriteCfg. Unknown types and
+// names become log lines; a library call that fails ends the batch and names itself in the message.
+struct set_config : action {
+  // Setting name to value.
+  using values_map = std::unordered_map<std::string, std::int32_t>;
+  // Setting type, that is the record, to its values.
+  using settings_map = std::unordered_map<std::string, values_map>;
+
+  set_config(std::string target, settings_map batch)
+      : action(std::move(target), false), settings(std::move(batch)) {}
+  action_result execute_impl() override;
+
+  settings_map settings;  // consumed by execute_impl
+
+ private:
+  template <typename T>
+  struct record_kind;
+  template <typename T>
+  class set_config_helper;
+
+  // Applies the batch's settings for one record. Returns the failed operation's name, or null.
+  template <typename T>
+  const char* apply(const record_kind<T>& kind);
+};

@@ -1,0 +1,20 @@
+// The process's standard input and standard output as plain byte streams.
+//
+// They stand on the system's descriptors, since a host may leave its end of a pipe in non-blocking
+// mode, which the agent then shares: the language's own streams would take "nothing there yet" for
+// a failure and lose the line. Both functions wait instead, without polling, and go on after
+// interrupted calls.
+#pragma once
+
+#include <cstddef>
+
+// Outcome of one `read_input`.
+enum class input_status { data, end, failed };
+
+// Reads what standard input has, at most `size` bytes, and waits until there is something. Sets
+// `*length` to the number of bytes read, 0 unless the outcome is `data`. Input thread only.
+input_status read_input(char* buffer, std::size_t size, std::size_t* length);
+
+// Writes all `size` bytes to standard output, waiting for the host to read when it is behind. Once
+// a write has failed, this call and all later ones drop their bytes. Writer thread only.
+void write_output(const char* bytes, std::size_t size);

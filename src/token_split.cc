@@ -1,0 +1,11 @@
+#include "token_split.h"
+
+#include "white_space.h"
+
+token_and_rest token_split(std::string_view text) {
+  std::size_t begin = 0;
+  while (begin < text.size() && is_white_space(text[begin])) ++begin;
+  std::size_t end = begin;
+  while (end < text.size() && !is_white_space(text[end])) ++end;
+  return {text.substr(begin, end - begin), text.substr(end)};
+}
