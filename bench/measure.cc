@@ -1,0 +1,236 @@
+// Takes one measurement of one server and prints it as lines of a name and a number.
+//
+//   measure KIND COUNT CPUS DIALECT COMMAND...
+//
+// CPUS: a list such as 0 or 0,1, for this program and the server. DIALECT: agent, echo or nop.
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "device.h"
+#include "server.h"
+
+namespace {
+
+std::int64_t now() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+// What a server is asked for the n-th time, and what it has to answer.
+struct dialect {
+  std::function<std::string(long)> request;
+  std::function<std::string(long)> answer;
+  std::string greeting;  // written unasked by a server that starts
+};
+
+const dialect& dialect_named(const std::string& name) {
+  static const auto ping = [](long n) { return "Global:Ping " + std::to_string(n) + "\n"; };
+  static const std::map<std::string, dialect> dialects = {
+      {"agent", {ping, [](long n) { return "Ok:  " + std::to_string(n) + "\n"; }, ""}},
+      {"echo", {ping, ping, ""}},
+      {"nop",
+       {[](long) { return "NOP\n"; }, [](long) { return "OK\n"; },
+        "OK GNU Privacy Guard's Smartcard server ready\n"}}};
+  const auto found = dialects.find(name);
+  if (found == dialects.end()) fail("no such dialect: " + name);
+  return found->second;
+}
+
+void print(const char* name, double value) { std::printf("%s %.9g\n", name, value); }
+
+void expect(const std::string& text, const std::string& expected) {
+  if (text != expected) fail("expected " + expected + "received " + text);
+}
+
+long own_switches() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_nvcsw + usage.ru_nivcsw;
+}
+
+// Waits for the answer to the first request, which was in the pipe before the server started.
+void await_start(const server& peer, const dialect& talk) {
+  std::string text;
+  while (text.size() < talk.greeting.size() + talk.answer(0).size()) text += peer.receive_lines();
+  expect(text, talk.greeting + talk.answer(0));
+}
+
+void measure_start(long count, const dialect& talk, char* const command[]) {
+  std::vector<std::int64_t> times;
+  for (long i = 0; i < count; ++i) {
+    const std::int64_t begin = now();
+    const server peer(command, talk.request(0));
+    await_start(peer, talk);
+    times.push_back(now() - begin);
+  }
+  std::sort(times.begin(), times.end());
+  print("start_us", static_cast<double>(times[times.size() / 2]) / 1e3);
+}
+
+void measure_pings(long count, const dialect& talk, char* const command[]) {
+  constexpr long warm_up = 1000;
+  const server peer(command, talk.request(0));
+  await_start(peer, talk);
+  std::vector<std::int64_t> times;
+  times.reserve(static_cast<std::size_t>(count));
+  long switches = 0;
+  long client_switches = 0;
+  for (long n = -warm_up; n < count; ++n) {
+    if (n == 0) {
+      switches = peer.switches();
+      client_switches = own_switches();
+    }
+    const std::string request = talk.request(n);
+    const std::int64_t begin = now();
+    peer.send(request.data(), request.size());
+    const std::string answer = peer.receive_lines();
+    const std::int64_t end = now();
+    expect(answer, talk.answer(n));
+    if (n >= 0) times.push_back(end - begin);
+  }
+  client_switches = own_switches() - client_switches;
+  switches = peer.switches() - switches;
+  std::sort(times.begin(), times.end());
+  print("p50_us", static_cast<double>(times[times.size() / 2]) / 1e3);
+  print("p99_us", static_cast<double>(times[times.size() * 99 / 100]) / 1e3);
+  print("resident_kib", static_cast<double>(peer.resident()));
+  print("switches", static_cast<double>(switches) / static_cast<double>(count));
+  print("client_switches", static_cast<double>(client_switches) / static_cast<double>(count));
+}
+
+// All requests as fast as the server takes them, while every answer is compared.
+void measure_flood(long count, const dialect& talk, char* const command[]) {
+  std::string requests;
+  std::string expected;
+  for (long n = 0; n < count; ++n) {
+    requests += talk.request(n);
+    expected += talk.answer(n);
+  }
+  const server peer(command, talk.request(0));
+  await_start(peer, talk);
+  const std::int64_t begin = now();
+  std::thread sender([&] { peer.send(requests.data(), requests.size()); });
+  std::vector<char> buffer(64 * 1024);
+  for (std::size_t checked = 0; checked < expected.size();) {
+    const std::size_t size = peer.receive(buffer.data(), buffer.size());
+    if (expected.compare(checked, size, buffer.data(), size) != 0) fail("a wrong answer");
+    checked += size;
+  }
+  const double seconds = static_cast<double>(now() - begin) / 1e9;
+  sender.join();
+  print("lines_per_s", static_cast<double>(count) / seconds);
+}
+
+device& attached_device() {
+  device* const page = open_device();
+  if (!page) fail("there is no device page");
+  page->attached = 1;
+  return *page;
+}
+
+// Waits for the agent's word that it has a reader, and returns the reader's name.
+std::string await_reader(const server& peer) {
+  static const std::string before = "Reader: ";
+  std::string text;
+  while (text.find("'BENCH'\n") == std::string::npos) text += peer.receive_lines();
+  const std::size_t name = text.find(before) + before.size();
+  return text.substr(name, text.find('\n', name) - name);
+}
+
+// The memory of commands that pile up while the library is in a call.
+void measure_pending(long count, const dialect& talk, char* const command[]) {
+  device& page = attached_device();
+  sem_init(&page.release, 1, 0);
+  page.busy = 0;
+  const server peer(command, "");
+  const std::string beep = await_reader(peer) + ":Beep short 1\n";
+  peer.send(beep.data(), beep.size());
+  while (!page.busy) usleep(1000);
+  const long before = peer.resident();
+  for (long n = 0; n < count; ++n) {
+    const std::string request = talk.request(n);
+    peer.send(request.data(), request.size());
+  }
+  while (!peer.has_read_all()) usleep(1000);
+  print("pending_bytes",
+        static_cast<double>(peer.resident() - before) * 1024 / static_cast<double>(count));
+  sem_post(&page.release);
+  std::string expected = "Ok:\n";
+  for (long n = 0; n < count; ++n) expected += talk.answer(n);
+  std::string answers;
+  while (answers.size() < expected.size()) answers += peer.receive_lines();
+  expect(answers, expected);
+}
+
+// Context switches of an agent left alone; with a device page it has a reader to poll.
+void measure_idle(long seconds, const dialect& talk, char* const command[]) {
+  device* const page = open_device();
+  const server peer(command, talk.request(0));
+  if (page) {
+    page->attached = 1;
+    await_reader(peer);
+  } else {
+    await_start(peer, talk);
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const std::int64_t polls = page ? page->polls.load() : 0;
+  const long switches = peer.switches();
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  const auto switched = static_cast<double>(peer.switches() - switches);
+  if (page) {
+    print("switches_per_poll", switched / static_cast<double>(page->polls - polls));
+  } else {
+    print("idle_switches", switched);
+  }
+}
+
+// From a card at the reader to its line here; and the same from the poll that found it.
+void measure_card(long count, const dialect&, char* const command[]) {
+  device& page = attached_device();
+  const server peer(command, "");
+  await_reader(peer);
+  std::vector<std::int64_t> whole;
+  std::vector<std::int64_t> own;
+  for (long i = 0; i < count; ++i) {
+    // Spread over the poll interval, as cards come.
+    usleep(static_cast<useconds_t>(i * 89'000 % 250'000));
+    const std::int64_t held_up = now();
+    page.card = 1;
+    expect(peer.receive_lines(), "Card: 1111111\n");
+    const std::int64_t end = now();
+    whole.push_back(end - held_up);
+    own.push_back(end - page.found_at);
+  }
+  std::sort(whole.begin(), whole.end());
+  std::sort(own.begin(), own.end());
+  print("card_ms", static_cast<double>(whole[whole.size() / 2]) / 1e6);
+  print("card_own_us", static_cast<double>(own[own.size() / 2]) / 1e3);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  static const std::map<std::string, void (*)(long, const dialect&, char* const*)> kinds = {
+      {"start", measure_start},     {"pings", measure_pings}, {"flood", measure_flood},
+      {"pending", measure_pending}, {"idle", measure_idle},   {"card", measure_card}};
+  const auto kind = argc > 5 ? kinds.find(argv[1]) : kinds.end();
+  if (kind == kinds.end()) fail("usage: measure KIND COUNT CPUS DIALECT COMMAND...");
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  for (const char* at = argv[3]; at; at = std::strchr(at, ',')) {
+    if (*at == ',') ++at;
+    CPU_SET(static_cast<std::size_t>(std::atoi(at)), &cpus);
+  }
+  if (sched_setaffinity(0, sizeof cpus, &cpus) != 0) fail("no such CPUs here");
+  std::signal(SIGPIPE, SIG_IGN);
+  kind->second(std::atol(argv[2]), dialect_named(argv[4]), argv + 5);
+}

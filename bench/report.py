@@ -1,0 +1,192 @@
+"""Runs every measurement, prints the table and draws the picture.
+
+Usage: report.py BUILD_FOLDER SVG ROUNDS
+"""
+
+import math
+import os
+import pathlib
+import platform
+import statistics
+import subprocess
+import sys
+import tempfile
+from typing import NamedTuple
+
+RELAY = "relay"
+AGENT = "agent"
+
+
+class Figure(NamedTuple):
+    title: str
+    unit: str
+    kind: str
+    count: int
+    cpus: str
+    key: str  # as `measure` prints it
+    goal: float  # of the agent's ratio to the relay; 0: none
+    more_is_better: bool = False
+
+
+# Figures of one kind, count and CPUs stand together: they are taken in one go.
+FIGURES = [
+    Figure("round trip, p50", "µs", "pings", 20_000, "0", "p50_us", 0.95),
+    Figure("round trip, p99", "µs", "pings", 20_000, "0", "p99_us", 0),
+    Figure("resident memory after pings", "KiB", "pings", 20_000, "0", "resident_kib", 0.93),
+    Figure("context switches a ping", "", "pings", 20_000, "0", "switches", 0),
+    Figure("flood, one CPU", "lines/s", "flood", 1_000_000, "0", "lines_per_s", 1.0, True),
+    Figure("flood, two CPUs", "lines/s", "flood", 1_000_000, "0,1", "lines_per_s", 1.1, True),
+    Figure("start-up to first answer", "µs", "start", 20, "0", "start_us", 0.75),
+]
+
+# What concerns the agent alone: what `measure` is asked, whether there is a reader, and of each
+# figure its key, title, unit and goal.
+AGENT_FIGURES = [
+    ("pending", 100_000, True,
+     [("pending_bytes", "pending command while the library is busy", "bytes", 160)]),
+    ("idle", 60, True, [("switches_per_poll", "context switches a poll", "", 1)]),
+    ("idle", 60, False, [("idle_switches", "context switches in a minute of 6 searches", "", 6)]),
+    ("card", 40, True,
+     [("card_ms", "card held up to its line", "ms", 0),
+      ("card_own_us", "the same from the poll that finds it", "µs", 0)]),
+]
+
+
+def measure(program, kind, count, cpus, dialect, command, **environment):
+    """One run of the measuring program, as a dictionary of its figures."""
+    done = subprocess.run(
+        [program, kind, str(count), cpus, dialect, *command],
+        capture_output=True, text=True, env={**os.environ, **environment},
+    )
+    if done.returncode != 0:
+        sys.exit(f"{kind} of {command[0]}: {done.stderr}")
+    return {name: float(value) for name, value in map(str.split, done.stdout.splitlines())}
+
+
+def compare(program, servers, rounds, environment):
+    """For every figure and server the list of its values, a round each."""
+    values = {figure: {name: [] for name in servers} for figure in FIGURES}
+    runs = dict.fromkeys(figure[2:5] for figure in FIGURES)
+    for number in range(1, rounds + 1):
+        print(f"round {number} of {rounds}", file=sys.stderr)
+        for run in runs:
+            for name, (dialect, *command) in servers.items():
+                taken = measure(program, *run, dialect, command, **environment)
+                for figure in FIGURES:
+                    if figure[2:5] == run:
+                        values[figure][name].append(taken[figure.key])
+    return values
+
+
+def ratio(values, name, against=RELAY):
+    return statistics.median(a / b for a, b in zip(values[name], values[against]))
+
+
+def number(value):
+    return f"{value:,.0f}" if value >= 100 else f"{value:.3g}"
+
+
+def verdict(value, goal, more_is_better=False):
+    if not goal:
+        return "|  |"
+    met = value >= goal if more_is_better else value <= goal
+    sign = "≥" if more_is_better else "≤"
+    return f"| {sign} {goal:g}{'' if met else ' (missed)'} |"
+
+
+def print_tables(values, servers, alone):
+    print(f"\n| | {' | '.join(servers)} | agent / relay | goal |")
+    print("|---|" + "--:|" * (len(servers) + 2))
+    for figure, measured in values.items():
+        cells = [number(statistics.median(measured[name])) for name in servers]
+        unit = f", {figure.unit}" if figure.unit else ""
+        value = ratio(measured, AGENT)
+        print(f"| {figure.title}{unit} | {' | '.join(cells)} | {value:.2f} "
+              + verdict(value, figure.goal, figure.more_is_better))
+        if figure.title == "flood, one CPU":
+            against = ratio(measured, AGENT, "scdaemon")
+            print("| the same, agent / scdaemon |" + " |" * len(servers)
+                  + f" {against:.2f} " + verdict(against, 5.5, True))
+    print("\n| the agent alone | | goal |\n|---|--:|--:|")
+    for title, unit, goal, value in alone:
+        print(f"| {title} | {number(value)} {unit} " + verdict(value, goal))
+
+
+STYLE = """
+  text { font: 13px sans-serif; fill: #57606a; }
+  .line { stroke: #8c959f; } .goal { stroke: #bc4c00; stroke-width: 2; }
+  .agent { fill: #0969da; } .cat { fill: #8250df; } .scdaemon { fill: #1a7f37; }
+  @media (prefers-color-scheme: dark) {
+    text { fill: #b1bac4; } .goal { stroke: #f0883e; }
+    .agent { fill: #58a6ff; } .cat { fill: #bc8cff; } .scdaemon { fill: #3fb950; }
+  }"""
+
+
+def draw(values, servers, path):
+    """A row a figure, a dot a server, on a logarithmic axis where the relay is 1."""
+    left, width, row, top = 210, 480, 34, 60
+    low, high = math.log(1 / 32), math.log(32)
+
+    def x(value):
+        return left + width * min(max((math.log(value) - low) / (high - low), 0), 1)
+
+    bottom = top + row * len(values)
+    out = [f'<svg xmlns="http://www.w3.org/2000/svg" role="img"'
+           f' viewBox="0 0 {left + width + 30} {bottom + 30}">'
+           f"<title>The agent and others, against a bare relay</title><style>{STYLE}\n</style>"]
+    others = [name for name in servers if name != RELAY]
+    for i, name in enumerate(others):
+        out.append(f'<circle class="{name}" cx="{left + 10 + 90 * i}" cy="20" r="5"/>'
+                   f'<text x="{left + 20 + 90 * i}" y="25">{name}</text>')
+    goal_x = left + 10 + 90 * len(others)
+    out.append(f'<path class="goal" d="M{goal_x} 12v16"/>'
+               f'<text x="{goal_x + 8}" y="25">goal of the agent</text>')
+    for tick in (1 / 16, 1 / 4, 1, 4, 16):
+        label = f"{tick:g}" if tick >= 1 else f"1/{1 / tick:g}"
+        at = f"{x(tick):.1f}"
+        dash = "" if tick == 1 else ' stroke-dasharray="2 4"'
+        out.append(f'<path class="line" d="M{at} {top - 10}V{bottom}"{dash}/>'
+                   f'<text x="{at}" y="{bottom + 18}" text-anchor="middle">{label}</text>')
+    for i, (figure, measured) in enumerate(values.items()):
+        y = top + row * i + row // 2
+        hint = " ↑" if figure.more_is_better else ""
+        out.append(f'<text x="{left - 10}" y="{y + 4}" text-anchor="end">'
+                   f"{figure.title}{hint}</text>")
+        if figure.goal:
+            out.append(f'<path class="goal" d="M{x(figure.goal):.1f} {y - 9}v18"/>')
+        for name in reversed(others):
+            value = ratio(measured, name)
+            out.append(f'<circle class="{name}" cx="{x(value):.1f}" cy="{y}" r="5">'
+                       f"<title>{name}: {value:.2f} times the relay</title></circle>")
+    path.write_text("\n".join(out) + "\n</svg>\n")
+
+
+def main():
+    build, svg, rounds = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), int(sys.argv[3])
+    program = str(build / "measure")
+    agent = str(build / "Bench.app/Contents/MacOS/card-reader-agent")
+    servers = {
+        AGENT: ("agent", agent),
+        RELAY: ("echo", str(build / "relay")),
+        "cat": ("echo", "cat"),
+        "scdaemon": ("nop", "/usr/lib/gnupg/scdaemon", "--server"),
+    }
+    load = os.getloadavg()[0]
+    with tempfile.TemporaryDirectory() as folder:
+        (pathlib.Path(folder) / "scdaemon.conf").write_text("disable-ccid\n")
+        values = compare(program, servers, rounds, {"GNUPGHOME": folder})
+        print("two minutes of an idle agent, then cards", file=sys.stderr)
+        alone = []
+        page = pathlib.Path(folder) / "device"
+        for kind, count, reader, figures in AGENT_FIGURES:
+            page.write_bytes(bytes(4096))
+            environment = {"BENCH_DEVICE": str(page)} if reader else {}
+            taken = measure(program, kind, count, "0,1", "agent", (agent,), **environment)
+            alone += [(title, unit, goal, taken[key]) for key, title, unit, goal in figures]
+    print(f"{rounds} rounds; {platform.system()} {platform.release()}, {os.cpu_count()} CPUs,"
+          f" load {load:.2f} before")
+    print_tables(values, servers, alone)
+    draw(values, servers, svg)
+
+
+main()
