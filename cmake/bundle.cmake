@@ -11,8 +11,8 @@ get_filename_component(bundle_name ${bundle} NAME)
 set(bundled_library ${CMAKE_SHARED_LIBRARY_PREFIX}pcProxAPI${CMAKE_SHARED_LIBRARY_SUFFIX})
 set(bundled_library_path ${BUNDLE_CONTENTS}/Frameworks/${bundled_library})
 
-# Either library has the same name in the bundle. Without this, the one that a build folder was
-# configured with before would pass for up to date.
+# Either library has the same name in the bundle, and when the new one is refused, the one that this
+# build folder was configured with before must not pass for it.
 if(NOT "${PCPROX_API_LIBRARY}" STREQUAL "${bundled_before}")
   file(REMOVE ${bundled_library_path})
   set(bundled_before "${PCPROX_API_LIBRARY}" CACHE INTERNAL "PCPROX_API_LIBRARY of the last run")
