@@ -1,0 +1,107 @@
+// More of everything than any host will send, in a short time.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "bench.h"
+#include "process_figures.h"
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+// Sanitizers make a program some ten times slower.
+#ifdef SANITIZED
+constexpr int scale = 10;
+#else
+constexpr int scale = 1;
+#endif
+
+// Sends that many pings in large pieces while the caller reads.
+void send_pings(agent_process& agent, int first, int count) {
+  std::string piece;
+  for (int i = first; i < first + count; ++i) {
+    piece += "Global:Ping " + std::to_string(i) + "\n";
+    if (piece.size() > 60000 || i == first + count - 1) {
+      agent.send(piece);
+      piece.clear();
+    }
+  }
+}
+
+// Reads their answers; stops at the first that is wrong.
+void expect_pongs(agent_process& agent, int first, int count) {
+  for (int i = first; i < first + count; ++i) {
+    const std::string line = agent.next_line_but_cards();
+    if (line == "Ok:  " + std::to_string(i)) continue;
+    ADD_FAILURE() << line << " instead of the answer " << i;
+    return;
+  }
+}
+
+TEST(Storm, OfReplugsLosesNoCardAndRepeatsNoName) {
+  bench b({"part none"}, TEST_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "1"}});
+  std::uint64_t number = std::stoull(b.await_reader().substr(3));
+  for (int i = 0; i < 1000 / scale; ++i) {
+    const std::string card = std::to_string(100000 + i);
+    b.run("card queue " + card);
+    ASSERT_EQ(b.agent->next_line(), "Card: " + card);
+    b.run("replug");
+    ASSERT_EQ(b.agent->next_line(), "Reader: Dev" + std::to_string(++number));
+  }
+  EXPECT_EQ(b.agent->finish(), 0);
+}
+
+TEST(Storm, OfCommandsIsAnsweredInOrderAndLeavesNoMemoryBehind) {
+  const int flood = 5000000 / scale;
+  bench b({"unplug"});
+  long resident[3] = {};
+  for (int round = 0; round < 3; ++round) {
+    std::thread host([&] { send_pings(*b.agent, 0, flood); });
+    expect_pongs(*b.agent, 0, flood);
+    host.join();
+    EXPECT_EQ(b.agent->ask("Global:Ping"), "Ok:");
+    resident[round] = resident_kib(b.agent->pid());
+  }
+  RecordProperty("resident KiB", std::to_string(resident[0]) + " " + std::to_string(resident[1]) +
+                                     " " + std::to_string(resident[2]));
+#ifndef SANITIZED
+  EXPECT_LE(resident[2], resident[0] + resident[0] / 4 + 512) << "grows from flood to flood";
+#endif
+  EXPECT_EQ(b.agent->finish(), 0);
+}
+
+TEST(Storm, WithAHostThatStopsReadingLosesNothing) {
+  const int count = 1000000 / scale;
+  bench b({"unplug"});
+  const auto start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::duration sending{};
+  std::thread host([&] {
+    send_pings(*b.agent, 0, count);
+    sending = std::chrono::steady_clock::now() - start;
+  });
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  expect_pongs(*b.agent, 0, count);
+  host.join();
+  EXPECT_LT(sending, std::chrono::seconds(5)) << "its sending was held up";
+  EXPECT_EQ(b.agent->finish(), 0);
+}
+
+TEST(Storm, OfAHundredAgentsStartsAndEnds) {
+  bench b;
+  b.await_reader();
+  std::vector<std::unique_ptr<agent_process>> agents;
+  for (int i = 0; i < 100; ++i) {
+    agents.push_back(std::make_unique<agent_process>(
+        AGENT, agent_process::environment{{"VIRTUAL_READER_SOCKET", b.socket()}}));
+  }
+  for (const auto& agent : agents) agent->send_line("Global:Ping");
+  for (const auto& agent : agents) {
+    agent->close_input();
+    EXPECT_EQ(agent->remaining_lines(), lines{"Ok:"}) << "one agent alone holds the reader";
+    EXPECT_EQ(agent->wait(), 0);
+  }
+  EXPECT_EQ(b.agent->finish(), 0);
+}
+
+}  // namespace
