@@ -2,7 +2,7 @@
 //   node hosts/node/examples/door-list.mjs [AGENT]
 
 import { fileURLToPath } from 'node:url';
-import { CardReaderAgent, CommandError } from '../index.js';
+import { CardReaderAgent } from '../index.js';
 
 const bundle = '../../../build/CardReaderAgent.app/Contents/MacOS/card-reader-agent';
 const path = process.argv[2] ?? fileURLToPath(new URL(bundle, import.meta.url));
@@ -24,7 +24,6 @@ agent.on('card', async (id, reader) => {
     await agent.beep(reader, name ? 1 : 2);
   } catch (error) {
     console.error(error.message);
-    if (!(error instanceof CommandError)) throw error;
   }
 });
 agent.on('end', ({ code, signal }) => console.log(`The agent has ended: ${signal ?? code}`));

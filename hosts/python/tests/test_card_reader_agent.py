@@ -1,0 +1,144 @@
+"""The client against the agent and the virtual reader in BUILD_DIR."""
+
+import asyncio
+import os
+import signal
+import subprocess
+import sys
+import time
+import unittest
+from pathlib import Path
+
+PYTHON = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(PYTHON))
+
+from card_reader_agent import AgentEnded, Attached, CardReaderAgent, CommandError, Gone, Log, Replaced
+from virtual_reader import AGENT, VirtualReader
+
+
+class ClientTest(unittest.IsolatedAsyncioTestCase):
+    def setUp(self):
+        self.reader = VirtualReader()
+        self.addCleanup(self.reader.end)
+
+    async def start(self, *verbs):
+        """Starts an agent and returns it and its events, of which the reader's name was the first."""
+        asyncio.get_running_loop().set_debug(False)
+        self.reader.tell(*verbs)
+        agent = CardReaderAgent(AGENT, env=self.reader.env)
+        await agent.start()
+        self.addAsyncCleanup(agent.close)
+        events = agent.__aiter__()
+        self.assertEqual(await self.next(events, Attached), Attached(agent.reader))
+        return agent, events
+
+    async def next(self, events, kind):
+        while not isinstance(event := await asyncio.wait_for(events.__anext__(), 15), kind):
+            pass
+        return event
+
+    async def test_commands(self):
+        agent, events = await self.start('part "caf\\xe9"', "fail BeepNow error 3")
+        name = agent.reader
+        self.assertRegex(name, r"^Dev\d+-caf\udce9$")  # its bytes are kept, or no command would find it
+        with self.assertRaisesRegex(CommandError, "^Beeping failed with error 3$"):
+            await agent.beep(name)
+        self.assertEqual(await agent.beep(name, 2, "long"), "")
+        self.assertEqual(await agent.ping("  é 17 "), "  é 17")
+        self.reader.tell('say SetLEDCtrl "one\\ntwo"')
+        self.assertEqual(await agent.clear_led(name), "")
+        self.assertEqual(await agent.reset_config(name), "")
+        self.assertEqual(await agent.set_led(name, "amber"), "")
+        settings = {"tsCfgFlags": {"bHaltKBSnd": True, "bSndOnRx": -2}, "tsRecord": {"iField": 1}}
+        self.assertEqual(await agent.reader_config(name, settings), "")
+        effects = r"led amber\n(?s:.*)bSndOnRx=-2 bHaltKBSnd=1\n(?s:.*)beeps 0 short, 2 long"
+        self.assertRegex(self.reader.tell("led", "config"), effects)
+
+        answer = asyncio.ensure_future(agent.ping())
+        await asyncio.sleep(0)  # it is sent, and the end comes right behind it
+        self.assertEqual(await agent.close(), 0)
+        self.assertEqual(await answer, "")
+        with self.assertRaises(AgentEnded):
+            await agent.ping()
+        logs = ["pcProxAPI says one", "two", "Ignoring unexpected setting type tsRecord"]
+        self.assertEqual([event async for event in events][-3:], [Log(text) for text in logs])
+
+    async def test_what_no_line_can_tell_is_not_sent(self):
+        agent, _ = await self.start()
+        for command, message in [
+            (agent.ping("a\nGlobal:Ping b"), "line feed"),
+            (agent.ping("a\0b"), "zero byte"),
+            (agent.ping("é" * 506), "1024 bytes"),
+            (agent.beep(""), "reader name"),
+            (agent.beep("Dev1-A:B"), "reader name"),
+            (agent.reader_config("R", {"a b": {"c": 1}}), "White space"),
+            (agent.reader_config("R", {"a": {"b": 1.5}}), "float"),
+        ]:
+            with self.assertRaisesRegex(ValueError, message):
+                await command
+        self.assertEqual(await agent.ping("x" * 1011), "x" * 1011)  # a line of 1023 bytes
+        with self.assertRaisesRegex(FileNotFoundError, "/nowhere/agent"):
+            await CardReaderAgent("/nowhere/agent").start()
+
+    async def test_replugging_in_the_middle_of_commands(self):
+        agent, events = await self.start()
+        old = agent.reader
+        texts = [str(i) for i in range(200)]
+        beeps = asyncio.gather(*(agent.beep(old) for _ in texts), return_exceptions=True)
+        pings = asyncio.gather(*map(agent.ping, texts))
+        await asyncio.sleep(0)  # they are sent
+        self.reader.tell("replug")
+        self.assertEqual(await self.next(events, Replaced), Replaced(agent.reader, old))
+        self.assertLessEqual({type(result) for result in await beeps}, {str, CommandError})
+        self.assertEqual(await pings, texts)
+        message = f"^Action was for reader {old}, but the current reader is {agent.reader}$"
+        with self.assertRaisesRegex(CommandError, message):
+            await agent.beep(old)
+        self.assertEqual(await agent.beep(agent.reader), "")
+        name = agent.reader
+        self.reader.tell("unplug")
+        self.assertEqual(await self.next(events, Gone), Gone(name))
+        self.assertIsNone(agent.reader)
+
+    async def test_a_host_that_does_not_read_for_a_while_loses_nothing(self):
+        agent, _ = await self.start()
+        texts = [str(i) for i in range(10_000)]
+        pings = asyncio.gather(*map(agent.ping, texts))
+        await asyncio.sleep(0)  # they are sent
+        time.sleep(0.3)  # the pipe fills
+        self.assertEqual(await pings, texts)
+
+    async def test_an_answer_that_nobody_waits_for_keeps_the_others_in_step(self):
+        agent, _ = await self.start("hang BeepNow")
+        with self.assertRaises(asyncio.TimeoutError):
+            await asyncio.wait_for(agent.beep(agent.reader), 0.01)
+        self.reader.tell("release")
+        self.assertEqual(await agent.ping("17"), "17")
+
+    async def test_a_killed_agent_fails_all_that_is_pending(self):
+        agent, events = await self.start("hang BeepNow")
+        pending = asyncio.gather(agent.beep(agent.reader), agent.ping(), return_exceptions=True)
+        await asyncio.sleep(0)  # they are sent
+        self.reader.tell("expect BeepNow")
+        os.kill(agent.pid, signal.SIGKILL)
+        self.assertEqual([error.status for error in await pending], [-signal.SIGKILL] * 2)
+        with self.assertRaisesRegex(AgentEnded, "status -9"):
+            await self.next(events, Gone)
+        with self.assertRaises(AgentEnded):
+            await agent.ping()
+
+    def test_the_door_list(self):
+        command = [sys.executable, PYTHON / "examples/door_list.py", AGENT]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, env=self.reader.env, text=True) as example:
+            self.addCleanup(example.kill)
+            self.assertRegex(example.stdout.readline(), r"^Reader Dev\d+-VR-1 is ready$")
+            told = self.reader.tell("card queue 3AB1234/26", "expect BeepNow", "led")
+            self.assertIn("led green\nbeeps 1 ", told)
+            told = self.reader.tell("card queue 00", "expect BeepNow", "led")
+            self.assertIn("led red\nbeeps 3 ", told)
+            example.terminate()
+            self.assertEqual(example.stdout.read(), "Ada, come in\nCard 00 is not on the list\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
