@@ -49,10 +49,6 @@ endif()
 # So that building the agent alone also gives a bundle that runs.
 add_dependencies(card-reader-agent bundle)
 
-set(minimum_system "${CMAKE_OSX_DEPLOYMENT_TARGET}")
-if(NOT minimum_system)
-  set(minimum_system 10.11)
-endif()
 configure_file(${CMAKE_SOURCE_DIR}/packaging/Info.plist.in ${BUNDLE_CONTENTS}/Info.plist @ONLY)
 
 install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents)
