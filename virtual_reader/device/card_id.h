@@ -12,7 +12,7 @@ struct card_id {
   std::int64_t bits = 0;
 };
 
-// In the notation of the verbs: "3AB1234/26", or "raw BITS VALUE..." when that can't tell it.
+// In the notation of the verbs: "3AB1234/26", or "raw BITS VALUE ..." for what no card has.
 std::string to_text(const card_id&);
 
 // Reads HEX or HEX/BITS. Returns what is wrong with it, or nothing.

@@ -3,49 +3,73 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "words.h"
 
 namespace virtual_reader {
 
+const std::string call_names =
+    "SetMarkerFunction BeepNow GetLastLibErr SetLEDCtrl GetLEDCtrl GetQueuedID GetQueuedID_index "
+    "USBDisconnect SetDevTypeSrch usbConnect getPartNumberString GetDevName ReadCfg WriteCfg "
+    "GetIDBitCnts SetIDBitCnts GetFlags SetFlags GetTimeParms SetTimeParms GetFlags2 SetFlags2 "
+    "ResetFactoryDflts";
+
 namespace {
 
-constexpr std::size_t longest_log = 100'000;
-enum error_number : std::int64_t { no_reader = 1, not_read = 2, held_by_other = 3 };
+using numbers = std::vector<std::int64_t>;
 
-std::string joined(const std::int64_t* numbers, std::size_t count) {
+constexpr std::size_t longest_log = 100'000;
+
+std::string to_text(const numbers& all) {
   std::string text;
-  for (std::size_t i = 0; i < count; ++i) text += " " + std::to_string(numbers[i]);
+  for (const std::int64_t number : all) text += " " + std::to_string(number);
   return text;
 }
 
-record record_from(const std::int64_t* numbers) {
-  record made;
-  for (std::size_t i = 0; i < made.size(); ++i) made[i] = static_cast<std::int16_t>(numbers[i]);
+record record_at(const numbers& all, std::size_t place) {
+  record made{};
+  for (std::size_t i = 0; i < made.size() && place + i < all.size(); ++i) {
+    made[i] = static_cast<std::int16_t>(all[place + i]);
+  }
   return made;
 }
 
 }  // namespace
 
-std::string led_text(const record& led) {
-  if (led[0] == 0) return "own";
-  if (led[1] != 0) return led[2] != 0 ? "amber" : "red";
-  return led[2] != 0 ? "green" : "off";
+bool is_call(const std::string& name) {
+  return name.find(' ') == std::string::npos &&
+         (" " + call_names + " ").find(" " + name + " ") != std::string::npos;
 }
 
-device::device(std::string socket_path, event_function on_event_line, bool plugged_in)
+struct device::question {
+  int socket;
+  std::string name;
+  std::int64_t kind, own_error;
+  numbers arguments, extras;
+};
+
+struct device::outcome {
+  bool failed = false;
+  std::int64_t error = no_error;
+  numbers values;
+  std::optional<std::string> text;
+  std::vector<std::string> events;
+};
+
+device::device(const std::string& socket_path, event_function on_event_line, bool plugged_in)
     : on_event(std::move(on_event_line)) {
-  now.led = now.stored[led_record];
   now.plugged = plugged_in;
-  listening =
-      std::make_unique<server>(std::move(socket_path), [this](int socket) { serve(socket); });
+  listening = std::make_unique<server>(socket_path, [this](int socket) { serve(socket); });
 }
 
-device::~device() {
+device::~device() { end(); }
+
+void device::end() {
   {
     const std::lock_guard<std::mutex> lock(mutex);
-    ending = waits_ended = true;
+    ending = true;
   }
   changed.notify_all();
   listening.reset();
@@ -81,31 +105,6 @@ void device::unplug() {
   tell({"unplugged"});
 }
 
-void device::set_part_number(std::optional<std::string> text) {
-  const std::lock_guard<std::mutex> lock(mutex);
-  now.part_number = std::move(text);
-}
-
-void device::queue_cards(const std::vector<card_id>& ids) {
-  const std::lock_guard<std::mutex> lock(mutex);
-  now.queue.insert(now.queue.end(), ids.begin(), ids.end());
-}
-
-void device::hold_card(std::optional<card_id> id) {
-  const std::lock_guard<std::mutex> lock(mutex);
-  now.held = id;
-}
-
-void device::add_rule(rule added) {
-  const std::lock_guard<std::mutex> lock(mutex);
-  rules.add(std::move(added));
-}
-
-void device::clear_rules() {
-  const std::lock_guard<std::mutex> lock(mutex);
-  rules.clear();
-}
-
 void device::release() {
   {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -114,9 +113,26 @@ void device::release() {
   changed.notify_all();
 }
 
-void device::trace(tracing mode) {
+void device::add_rule(rule added) {
   const std::lock_guard<std::mutex> lock(mutex);
-  now.traced = mode;
+  rules.push_back(std::move(added));
+}
+
+void device::clear_rules() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  rules.clear();
+}
+
+device::state device::look() const {
+  const std::lock_guard<std::mutex> lock(mutex);
+  state copy = now;
+  copy.rules = rules.size();
+  return copy;
+}
+
+void device::change(const std::function<void(state&)>& make_change) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  make_change(now);
 }
 
 std::vector<std::string> device::calls() const {
@@ -130,39 +146,15 @@ std::uint64_t device::call_count(const std::string& name) const {
   return found == counts.end() ? 0 : found->second;
 }
 
-device::state device::look() const {
-  const std::lock_guard<std::mutex> lock(mutex);
-  state copy = now;
-  copy.rules = rules.size();
-  return copy;
-}
-
-template <typename T>
-bool device::wait_until(std::chrono::milliseconds limit, T condition) {
-  std::unique_lock<std::mutex> lock(mutex);
-  changed.wait_until(lock, in(limit), [&] { return waits_ended || condition(); });
-  return condition();
-}
-
 bool device::wait_for_call(const std::string& name, std::uint64_t count,
                            std::chrono::milliseconds limit) {
-  return wait_until(limit, [&] { return counts[name] >= count; });
+  std::unique_lock<std::mutex> lock(mutex);
+  return changed.wait_until(lock, in(limit), [&] { return counts[name] >= count; });
 }
 
 bool device::wait_for_cards(std::chrono::milliseconds limit) {
-  return wait_until(limit, [&] { return now.queue.empty(); });
-}
-
-void device::wait(std::chrono::milliseconds time) {
-  wait_until(time, [] { return false; });
-}
-
-void device::end_waits() {
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    waits_ended = true;
-  }
-  changed.notify_all();
+  std::unique_lock<std::mutex> lock(mutex);
+  return changed.wait_until(lock, in(limit), [&] { return now.queue.empty(); });
 }
 
 void device::serve(int socket) {
@@ -174,10 +166,25 @@ void device::serve(int socket) {
     return;
   }
   char first;
-  while (wait_for(socket, POLLIN, never) && recv(socket, &first, 1, MSG_PEEK) == 1) {
-    const auto question = receive_message(socket, call_size_limit, in(message_limit));
-    if (!question) tell({"dropped an agent: it sent no whole message"});
-    if (!question || !answer(socket, *question)) break;
+  bool right = true;
+  while (right && wait_for(socket, POLLIN, never) && recv(socket, &first, 1, MSG_PEEK) == 1) {
+    const auto given = receive_message(socket, call_size_limit, in(message_limit));
+    right = given && given->texts.size() == 1 && is_call(given->texts[0]) &&
+            given->numbers.size() >= 3 && given->numbers[2] >= 0 && given->numbers[2] <= 8 &&
+            given->numbers.size() >= 3 + static_cast<std::size_t>(given->numbers[2]);
+    if (right) {
+      const auto extras = given->numbers.begin() + 3 + given->numbers[2];
+      if (!answer({socket,
+                   given->texts[0],
+                   given->numbers[0],
+                   given->numbers[1],
+                   {given->numbers.begin() + 3, extras},
+                   {extras, given->numbers.end()}})) {
+        break;
+      }
+    } else {
+      tell({"dropped an agent: it sent no right call"});
+    }
   }
   bool held = false;
   {
@@ -189,151 +196,130 @@ void device::serve(int socket) {
 }
 
 // Returns false when the link is to be cut.
-bool device::answer(int socket, const message& question) {
-  const call_kind* const kind = question.texts.size() == 1 ? find_call(question.texts[0]) : nullptr;
-  if (!kind || question.numbers.size() != 1 + kind->arguments + kind->extras ||
-      question.numbers[0] != static_cast<std::int64_t>(kind->arguments)) {
-    tell({"dropped an agent: it sent no right call"});
-    return false;
-  }
-  const std::int64_t* const numbers = question.numbers.data() + 1;
-
+bool device::answer(const question& asked) {
+  const auto send = [&](const message& given) {
+    return send_message(asked.socket, given, in(message_limit));
+  };
   std::unique_lock<std::mutex> lock(mutex);
-  const verdict verdict = rules.judge(kind->name);
-  const bool waits = verdict.hang || verdict.delay.count() > 0;
-  const std::uint64_t release_before = releases;
-  if (waits) ++counts[kind->name];
+  const verdict rule = judge(&rules, asked.name);
+  const bool waits = rule.hang || rule.delay.count() > 0;
+  const std::uint64_t releases_before = releases;
+  if (waits) ++counts[asked.name];
   lock.unlock();
-  if (waits) changed.notify_all();
-  if (waits && !send_message(socket, {{patience, verdict.hang ? -1 : verdict.delay.count()}, {}},
-                             in(message_limit))) {
-    return false;
+  if (waits) {
+    changed.notify_all();
+    if (!send({{patience, rule.hang ? -1 : rule.delay.count()}, {}})) return false;
   }
-  for (const rule& r : verdict.says) {
-    if (!send_message(socket, {{say, r.length, r.own_thread}, {r.text}}, in(message_limit))) {
-      return false;
-    }
+  for (const auto& text : rule.says) {
+    if (!send({{say, text.length, text.own_thread}, {text.text}})) return false;
   }
   lock.lock();
-  if (verdict.hang) changed.wait(lock, [&] { return ending || releases != release_before; });
-  changed.wait_until(lock, in(verdict.delay), [&] { return ending; });
+  if (rule.hang) changed.wait(lock, [&] { return ending || releases != releases_before; });
+  changed.wait_until(lock, in(rule.delay), [&] { return ending; });
 
+  const bool needs_reader =
+      (asked.kind == status_result && asked.name != "usbConnect") || asked.kind == text_result;
   outcome done;
-  if (verdict.vanish) {
+  if (rule.vanish) {
     power(false);
-    done.events = {"unplugged in the middle of " + question.texts[0]};
-  } else if (verdict.fail) {
-    done.error = verdict.error;
+    done = {true, no_reader_connected, {}, {}, {"unplugged in the middle of " + asked.name}};
+  } else if (rule.fail) {
+    done = {true, rule.error, {}, {}, {}};
+  } else if (needs_reader && now.holder != asked.socket) {
+    done = {true, no_reader_connected, {}, {}, {}};
+  } else if (asked.own_error != no_error) {
+    done = {true, asked.own_error, {}, {}, {}};
   } else {
-    const bool is_connection = question.texts[0] == "usbConnect";
-    const bool needs_reader = kind->result == yields::status || kind->result == yields::text;
-    if (needs_reader && !is_connection && now.holder != socket) {
-      done.error = no_reader;
-    } else if (kind->result == yields::status && kind->extras > 0 &&
-               question.texts[0] != "SetLEDCtrl" && numbers[kind->arguments] == 0) {
-      done.error = not_read;
-    } else {
-      done = carry_out(socket, question.texts[0], numbers);
-    }
+    done = carry_out(asked);
   }
-  note(*kind, numbers, &done);
-  if (!waits) ++counts[kind->name];
-  const bool asks_for_card = !done.values.empty() || question.texts[0] == "GetQueuedID_index";
-  const bool wants_index = rules.names("GetQueuedID_index") || now.traced == tracing::on ||
-                           (now.traced == tracing::quiet && asks_for_card);
+  note(asked, &done);
+  if (!waits) ++counts[asked.name];
+  const std::string with_id_questions = "GetQueuedID_index";
+  const bool id_questions_wanted =
+      now.traced == tracing::on ||
+      (now.traced == tracing::quiet && (!done.values.empty() || asked.name == with_id_questions)) ||
+      std::any_of(rules.begin(), rules.end(),
+                  [&](const auto& each) { return each.call == with_id_questions; });
   lock.unlock();
   tell(done.events);
   changed.notify_all();
 
-  if (verdict.vanish) {
-    const char half_a_size[2] = {};
-    send_bytes(socket, half_a_size, sizeof half_a_size, in(message_limit));
-    return false;
-  }
-  message given{{reply, done.result, done.error, wants_index}, {}};
+  message given{{reply, !done.failed, done.error, id_questions_wanted}, {}};
   given.numbers.insert(given.numbers.end(), done.values.begin(), done.values.end());
-  if (done.text) given.texts.push_back(*done.text);
-  return send_message(socket, given, in(message_limit));
+  if (done.text) given.texts = {*done.text};
+  if (!rule.vanish) return send(given);
+  const char half_a_size[2] = {};
+  send_bytes(asked.socket, half_a_size, sizeof half_a_size, in(message_limit));
+  return false;
 }
 
 // What a call does that nothing stands in the way of. The caller holds the lock.
-device::outcome device::carry_out(int socket, const std::string& name,
-                                  const std::int64_t* numbers) {
+device::outcome device::carry_out(const question& asked) {
   outcome done;
-  done.result = 1;
-  if (name == "usbConnect") {
-    if (!now.plugged || (now.holder >= 0 && now.holder != socket)) {
-      return {0, now.plugged ? held_by_other : no_reader, {}, {}, {}};
+  if (asked.name == "usbConnect") {
+    if (!now.plugged) return {true, no_reader_connected, {}, {}, {}};
+    if (now.holder >= 0 && now.holder != asked.socket) {
+      return {true, held_by_another_agent, {}, {}, {}};
     }
-    now.holder = socket;
+    now.holder = asked.socket;
     part_number_of_connection = now.part_number;
     done.events = {"connected"};
-  } else if (name == "USBDisconnect") {
-    if (now.holder == socket) {
+  } else if (asked.name == "USBDisconnect") {
+    if (now.holder == asked.socket) {
       now.holder = -1;
       done.events = {"disconnected"};
     }
-  } else if (name == "getPartNumberString") {
+  } else if (asked.name == "getPartNumberString") {
     done.text = part_number_of_connection;
-  } else if (name == "GetDevName") {
+  } else if (asked.name == "GetDevName") {
     done.text = "virtual reader";
-  } else if (name == "GetQueuedID") {
+  } else if (asked.name == "GetQueuedID") {
     std::optional<card_id> id = now.held;
     if (!now.queue.empty()) {
       id = now.queue.front();
       now.queue.pop_front();
     }
     if (id) {
-      done.values.assign(id->values.begin(), id->values.end());
+      done.values = {id->values.begin(), id->values.end()};
       done.values.push_back(id->bits);
       done.events = {"card " + to_text(*id)};
     }
-  } else if (name == "BeepNow") {
-    const auto count = static_cast<std::uint64_t>(numbers[0]);
-    (numbers[1] != 0 ? now.long_beeps : now.short_beeps) += count;
-    done.events = {std::string("beep ") + (numbers[1] != 0 ? "long " : "short ") +
-                   std::to_string(count)};
-  } else if (name == "SetLEDCtrl") {
-    now.led = record_from(numbers);
-    done.events = {"led " + led_text(now.led)};
-  } else if (name == "ReadCfg") {
+  } else if (asked.name == "BeepNow" && asked.arguments.size() == 2) {
+    const bool is_long = asked.arguments[1] != 0;
+    (is_long ? now.long_beeps : now.short_beeps) += asked.arguments[0];
+    done.events = {(is_long ? "beep long " : "beep short ") + std::to_string(asked.arguments[0])};
+  } else if (asked.name == "SetLEDCtrl") {
+    now.led = record_at(asked.arguments, 0);
+    done.events = {"led " + to_text(now.led)};
+  } else if (asked.name == "ReadCfg") {
     for (const record& fields : now.stored) {
       done.values.insert(done.values.end(), fields.begin(), fields.end());
     }
-  } else if (name == "WriteCfg") {
+  } else if (asked.name == "WriteCfg") {
     for (std::size_t i = 0; i < now.stored.size(); ++i) {
-      now.stored[i] = record_from(numbers + 1 + 8 * i);
+      now.stored[i] = record_at(asked.extras, 8 * i);
     }
     done.events = {"config written"};
-  } else if (name == "ResetFactoryDflts") {
-    now.stored = factory_defaults();
+  } else if (asked.name == "ResetFactoryDflts") {
+    now.stored = factory_defaults;
     now.led = now.stored[led_record];
-    done.events = {"config reset", "led " + led_text(now.led)};
+    done.events = {"config reset", "led " + to_text(now.led)};
   }
   return done;
 }
 
 // Logs a call with its result. The caller holds the lock.
-void device::note(const call_kind& kind, const std::int64_t* numbers, outcome* done) {
-  const std::string name = kind.name;
-  std::string line = name + joined(numbers, kind.arguments);
-  const std::int64_t* const extras = numbers + kind.arguments;
-  switch (kind.result) {
-    case yields::nothing:
-      break;
-    case yields::status:
-      line += " -> " + std::to_string(done->result);
-      if (done->result != 0 && kind.arguments == 0 && kind.extras == 9)
-        line += joined(extras + 1, 8);
-      break;
-    case yields::number:
-      line += " -> " + std::to_string(extras[0]);
-      break;
-    case yields::text:
-      line += " -> " + (done->text ? quoted(*done->text) : "null");
-      break;
+void device::note(const question& asked, outcome* done) {
+  std::string line = asked.name + to_text(asked.arguments);
+  if (asked.kind == status_result) {
+    line += done->failed ? " -> 0" : " -> 1";
+    if (!done->failed && asked.extras.size() == 8) line += to_text(asked.extras);
+  } else if (asked.kind == number_result) {
+    line += " ->" + to_text(asked.extras);
+  } else if (asked.kind == text_result) {
+    line += " -> " + (done->text ? quoted(*done->text) : "null");
   }
-  const bool idle_poll = name == "GetQueuedID" && done->result != 0 && done->values.empty();
+  const bool idle_poll = asked.name == "GetQueuedID" && !done->failed && done->values.empty();
   if (now.traced == tracing::on || (now.traced == tracing::quiet && !idle_poll)) {
     done->events.insert(done->events.begin(), "call " + line);
   }

@@ -4,37 +4,20 @@
 
 namespace virtual_reader {
 
-bool rule_book::names(const std::string& call) const {
-  return std::any_of(rules.begin(), rules.end(), [&](const rule& r) { return r.call == call; });
-}
-
-verdict rule_book::judge(const std::string& call) {
+verdict judge(std::vector<rule>* rules, const std::string& call) {
   verdict result;
-  for (rule& r : rules) {
+  for (rule& r : *rules) {
     const bool waits = r.what == rule::kind::fail && result.fail && r.first == 1;
     if (r.call != call || waits || ++r.seen < r.first) continue;
-    switch (r.what) {
-      case rule::kind::fail:
-        if (!result.fail) result.error = r.error;
-        result.fail = true;
-        break;
-      case rule::kind::vanish:
-        result.vanish = true;
-        break;
-      case rule::kind::delay:
-        result.delay += r.time;
-        break;
-      case rule::kind::hang:
-        result.hang = true;
-        break;
-      case rule::kind::say:
-        result.says.push_back(r);
-        break;
-    }
+    if (r.what == rule::kind::fail && !result.fail) result.error = r.error;
+    result.fail |= r.what == rule::kind::fail;
+    result.vanish |= r.what == rule::kind::vanish;
+    result.hang |= r.what == rule::kind::hang;
+    if (r.what == rule::kind::delay) result.delay += r.time;
+    if (r.what == rule::kind::say) result.says.push_back(r);
   }
-  rules.erase(
-      std::remove_if(rules.begin(), rules.end(), [](const rule& r) { return r.seen >= r.last; }),
-      rules.end());
+  const auto used_up = [](const rule& r) { return r.seen >= r.last; };
+  rules->erase(std::remove_if(rules->begin(), rules->end(), used_up), rules->end());
   return result;
 }
 

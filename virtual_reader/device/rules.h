@@ -3,27 +3,21 @@
 
 #include <chrono>
 #include <cstdint>
-#include <limits>
 #include <string>
 #include <vector>
 
 namespace virtual_reader {
 
 struct rule {
-  enum class kind { fail, vanish, delay, hang, say };
-
-  kind what;
+  enum class kind { fail, vanish, delay, hang, say } what;
   std::string call;
-  // Which of the calls since the rule was set it concerns, from the 1st on.
-  std::uint64_t first = 1;
-  std::uint64_t last = 1;
+  // Which of the calls since the rule was set it concerns, counted from 1.
+  std::uint64_t first = 1, last = 1;
   std::int64_t error = 1;             // fail
   std::chrono::milliseconds time{0};  // delay
-  std::string text;                   // say, up to `length` bytes as told to the agent, from the
-  std::int64_t length = 0;            // library's thread or one of its own
-  bool own_thread = false;
-
-  static constexpr std::uint64_t always = std::numeric_limits<std::uint64_t>::max();
+  std::string text;                   // say
+  std::int64_t length = 0;            // say: told to the agent, at most the text's
+  bool own_thread = false;            // say
   std::uint64_t seen = 0;
 };
 
@@ -35,20 +29,8 @@ struct verdict {
   std::vector<rule> says;
 };
 
-// Guarded by its owner's lock.
-class rule_book {
- public:
-  void add(rule added) { rules.push_back(std::move(added)); }
-  void clear() { rules.clear(); }
-  std::size_t size() const { return rules.size(); }
-  bool names(const std::string& call) const;
-
-  // Counts the call, and strikes out the rules that are used up by it. Of several failures the
-  // first counts, and those behind it wait for the next call.
-  verdict judge(const std::string& call);
-
- private:
-  std::vector<rule> rules;
-};
+// Counts the call, and strikes out the rules that are used up by it. Of several failures that are
+// due the first counts, and those behind it wait for the next call.
+verdict judge(std::vector<rule>* rules, const std::string& call);
 
 }  // namespace virtual_reader

@@ -2,281 +2,242 @@
 
 #include <algorithm>
 #include <limits>
+#include <thread>
+#include <utility>
 
 namespace virtual_reader {
 
 namespace {
 
-constexpr std::int64_t least_number = std::numeric_limits<std::int64_t>::min();
-constexpr std::int64_t most_number = std::numeric_limits<std::int64_t>::max();
+using kind = rule::kind;
+using std::chrono::milliseconds;
+
+constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t longest_wait = 24 * 60 * 60 * 1000;  // a day, in ms
-constexpr std::size_t longest_text = std::size_t{1} << 20;
-const std::string usage = "usage";  // for a verb to return when its words are not as they should be
+constexpr std::size_t longest_text = 1'000'000;
 
-bool parse_number(const word& given, std::int64_t least, std::int64_t most, std::int64_t* number) {
-  return !given.quoted && parse_integer(given.text, number) && *number >= least && *number <= most;
+std::string take_call(words& given, const std::string& others = "") {
+  const std::string name = given.take();
+  if (is_call(name) || (!others.empty() && name == others)) return name;
+  throw bad_line("'" + name + "' is no call; there are " + others + (others.empty() ? "" : ", ") +
+                 call_names);
 }
 
-// Takes KEYWORD NUMBER off this place in the line; false if something else stands there.
-bool take_number(const std::vector<word>& given, std::size_t* place, const char* keyword,
-                 std::int64_t least, std::int64_t most, std::int64_t* number) {
-  if (*place + 1 >= given.size() || given[*place].text != keyword ||
-      !parse_number(given[*place + 1], least, most, number)) {
-    return false;
-  }
-  *place += 2;
-  return true;
+std::string take_text(words& given) {
+  std::string text = given.take_quoted();
+  if (text.size() > longest_text) throw bad_line("the text is longer than a million bytes");
+  return text;
 }
 
-std::string unknown_call(const std::string& name, bool that_can_fail) {
-  return "'" + name + "' is no call" + (that_can_fail ? " that can fail" : "") + "; there are " +
-         call_names(that_can_fail);
-}
-
-std::string beeps_text(const device::state& state) {
-  return "beeps " + std::to_string(state.short_beeps) + " short, " +
-         std::to_string(state.long_beeps) + " long";
+card_id take_card(words& given) {
+  card_id id;
+  const std::string error = parse_card(given.take(), &id);
+  if (!error.empty()) throw bad_line(error);
+  return id;
 }
 
 std::string led_line(const device::state& state) {
-  return "led " + (state.plugged ? led_text(state.led) : std::string("dark"));
+  return "led " + (state.plugged ? to_text(state.led) : std::string("dark"));
+}
+
+std::string beeps_line(const device::state& state) {
+  return "beeps " + std::to_string(state.short_beeps) + " short, " +
+         std::to_string(state.long_beeps) + " long";
 }
 
 }  // namespace
 
 struct verbs::verb {
-  const char* name;
-  const char* syntax;
+  const char* name;    // one or two words
+  const char* syntax;  // of what follows them; nothing: then nothing may follow
   const char* help;
-  std::string (verbs::*run)(const words&);
+  void (*run)(verbs& self, words& given);
 };
 
-const std::vector<verbs::verb> verbs::all = {
-    {"plug", "", "plugs the reader in", &verbs::plain},
-    {"unplug", "", "pulls the reader out", &verbs::plain},
-    {"replug", "", "pulls it out and plugs it in again at once", &verbs::plain},
-    {"part", "none|\"TEXT\"", "its part number, from the next connection on", &verbs::part},
-    {"card", "queue HEX[/BITS] ...", "cards, each reported once, in this order", &verbs::card},
-    {"card", "hold HEX[/BITS]", "a card reported again and again", &verbs::card},
-    {"card", "remove", "takes the held card away", &verbs::card},
-    {"card", "raw BITS VALUE ...", "an ID of any numbers, reported once", &verbs::card},
-    {"fail", "CALL [error N] [once|times N|from K|always]", "lets calls fail", &verbs::set_rule},
-    {"vanish", "CALL", "the reader is pulled out in the middle of the call", &verbs::set_rule},
-    {"delay", "CALL MS", "every such call takes that long", &verbs::set_rule},
-    {"hang", "CALL", "the next such call returns at `release` only", &verbs::set_rule},
-    {"say", "CALL [thread] \"TEXT\" [length N]", "the library talks during the next such call",
-     &verbs::set_rule},
-    {"release", "", "ends all calls that hang", &verbs::plain},
-    {"clear", "", "drops all that fail, vanish, delay, hang and say have set", &verbs::plain},
-    {"show", "", "all about the reader", &verbs::plain},
-    {"led", "", "what the LED shows", &verbs::plain},
-    {"beeps", "", "how often it has beeped", &verbs::plain},
-    {"config", "", "its stored configuration", &verbs::plain},
-    {"calls", "[N]", "the last N calls, or 20", &verbs::calls},
-    {"trace", "on|quiet|off", "prints every call; quiet: not the polls that find no card",
-     &verbs::trace},
-    {"wait", "MS", "waits", &verbs::wait},
-    {"expect", "CALL [N] [within MS]", "waits for N more such calls (1, within 5000 ms)",
-     &verbs::expect},
-    {"expect", "cards [within MS]", "waits until all queued cards have been fetched",
-     &verbs::expect},
-    {"help", "", "prints this", &verbs::plain},
-    {"quit", "", "ends the virtual reader, which pulls the reader out", &verbs::plain},
+const verbs::verb verbs::all[] = {
+    {"plug", "", "plugs the reader in", [](verbs& v, words&) { v.reader.plug(); }},
+    {"unplug", "", "pulls the reader out", [](verbs& v, words&) { v.reader.unplug(); }},
+    {"replug", "", "pulls it out and plugs it in at once",
+     [](verbs& v, words&) { v.reader.unplug(), v.reader.plug(); }},
+    {"part", "none|\"TEXT\"", "its part number, from the next connection on",
+     [](verbs& v, words& w) { v.part(w); }},
+    {"card queue", "HEX[/BITS] ...", "cards that are reported once each, in order",
+     [](verbs& v, words& w) { v.card(w, true); }},
+    {"card hold", "HEX[/BITS]", "a card that is reported again and again",
+     [](verbs& v, words& w) { v.card(w, false); }},
+    {"card raw", "BITS VALUE ...", "an ID of up to 32 numbers of any size, reported once",
+     [](verbs& v, words& w) { v.raw_card(w); }},
+    {"card remove", "", "takes the held card away",
+     [](verbs& v, words&) { v.reader.change([](device::state& s) { s.held.reset(); }); }},
+    {"fail", "CALL [error N] [WHEN]", "lets calls fail",
+     [](verbs& v, words& w) { v.add_rule(kind::fail, w); }},
+    {"vanish", "CALL [WHEN]", "pulls the reader out in the middle of a call",
+     [](verbs& v, words& w) { v.add_rule(kind::vanish, w); }},
+    {"delay", "CALL MS [WHEN]", "lets calls take that long, always if not told otherwise",
+     [](verbs& v, words& w) { v.add_rule(kind::delay, w); }},
+    {"hang", "CALL [WHEN]", "lets a call not return until `release`",
+     [](verbs& v, words& w) { v.add_rule(kind::hang, w); }},
+    {"say", "CALL [thread] \"TEXT\" [length N] [WHEN]", "lets the library talk during a call",
+     [](verbs& v, words& w) { v.add_rule(kind::say, w); }},
+    {"release", "", "ends the calls that hang", [](verbs& v, words&) { v.reader.release(); }},
+    {"clear", "", "drops what fail, vanish, delay, hang and say have set",
+     [](verbs& v, words&) { v.reader.clear_rules(); }},
+    {"show", "", "all about the reader", [](verbs& v, words&) { v.show(); }},
+    {"led", "", "what the LED shows",
+     [](verbs& v, words&) { v.print(led_line(v.reader.look())); }},
+    {"beeps", "", "how often it has beeped",
+     [](verbs& v, words&) { v.print(beeps_line(v.reader.look())); }},
+    {"config", "", "the configuration that it has stored",
+     [](verbs& v, words&) {
+       for (const std::string& line : to_text(v.reader.look().stored)) v.print(line);
+     }},
+    {"calls", "[N]", "the last N library calls, or 20", [](verbs& v, words& w) { v.calls(w); }},
+    {"trace", "on|quiet|off", "prints each call; quiet: but the polls that find no card",
+     [](verbs& v, words& w) { v.trace(w); }},
+    {"wait", "MS", "waits",
+     [](verbs&, words& w) {
+       const milliseconds time(w.take_number(0, longest_wait));
+       w.take_end();
+       std::this_thread::sleep_for(time);
+     }},
+    {"expect", "CALL|cards [N] [within MS]",
+     "waits for N more such calls, or for all queued cards to be fetched; 1, within 5000 ms",
+     [](verbs& v, words& w) { v.expect(w); }},
+    {"help", "", "prints this", [](verbs& v, words&) { v.help(); }},
+    {"quit", "", "ends the virtual reader", [](verbs& v, words&) { v.quit = true; }},
 };
 
 std::string verbs::run(const std::string& line) {
-  words given;
-  const std::string error = split_words(line, &given);
-  if (!error.empty() || given.empty()) return error;
   std::string right;
-  for (const verb& one : all) {
-    if (one.name != given[0].text || given[0].quoted) continue;
-    if (right.empty()) {
-      std::string result = (this->*one.run)(given);
-      if (result != usage) return result;
-    }
-    right += (right.empty() ? "right would be: " : ", or: ") + std::string(one.name) +
-             (*one.syntax ? " " : "") + one.syntax;
-  }
-  return right.empty() ? "unknown verb '" + given[0].text + "'; `help` lists all" : right;
-}
-
-std::string verbs::plain(const words& given) {
-  if (given.size() != 1) return usage;
-  const std::string& name = given[0].text;
-  if (name == "unplug" || name == "replug") reader.unplug();
-  if (name == "plug" || name == "replug") reader.plug();
-  if (name == "release") reader.release();
-  if (name == "clear") reader.clear_rules();
-  if (name == "show") show();
-  if (name == "led") print(led_line(reader.look()));
-  if (name == "beeps") print(beeps_text(reader.look()));
-  if (name == "config") config();
-  if (name == "quit") quit = true;
-  if (name == "help") {
+  try {
+    words given(line);
+    if (given.at_end()) return {};
+    std::string name = given.take();
+    if (name == "card" && !given.at_end()) name += " " + given.take();
     for (const verb& one : all) {
-      std::string text = std::string(one.name) + " " + one.syntax;
-      text.resize(std::max<std::size_t>(text.size() + 2, 36), ' ');
-      print(text + one.help);
+      if (one.name != name) continue;
+      right = "right would be: " + name + (*one.syntax ? " " : "") + one.syntax;
+      if (!*one.syntax) given.take_end();
+      one.run(*this, given);
+      return {};
     }
+    return "unknown verb '" + name + "'; `help` lists all";
+  } catch (const bad_line& error) {
+    const std::string what = error.what();
+    return what + (what.empty() || right.empty() ? "" : "; ") + right;
   }
-  return {};
 }
 
-std::string verbs::part(const words& given) {
-  if (given.size() != 2) return usage;
-  if (given[1].quoted) {
-    if (given[1].text.size() > longest_text) return "the text is longer than a million bytes";
-    if (given[1].text.find('\0') != std::string::npos) return "a part number can't hold \\x00";
-    reader.set_part_number(given[1].text);
-  } else if (given[1].text == "none") {
-    reader.set_part_number({});
-  } else {
-    return usage;
-  }
-  return {};
+void verbs::card(words& given, bool queued) {
+  std::vector<card_id> ids;
+  do {
+    ids.push_back(take_card(given));
+  } while (queued && !given.at_end());
+  given.take_end();
+  reader.change([&](device::state& state) {
+    if (queued) {
+      state.queue.insert(state.queue.end(), ids.begin(), ids.end());
+    } else {
+      state.held = ids[0];
+    }
+  });
 }
 
-std::string verbs::card(const words& given) {
-  const std::string what = given.size() > 1 ? given[1].text : "";
-  if (what == "remove" && given.size() == 2) {
-    reader.hold_card({});
-    return {};
-  }
-  if (what == "raw" && given.size() >= 4 && given.size() <= 3 + 32) {
-    card_id id;
-    if (!parse_integer(given[2].text, &id.bits)) return "'" + given[2].text + "' is no number";
-    for (std::size_t i = 3; i < given.size(); ++i) {
-      if (!parse_integer(given[i].text, &id.values[i - 3])) {
-        return "'" + given[i].text + "' is no signed 64-bit number, like 0x3A or -1";
-      }
-    }
-    reader.queue_cards({id});
-    return {};
-  }
-  std::vector<card_id> ids(given.size() < 2 ? 0 : given.size() - 2);
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    const std::string error = parse_card(given[i + 2].text, &ids[i]);
-    if (!error.empty() && (what == "queue" || what == "hold")) return error;
-  }
-  if (what == "queue" && !ids.empty()) {
-    reader.queue_cards(ids);
-  } else if (what == "hold" && ids.size() == 1) {
-    reader.hold_card(ids[0]);
-  } else {
-    return usage;
-  }
-  return {};
+void verbs::raw_card(words& given) {
+  card_id id;
+  id.bits = given.take_number(least, most);
+  std::size_t count = 0;
+  do {
+    id.values[count++] = given.take_number(least, most);
+  } while (!given.at_end() && count < id.values.size());
+  given.take_end();
+  reader.change([&](device::state& state) { state.queue.push_back(id); });
 }
 
-std::string verbs::set_rule(const words& given) {
-  const std::string& what = given[0].text;
-  if (given.size() < 2) return usage;
-  const call_kind* const kind = find_call(given[1].text);
-  const bool can_fail = kind && (kind->result == yields::status || kind->result == yields::text);
-  if (!kind || (what == "fail" && !can_fail)) return unknown_call(given[1].text, what == "fail");
+void verbs::part(words& given) {
+  std::optional<std::string> text;
+  if (!given.take_if("none")) text = take_text(given);
+  if (text && text->find('\0') != std::string::npos) throw bad_line("no part number has a \\x00");
+  given.take_end();
+  reader.change([&](device::state& state) { state.part_number = text; });
+}
 
-  rule made{};
-  made.call = given[1].text;
-  std::size_t place = 2;
-  std::int64_t number = 0;
-  if (what == "fail") {
-    made.what = rule::kind::fail;
-    take_number(given, &place, "error", least_number, most_number, &made.error);
-    if (take_number(given, &place, "times", 1, most_number, &number)) {
-      made.last = static_cast<std::uint64_t>(number);
-    } else if (take_number(given, &place, "from", 1, most_number, &number)) {
-      made.first = static_cast<std::uint64_t>(number);
-      made.last = rule::always;
-    } else if (place < given.size() && given[place].text == "always") {
-      made.last = rule::always;
-      ++place;
-    } else if (place < given.size() && given[place].text == "once") {
-      ++place;
+void verbs::add_rule(kind what, words& given) {
+  rule made;
+  made.what = what;
+  made.call = take_call(given);
+  bool always = what == kind::delay;
+  if (what == kind::fail && given.take_if("error")) made.error = given.take_number(least, most);
+  if (what == kind::delay) made.time = milliseconds(given.take_number(0, longest_wait));
+  if (what == kind::say) {
+    made.own_thread = given.take_if("thread");
+    made.text = take_text(given);
+    made.length = static_cast<std::int64_t>(made.text.size());
+    if (given.take_if("length")) {
+      made.length = given.take_number(std::numeric_limits<int>::min(), made.length);
     }
-  } else if (what == "delay") {
-    made.what = rule::kind::delay;
-    made.last = rule::always;
-    if (given.size() < 3 || !parse_number(given[place++], 0, longest_wait, &number)) return usage;
-    made.time = std::chrono::milliseconds(number);
-  } else if (what == "say") {
-    made.what = rule::kind::say;
-    made.own_thread = given.size() > 2 && !given[2].quoted && given[2].text == "thread";
-    if (made.own_thread) ++place;
-    if (place >= given.size() || !given[place].quoted) return usage;
-    made.text = given[place++].text;
-    if (made.text.size() > longest_text) return "the text is longer than a million bytes";
-    const auto size = static_cast<std::int64_t>(made.text.size());
-    made.length = size;
-    const bool has_length = place < given.size() && given[place].text == "length";
-    if (has_length && !take_number(given, &place, "length", std::numeric_limits<int>::min(), size,
-                                   &made.length)) {
-      return "the length must be a number up to the text's own length, " + std::to_string(size);
-    }
-  } else {
-    made.what = what == "hang" ? rule::kind::hang : rule::kind::vanish;
   }
-  if (place != given.size()) return usage;
+  if (given.take_if("times")) {
+    made.last = static_cast<std::uint64_t>(given.take_number(1, most));
+    always = false;
+  } else if (given.take_if("at")) {
+    made.first = made.last = static_cast<std::uint64_t>(given.take_number(1, most));
+    always = false;
+  } else if (given.take_if("from")) {
+    made.first = static_cast<std::uint64_t>(given.take_number(1, most));
+    always = true;
+  } else if (given.take_if("always")) {
+    always = true;
+  } else if (given.take_if("once")) {
+    always = false;
+  }
+  if (always) made.last = std::numeric_limits<std::uint64_t>::max();
+  given.take_end();
   reader.add_rule(std::move(made));
-  return {};
 }
 
-std::string verbs::calls(const words& given) {
-  std::int64_t number = 20;
-  if (given.size() > 2 || (given.size() == 2 && !parse_number(given[1], 1, most_number, &number))) {
-    return usage;
+void verbs::trace(words& given) {
+  tracing mode = tracing::off;
+  if (given.take_if("on")) {
+    mode = tracing::on;
+  } else if (given.take_if("quiet")) {
+    mode = tracing::quiet;
+  } else if (!given.take_if("off")) {
+    throw bad_line("");
   }
-  const std::vector<std::string> log = reader.calls();
-  const std::size_t count = std::min(log.size(), static_cast<std::size_t>(number));
-  for (std::size_t i = log.size() - count; i < log.size(); ++i) print(log[i]);
-  return {};
+  given.take_end();
+  reader.change([&](device::state& state) { state.traced = mode; });
 }
 
-std::string verbs::trace(const words& given) {
-  const std::string what = given.size() == 2 ? given[1].text : "";
-  if (what != "on" && what != "quiet" && what != "off") return usage;
-  reader.trace(what == "on" ? tracing::on : what == "quiet" ? tracing::quiet : tracing::off);
-  return {};
-}
-
-std::string verbs::wait(const words& given) {
-  std::int64_t number = 0;
-  if (given.size() != 2 || !parse_number(given[1], 0, longest_wait, &number)) return usage;
-  reader.wait(std::chrono::milliseconds(number));
-  return {};
-}
-
-std::string verbs::expect(const words& given) {
-  if (given.size() < 2) return usage;
-  const std::string& name = given[1].text;
+void verbs::expect(words& given) {
+  const std::string name = take_call(given, "cards");
   const bool cards = name == "cards";
-  if (!cards && !find_call(name)) return unknown_call(name, false) + ", and cards";
-  std::int64_t number = 1;
-  std::int64_t limit = 5000;
-  std::size_t place = 2;
-  if (!cards && place < given.size() && parse_number(given[place], 1, most_number, &number)) {
-    ++place;
-  }
-  take_number(given, &place, "within", 0, longest_wait, &limit);
-  if (place != given.size()) return usage;
+  const std::int64_t number = !cards && given.number_is_next() ? given.take_number(1, most) : 1;
+  const std::int64_t limit = given.take_if("within") ? given.take_number(0, longest_wait) : 5000;
+  given.take_end();
 
-  const std::chrono::milliseconds time(limit);
   std::string found;
   if (cards) {
-    if (reader.wait_for_cards(time)) return {};
-    found = std::to_string(reader.look().queue.size()) + " are still queued";
+    if (reader.wait_for_cards(milliseconds(limit))) return;
+    found = "all " + name + " fetched, " + std::to_string(reader.look().queue.size()) + " are not";
   } else {
     std::uint64_t& seen = expected[name];
-    const std::uint64_t before = seen;
-    seen += static_cast<std::uint64_t>(number);
-    if (reader.wait_for_call(name, seen, time)) return {};
+    const std::uint64_t before = std::exchange(seen, seen + static_cast<std::uint64_t>(number));
+    if (reader.wait_for_call(name, seen, milliseconds(limit))) return;
     seen = reader.call_count(name);
-    found = "there were " + std::to_string(seen - before);
+    found = std::to_string(number) + " " + name + ", there were " + std::to_string(seen - before);
   }
   held = false;
-  print("FAILED: expected " + std::to_string(number) + " " + name + " within " +
-        std::to_string(limit) + " ms, " + found);
-  return {};
+  print("FAILED: expected within " + std::to_string(limit) + " ms: " + found);
+}
+
+void verbs::calls(words& given) {
+  const std::int64_t wanted = given.at_end() ? 20 : given.take_number(1, most);
+  given.take_end();
+  const std::vector<std::string> log = reader.calls();
+  const std::size_t count = std::min(log.size(), static_cast<std::size_t>(wanted));
+  std::for_each(log.end() - static_cast<std::ptrdiff_t>(count), log.end(), print);
 }
 
 void verbs::show() {
@@ -286,19 +247,18 @@ void verbs::show() {
   for (const card_id& id : state.queue) print("card queued " + to_text(id));
   if (state.held) print("card held " + to_text(*state.held));
   print(led_line(state));
-  print(beeps_text(state));
+  print(beeps_line(state));
   print("rules " + std::to_string(state.rules));
 }
 
-void verbs::config() {
-  const configuration stored = reader.look().stored;
-  for (std::size_t i = 0; i < stored.size(); ++i) {
-    std::string line = record_kinds[i].name;
-    for (std::size_t j = 0; j < stored[i].size(); ++j) {
-      line += std::string(" ") + record_kinds[i].fields[j] + "=" + std::to_string(stored[i][j]);
-    }
-    print(line);
+void verbs::help() {
+  for (const verb& one : all) {
+    std::string text = std::string(one.name) + " " + one.syntax;
+    text.resize(std::max<std::size_t>(text.size() + 2, 34), ' ');
+    print(text + one.help);
   }
+  print("WHEN is once, which is meant if it is missing; times N; at K, from K: at the K-th call");
+  print("from now, or from it on; always. '#' begins a comment. CALL is one of " + call_names);
 }
 
 }  // namespace virtual_reader

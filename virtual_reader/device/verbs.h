@@ -4,7 +4,6 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "device.h"
 #include "words.h"
@@ -26,20 +25,18 @@ class verbs {
   bool expectations_held() const { return held; }
 
  private:
-  using words = std::vector<word>;
   struct verb;
-  static const std::vector<verb> all;
+  static const verb all[];
 
-  std::string part(const words& given);
-  std::string card(const words& given);
-  std::string set_rule(const words& given);
-  std::string calls(const words& given);
-  std::string trace(const words& given);
-  std::string wait(const words& given);
-  std::string expect(const words& given);
-  std::string plain(const words& given);
+  void card(words& given, bool queued);
+  void raw_card(words& given);
+  void part(words& given);
+  void add_rule(rule::kind what, words& given);
+  void trace(words& given);
+  void expect(words& given);
+  void calls(words& given);
   void show();
-  void config();
+  void help();
 
   device& reader;
   const print_function print;

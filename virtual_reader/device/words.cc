@@ -18,61 +18,41 @@ bool parse_all(const std::string& text, int base, T* number) {
   return error == std::errc() && place == end;
 }
 
-// Reads the quoted text that begins at `*place`, behind its quote.
-std::string parse_quoted(const std::string& line, std::size_t* place, std::string* text) {
-  for (std::size_t& i = *place; i < line.size(); ++i) {
+// Reads the text in quotes that begins at `*place`, behind its quote, and moves behind its end.
+std::string parse_quoted(const std::string& line, std::size_t* place) {
+  std::string text;
+  for (std::size_t i = *place; i < line.size(); ++i) {
     if (line[i] == '"') {
-      ++i;
-      return i == line.size() || is_blank(line[i]) ? "" : "no blank behind the closing quote";
+      *place = i + 1;
+      return text;
     }
     if (line[i] != '\\') {
-      *text += line[i];
+      text += line[i];
       continue;
     }
     const char escape = ++i < line.size() ? line[i] : ' ';
     const std::size_t known = letters.find(escape);
     unsigned char code = 0;
     if (known != std::string::npos) {
-      *text += characters[known];
+      text += characters[known];
     } else if (escape == 'x' && i + 2 < line.size() &&
                parse_all(line.substr(i + 1, 2), 16, &code)) {
-      *text += static_cast<char>(code);
+      text += static_cast<char>(code);
       i += 2;
     } else {
-      return R"(unknown escape; there are \t \n \r \v \f \\ \" and \xNN)";
+      throw bad_line(R"(unknown escape; there are \t \n \r \v \f \\ \" and \xNN)");
     }
   }
-  return "the closing quote is missing";
+  throw bad_line("the closing quote is missing");
 }
 
 }  // namespace
-
-std::string split_words(const std::string& line, std::vector<word>* words) {
-  for (std::size_t i = 0; i < line.size();) {
-    if (is_blank(line[i])) {
-      ++i;
-      continue;
-    }
-    if (line[i] == '#') break;
-    word next;
-    if (line[i] == '"') {
-      next.quoted = true;
-      const std::string error = parse_quoted(line, &++i, &next.text);
-      if (!error.empty()) return error;
-    } else {
-      while (i < line.size() && !is_blank(line[i])) next.text += line[i++];
-    }
-    words->push_back(std::move(next));
-  }
-  return {};
-}
 
 bool parse_integer(const std::string& text, std::int64_t* number) {
   const std::size_t sign = !text.empty() && text[0] == '-' ? 1 : 0;
   if (text.compare(sign, 2, "0x") != 0) return parse_all(text, 10, number);
   const std::string magnitude = text.substr(sign + 2);
-  if (!magnitude.empty() && magnitude[0] == '-') return false;
-  return parse_all(text.substr(0, sign) + magnitude, 16, number);
+  return magnitude[0] != '-' && parse_all(text.substr(0, sign) + magnitude, 16, number);
 }
 
 std::string quoted(const std::string& text) {
@@ -90,6 +70,57 @@ std::string quoted(const std::string& text) {
     }
   }
   return all + "\"";
+}
+
+words::words(const std::string& line) {
+  for (std::size_t i = 0; i < line.size();) {
+    if (is_blank(line[i])) {
+      ++i;
+    } else if (line[i] == '#') {
+      break;
+    } else if (line[i] == '"') {
+      all.push_back({parse_quoted(line, &++i), true});
+      if (i < line.size() && !is_blank(line[i])) throw bad_line("no blank behind a closing quote");
+    } else {
+      const std::size_t start = i;
+      while (i < line.size() && !is_blank(line[i])) ++i;
+      all.push_back({line.substr(start, i - start), false});
+    }
+  }
+}
+
+std::string words::take(bool quoted_word) {
+  if (at_end() || all[next].quoted != quoted_word) throw bad_line("");
+  return all[next++].text;
+}
+
+std::string words::take() { return take(false); }
+
+std::string words::take_quoted() { return take(true); }
+
+std::int64_t words::take_number(std::int64_t least, std::int64_t most) {
+  const std::string text = take();
+  std::int64_t number = 0;
+  if (!parse_integer(text, &number) || number < least || number > most) {
+    throw bad_line("'" + text + "' is no number from " + std::to_string(least) + " to " +
+                   std::to_string(most));
+  }
+  return number;
+}
+
+bool words::take_if(const char* keyword) {
+  if (at_end() || all[next].quoted || all[next].text != keyword) return false;
+  ++next;
+  return true;
+}
+
+bool words::number_is_next() const {
+  std::int64_t number = 0;
+  return !at_end() && !all[next].quoted && parse_integer(all[next].text, &number);
+}
+
+void words::take_end() const {
+  if (!at_end()) throw bad_line("");
 }
 
 }  // namespace virtual_reader

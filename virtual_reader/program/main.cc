@@ -1,15 +1,15 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
-#include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
+#include <fstream>
 #include <iostream>
 #include <mutex>
+#include <thread>
 
-#include "line_source.h"
-#include "signals.h"
 #include "verbs.h"
 
 namespace {
@@ -18,15 +18,15 @@ using namespace virtual_reader;
 
 const char usage[] =
     "usage: virtual-reader [--socket PATH] [--unplugged] [--stay] [FILE]\n"
-    "Plugs a virtual reader in, and carries out verbs from FILE or standard input; `help` is one\n"
-    "of them. At the end of its input it pulls the reader out, unless --stay is given.\n";
+    "Plugs a virtual reader in and carries out verbs from FILE or standard input; `help` is one "
+    "of\n"
+    "them. Pulls the reader out at the end of its input, or with --stay at a signal.\n";
 
 struct options {
   std::string socket, file;
   bool plugged = true, stay = false;
 };
 
-// False if they are wrong.
 bool parse(int count, char** given, options* chosen) {
   for (int i = 1; i < count; ++i) {
     const std::string text = given[i];
@@ -45,22 +45,21 @@ bool parse(int count, char** given, options* chosen) {
   return true;
 }
 
-// Prints lines as they come, from any thread; the LED in its colour on a terminal.
+// Prints whole lines, from any thread; the LED in its colour on a terminal.
 class printer {
  public:
   void print(const std::string& line) {
-    const std::lock_guard<std::mutex> lock(mutex);
     std::string dot;
     if (coloured && line.rfind("led ", 0) == 0) {
-      const char* const number = line == "led red"     ? "31"
+      const std::string colour = line == "led red"     ? "31"
                                  : line == "led green" ? "32"
                                  : line == "led amber" ? "33"
                                                        : "90";
-      dot = std::string("\x1b[") + number + "m\u25CF\x1b[0m ";
+      dot = "\x1b[" + colour + "m\u25CF\x1b[0m ";
     }
-    const std::string text = dot + line + "\n";
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    const std::lock_guard<std::mutex> lock(mutex);
+    std::cout << dot << line << std::endl;
+    std::cout.clear();  // whoever reads it may go
   }
 
  private:
@@ -72,52 +71,60 @@ class printer {
   std::mutex mutex;
 };
 
+std::string socket_path(const options& chosen) {
+  if (!chosen.socket.empty()) return chosen.socket;
+  make_default_socket_folder();
+  if (default_socket_path_is_private()) return default_socket_path();
+  throw std::runtime_error(default_socket_path() + ": its folder must be yours alone (mode 700)");
+}
+
+// Carries out the lines of the input. Returns whether the program is to end then.
+bool carry_out(const options& chosen, std::istream& input, verbs& interpreter,
+               std::atomic<int>* status) {
+  const std::string place = chosen.file.empty() ? "line " : chosen.file + ":";
+  std::string line;
+  for (int number = 1; !interpreter.quit_requested() && std::getline(input, line); ++number) {
+    const std::string error = interpreter.run(line);
+    if (!error.empty()) std::cerr << place << number << ": " << error << std::endl;
+    if (!error.empty() || !interpreter.expectations_held()) *status = 1;
+  }
+  return !chosen.stay || interpreter.quit_requested();
+}
+
 int run(const options& chosen) {
-  const int input = chosen.file.empty() ? STDIN_FILENO : open(chosen.file.c_str(), O_RDONLY);
-  if (input < 0) throw std::runtime_error("cannot read " + chosen.file);
+  std::ifstream file(chosen.file);
+  if (!chosen.file.empty() && !file) throw std::runtime_error("cannot read " + chosen.file);
+
+  // Blocked in every thread, for this one to wait for.
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
   printer out;
   const auto print = [&](const std::string& line) { out.print(line); };
-  device* waiting = nullptr;
-  std::mutex mutex;  // guards waiting
-  const ending_signals signals([&] {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (waiting) waiting->end_waits();
-  });
-  if (chosen.socket.empty()) {
-    make_default_socket_folder();
-    if (!default_socket_path_is_private()) {
-      throw std::runtime_error(default_socket_path() + ": its folder must be yours, with mode 700");
-    }
-  }
-  const std::string path = chosen.socket.empty() ? default_socket_path() : chosen.socket;
+  const std::string path = socket_path(chosen);
   device reader(path, print, chosen.plugged);
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    waiting = &reader;
+  if (chosen.file.empty() && isatty(STDIN_FILENO)) {
+    print("A virtual reader is on " + path + (chosen.plugged ? ", plugged in." : ", unplugged.") +
+          " Try `card queue 3AB1234/26`; `help` lists all, ^D ends.");
   }
-  if (isatty(input)) {
-    print(std::string("A virtual reader is ") + (chosen.plugged ? "plugged in" : "not plugged in") +
-          " on " + path + ". Try `card queue 3AB1234/26`; `help` lists all, ^D ends.");
-  }
-
-  verbs interpreter(reader, print);
-  line_source lines(input, signals.descriptor());
-  const std::string place = chosen.file.empty() ? "line " : chosen.file + ":";
-  bool understood = true;
-  for (int number = 1; !interpreter.quit_requested(); ++number) {
-    const auto line = lines.next();
-    if (!line) break;
-    const std::string error = interpreter.run(*line);
-    if (error.empty()) continue;
-    understood = false;
-    std::cerr << place << number << ": " << error << std::endl;
-  }
-  if (chosen.stay && !interpreter.quit_requested()) first_readable(signals.descriptor(), -1);
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    waiting = nullptr;
-  }
-  return understood && interpreter.expectations_held() ? 0 : 1;
+  std::atomic<int> status{0};
+  std::thread([&] {
+    verbs interpreter(reader, print);
+    if (carry_out(chosen, chosen.file.empty() ? std::cin : file, interpreter, &status)) {
+      kill(getpid(), SIGTERM);
+    }
+    sigset_t all;
+    sigfillset(&all);
+    for (;;) sigsuspend(&all);
+  }).detach();
+  int number = 0;
+  sigwait(&signals, &number);
+  reader.end();
+  // At once: the other thread may be waiting for input, and holds on to all of the above.
+  _exit(status);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace virtual_reader {
 
@@ -56,9 +57,14 @@ bool take(const char*& place, std::size_t& left, void* out, std::size_t size) {
 
 }  // namespace
 
-int adopt_socket(int descriptor) {
-  const int socket = descriptor < 0 ? -1 : fcntl(descriptor, F_DUPFD_CLOEXEC, 3);
-  if (descriptor >= 0) close(descriptor);
+void descriptor::reset() {
+  if (number >= 0) close(number);
+  number = -1;
+}
+
+int adopt_socket(int number) {
+  const descriptor first(number);
+  const int socket = number < 0 ? -1 : fcntl(number, F_DUPFD_CLOEXEC, 3);
   if (socket < 0) return -1;
   fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK);
 #ifdef SO_NOSIGPIPE
@@ -78,13 +84,13 @@ int connect_to(const std::string& path) {
     return -1;
   }
   path.copy(address.sun_path, path.size());
-  const int socket = new_socket();
-  if (socket < 0) return -1;
-  if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return socket;
+  descriptor socket(new_socket());
+  if (socket.number < 0) return -1;
+  if (connect(socket.number, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    return std::exchange(socket.number, -1);
   }
   const int error = errno;
-  close(socket);
+  socket.reset();
   errno = error;
   return -1;
 }

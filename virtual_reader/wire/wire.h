@@ -23,9 +23,21 @@ inline moment in(std::chrono::milliseconds time) { return std::chrono::steady_cl
 constexpr std::chrono::milliseconds greeting_limit{1000};
 constexpr std::chrono::milliseconds message_limit{5000};
 
-// A call: texts = {its name}, numbers = {count of arguments, arguments ..., what the library adds
-// from its own state ...}.
-// An answer: numbers = {one of message_kind, ...} as there.
+// What the result of a call is, for whoever writes it down.
+enum result_kind : std::int64_t { no_result, status_result, number_result, text_result };
+
+// Error numbers, 0 aside. A rule that lets a call fail may give any other.
+enum error_number : std::int64_t {
+  no_error = 0,
+  no_reader_connected = 1,
+  no_configuration_read = 2,
+  held_by_another_agent = 3,
+};
+
+// A call: texts = {its name}, numbers = {result_kind, the error number with which the library fails
+// the call itself, count of arguments, arguments ..., what the library adds of its own: what a
+// Get copies out, what WriteCfg stores, the result if it is a number}.
+// An answer: numbers = {message_kind, ...} as there.
 struct message {
   std::vector<std::int64_t> numbers;
   std::vector<std::string> texts;
@@ -42,11 +54,23 @@ enum message_kind : std::int64_t {
 constexpr std::size_t call_size_limit = 4096;
 constexpr std::size_t answer_size_limit = std::size_t{1} << 21;
 
+// Closes what it holds.
+class descriptor {
+ public:
+  explicit descriptor(int held = -1) : number(held) {}
+  ~descriptor() { reset(); }
+  descriptor(const descriptor&) = delete;
+  descriptor& operator=(const descriptor&) = delete;
+  void reset();
+
+  int number;  // -1: none
+};
+
 // Sockets are non-blocking, closed on exec, raise no SIGPIPE and are never descriptor 0, 1 or 2.
 // Both functions return -1 on failure, with errno set.
 int new_socket();
 // Takes over a descriptor, giving it the properties above.
-int adopt_socket(int descriptor);
+int adopt_socket(int number);
 
 // A stream to whoever listens on the path, without waiting; -1 when nobody does.
 int connect_to(const std::string& path);
