@@ -53,7 +53,7 @@ export interface AgentEvents {
  * before.
  */
 export class CardReaderAgent extends EventEmitter {
-  /** `path` is the agent's executable, `.../CardReaderAgent.app/Contents/MacOS/card-reader-agent`. */
+  /** `path` is the agent's executable, `CardReaderAgent.app/Contents/MacOS/card-reader-agent`. */
   constructor(path: string, options?: AgentOptions);
 
   /** The name of the attached reader, null when there is none. */

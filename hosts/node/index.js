@@ -1,7 +1,7 @@
 // Starts the card reader agent, sends it commands and reports what it tells.
 //
-// Text is UTF-8 in both directions. Bytes that are not valid UTF-8 become lone surrogates (U+DC80 to
-// U+DCFF), so that a reader name goes back to the agent exactly as it came.
+// Text is UTF-8 in both directions. Bytes that are not valid UTF-8 become lone surrogates, U+DC80
+// to U+DCFF, so that a reader name goes back to the agent exactly as it came.
 
 import { isUtf8 } from 'node:buffer';
 import { spawn } from 'node:child_process';
@@ -24,10 +24,9 @@ function decode(bytes) {
 }
 
 function encode(text) {
-  const pieces = text.split(/([\udc80-\udcff])/u); // every second piece is an escaped byte
-  return Buffer.concat(
-    pieces.map((piece, i) => (i % 2 ? Buffer.of(piece.charCodeAt(0) - ESCAPE) : Buffer.from(piece))),
-  );
+  const unescape = (byte) => Buffer.of(byte.charCodeAt(0) - ESCAPE);
+  const pieces = text.split(/([\udc80-\udcff])/u); // every second one is an escaped byte
+  return Buffer.concat(pieces.map((piece, i) => (i % 2 ? unescape(piece) : Buffer.from(piece))));
 }
 
 /** The agent answered a command with "Error"; the message is the agent's. */

@@ -73,8 +73,8 @@ class AgentEnded(Exception):
     """The agent is not running. `status` is its exit status, negative for a signal, or None."""
 
     def __init__(self, status: Optional[int]) -> None:
-        known = status is not None
-        super().__init__(f"The agent ended with status {status}" if known else "The agent is not running")
+        how = "is not running" if status is None else f"ended with status {status}"
+        super().__init__(f"The agent {how}")
         self.status = status
 
 
@@ -93,8 +93,10 @@ class CardReaderAgent:
     cancelled has been sent all the same.
     """
 
-    def __init__(self, path: Union[str, os.PathLike[str]], *, env: Optional[Mapping[str, str]] = None) -> None:
-        """`path` is the agent's executable, `env` its environment, by default that of this process."""
+    def __init__(
+        self, path: Union[str, os.PathLike[str]], *, env: Optional[Mapping[str, str]] = None
+    ) -> None:
+        """`path` is the agent's executable; `env` its environment, by default ours."""
         self._path = path
         self._env = env
         self._process: Optional[asyncio.subprocess.Process] = None
@@ -118,7 +120,9 @@ class CardReaderAgent:
         if self._process:
             raise RuntimeError("The agent was started before")
         pipe = asyncio.subprocess.PIPE
-        self._process = await asyncio.create_subprocess_exec(self._path, stdin=pipe, stdout=pipe, env=self._env)
+        self._process = await asyncio.create_subprocess_exec(
+            self._path, stdin=pipe, stdout=pipe, env=self._env
+        )
         self._events: asyncio.Queue[Optional[Event]] = asyncio.Queue()
         self._task = asyncio.create_task(self._read(self._process))
 
@@ -142,6 +146,8 @@ class CardReaderAgent:
         await self.close()
 
     async def __aiter__(self) -> AsyncIterator[Event]:
+        if not self._process:
+            raise AgentEnded(None)
         while (event := await self._events.get()) is not None:
             yield event
         self._events.put_nowait(None)  # for all others who iterate

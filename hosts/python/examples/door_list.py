@@ -25,7 +25,8 @@ async def main(path):
                 print(f"Reader {event.previous} has gone", flush=True)
             elif isinstance(event, Card):
                 name = DOOR_LIST.get(event.id)
-                print(f"{name}, come in" if name else f"Card {event.id} is not on the list", flush=True)
+                text = f"{name}, come in" if name else f"Card {event.id} is not on the list"
+                print(text, flush=True)
                 try:
                     await agent.set_led(event.reader, "green" if name else "red")
                     await agent.beep(event.reader, 1 if name else 2)

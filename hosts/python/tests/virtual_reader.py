@@ -1,5 +1,6 @@
 """What the tests share: the programs in BUILD_DIR."""
 
+import faulthandler
 import os
 import subprocess
 import tempfile
@@ -13,10 +14,11 @@ class VirtualReader:
     """Plugged in until `end`. `env` is the environment of the agent that is to find it."""
 
     def __init__(self):
+        faulthandler.dump_traceback_later(20, exit=True)  # a test that hangs fails
         self.folder = tempfile.TemporaryDirectory(prefix="card-reader-")
         self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self.folder.name + "/socket"}
-        pipe = subprocess.PIPE
-        self.process = subprocess.Popen([BUILD / "virtual-reader"], stdin=pipe, stdout=pipe, env=self.env)
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
+        self.process = subprocess.Popen([BUILD / "virtual-reader"], env=self.env, **pipes)
         self.tell()
 
     def tell(self, *verbs):
@@ -31,6 +33,7 @@ class VirtualReader:
         raise EOFError("the virtual reader has ended")
 
     def end(self):
+        faulthandler.cancel_dump_traceback_later()
         self.process.communicate(timeout=10)
         self.folder.cleanup()
         if self.process.returncode:
