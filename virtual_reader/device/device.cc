@@ -208,10 +208,10 @@ bool device::answer(const question& asked) {
   lock.unlock();
   if (waits) {
     changed.notify_all();
-    if (!send({{patience, rule.hang ? -1 : rule.delay.count()}, {}})) return false;
+    if (!send({{patience_message, rule.hang ? -1 : rule.delay.count()}, {}})) return false;
   }
   for (const auto& text : rule.says) {
-    if (!send({{say, text.length, text.own_thread}, {text.text}})) return false;
+    if (!send({{say_message, text.length, text.own_thread}, {text.text}})) return false;
   }
   lock.lock();
   if (rule.hang) changed.wait(lock, [&] { return ending || releases != releases_before; });
@@ -244,7 +244,7 @@ bool device::answer(const question& asked) {
   tell(done.events);
   changed.notify_all();
 
-  message given{{reply, !done.failed, done.error, id_questions_wanted}, {}};
+  message given{{reply_message, !done.failed, done.error, id_questions_wanted}, {}};
   given.numbers.insert(given.numbers.end(), done.values.begin(), done.values.end());
   if (done.text) given.texts = {*done.text};
   if (!rule.vanish) return send(given);

@@ -17,11 +17,10 @@ constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t longest_wait = 24 * 60 * 60 * 1000;  // a day, in ms
 constexpr std::size_t longest_text = 1'000'000;
 
-std::string take_call(words& given, const std::string& others = "") {
+std::string take_call(words& given) {
   const std::string name = given.take();
-  if (is_call(name) || (!others.empty() && name == others)) return name;
-  throw bad_line("'" + name + "' is no call; there are " + others + (others.empty() ? "" : ", ") +
-                 call_names);
+  if (!is_call(name)) throw bad_line("'" + name + "' is no call; there are " + call_names);
+  return name;
 }
 
 std::string take_text(words& given) {
@@ -35,6 +34,13 @@ card_id take_card(words& given) {
   const std::string error = parse_card(given.take(), &id);
   if (!error.empty()) throw bad_line(error);
   return id;
+}
+
+// Takes what may end an `expect`.
+milliseconds take_limit(words& given) {
+  const milliseconds limit(given.take_if("within") ? given.take_number(0, longest_wait) : 5000);
+  given.take_end();
+  return limit;
 }
 
 std::string led_line(const device::state& state) {
@@ -101,9 +107,17 @@ const verbs::verb verbs::all[] = {
        w.take_end();
        std::this_thread::sleep_for(time);
      }},
-    {"expect", "CALL|cards [N] [within MS]",
-     "waits for N more such calls, or for all queued cards to be fetched; 1, within 5000 ms",
+    {"expect", "CALL [N] [within MS]", "waits for N more such calls; 1, within 5000 ms",
      [](verbs& v, words& w) { v.expect(w); }},
+    {"expect cards", "[within MS]", "waits until all queued cards have been fetched",
+     [](verbs& v, words& w) { v.expect_cards(w); }},
+    {"host", "\"COMMAND\" [\"ANSWER\"]", "asks whoever plays the host to send it to the reader",
+     [](verbs& v, words& w) {
+       const std::string command = w.take_quoted();
+       const std::string answer = w.at_end() ? "" : " -> " + w.take_quoted();
+       w.take_end();
+       v.print("host " + command + answer);
+     }},
     {"help", "", "prints this", [](verbs& v, words&) { v.help(); }},
     {"quit", "", "ends the virtual reader", [](verbs& v, words&) { v.quit = true; }},
 };
@@ -115,6 +129,7 @@ std::string verbs::run(const std::string& line) {
     if (given.at_end()) return {};
     std::string name = given.take();
     if (name == "card" && !given.at_end()) name += " " + given.take();
+    if (name == "expect" && given.take_if("cards")) name += " cards";
     for (const verb& one : all) {
       if (one.name != name) continue;
       right = "right would be: " + name + (*one.syntax ? " " : "") + one.syntax;
@@ -211,25 +226,26 @@ void verbs::trace(words& given) {
 }
 
 void verbs::expect(words& given) {
-  const std::string name = take_call(given, "cards");
-  const bool cards = name == "cards";
-  const std::int64_t number = !cards && given.number_is_next() ? given.take_number(1, most) : 1;
-  const std::int64_t limit = given.take_if("within") ? given.take_number(0, longest_wait) : 5000;
-  given.take_end();
+  const std::string name = take_call(given);
+  const std::int64_t number = given.number_is_next() ? given.take_number(1, most) : 1;
+  const milliseconds limit = take_limit(given);
+  std::uint64_t& seen = expected[name];
+  const std::uint64_t before = std::exchange(seen, seen + static_cast<std::uint64_t>(number));
+  if (reader.wait_for_call(name, seen, limit)) return;
+  seen = reader.call_count(name);
+  fail("expected " + std::to_string(number) + " " + name + ", there were " +
+       std::to_string(seen - before));
+}
 
-  std::string found;
-  if (cards) {
-    if (reader.wait_for_cards(milliseconds(limit))) return;
-    found = "all " + name + " fetched, " + std::to_string(reader.look().queue.size()) + " are not";
-  } else {
-    std::uint64_t& seen = expected[name];
-    const std::uint64_t before = std::exchange(seen, seen + static_cast<std::uint64_t>(number));
-    if (reader.wait_for_call(name, seen, milliseconds(limit))) return;
-    seen = reader.call_count(name);
-    found = std::to_string(number) + " " + name + ", there were " + std::to_string(seen - before);
-  }
+void verbs::expect_cards(words& given) {
+  if (reader.wait_for_cards(take_limit(given))) return;
+  fail("expected all cards to be fetched, " + std::to_string(reader.look().queue.size()) +
+       " are not");
+}
+
+void verbs::fail(const std::string& why) {
   held = false;
-  print("FAILED: expected within " + std::to_string(limit) + " ms: " + found);
+  print("FAILED: " + why);
 }
 
 void verbs::calls(words& given) {

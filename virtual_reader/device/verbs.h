@@ -34,6 +34,8 @@ class verbs {
   void add_rule(rule::kind what, words& given);
   void trace(words& given);
   void expect(words& given);
+  void expect_cards(words& given);
+  void fail(const std::string& why);
   void calls(words& given);
   void show();
   void help();

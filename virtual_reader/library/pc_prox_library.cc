@@ -46,8 +46,8 @@ struct answer {
 };
 
 struct {
-  descriptor link;  // to the virtual reader, whether or not its reader is plugged in
-  moment next_attempt{};
+  descriptor link;        // to the virtual reader, whether or not its reader is plugged in
+  moment next_attempt{};  // a silent listener costs the agent its patience once, not at every call
   pc_prox::marker_function marker = nullptr;
   bool mismatch_told = false;
   std::int64_t last_error = 0;
@@ -85,7 +85,6 @@ void make_link() {
   if (version == protocol_version) return;
   drop_link();
   if (!version) {
-    // A listener that says nothing costs the agent its patience once a search, not at every call.
     library.next_attempt = in(message_limit);
   } else if (!std::exchange(library.mismatch_told, true)) {
     const std::string text = "virtual reader speaks protocol version " + std::to_string(*version) +
@@ -101,22 +100,23 @@ std::optional<answer> exchange(const message& question) {
   while (auto given = receive_message(library.link.number, answer_size_limit, until)) {
     const std::vector<std::int64_t>& told = given->numbers;
     std::vector<std::string>& texts = given->texts;
-    if (told.size() >= 4 && told[0] == reply) {
+    if (told.size() >= 4 && told[0] == reply_message) {
       if (told[1] == 0) library.last_error = told[2];
       library.id_questions_wanted = told[3] != 0;
       answer result{told[1], {told.begin() + 4, told.end()}, {}};
       if (!texts.empty()) result.text = std::move(texts[0]);
       return result;
     }
-    if (told.size() == 2 && told[0] == patience) {
+    if (told.size() == 2 && told[0] == patience_message) {
       const std::chrono::milliseconds longer{std::min<std::int64_t>(told[1], 1'000'000'000)};
       until = longer.count() < 0 ? never : in(message_limit + longer);
-    } else if (told.size() == 3 && told[0] == say && texts.size() == 1) {
+    } else if (told.size() == 3 && told[0] == say_message && texts.size() == 1) {
       emit(std::move(texts[0]), told[1], told[2] != 0);
     } else {
       return {};
     }
   }
+  if (std::chrono::steady_clock::now() >= until) library.next_attempt = in(message_limit);
   return {};
 }
 
