@@ -3,29 +3,22 @@
 // The lines are compared with those that the language's own stream cuts, the work items with what
 // holds for all of them.
 #include <fcntl.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <sstream>
 #include <typeinfo>
 #include <vector>
 
 #include "feedback.h"
+#include "fuzzing.h"
 #include "line_reader.h"
 #include "parse_line.h"
 
 namespace {
 
 const char too_long[] = "(too long)";
-
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
 
 std::vector<std::string> lines_by_agent(const std::uint8_t* data, std::size_t size) {
   // A file of no name on standard input, written anew each time.

@@ -19,22 +19,22 @@ std::vector<std::string> entries(const std::string& path) {
   return names;
 }
 
-// The sum of the numbers in the lines of a status file whose names end so.
-std::uint64_t status_sum(const std::string& path, const std::string& name_end) {
+// The number behind that name in a status file.
+std::uint64_t status_number(const std::string& path, const std::string& name) {
   std::ifstream status(path + "/status");
-  std::uint64_t sum = 0;
   for (std::string line; std::getline(status, line);) {
-    const std::size_t found = line.find(name_end + ":");
-    if (found != std::string::npos) sum += std::stoull(line.substr(found + name_end.size() + 1));
+    if (line.rfind(name + ":", 0) == 0) return std::stoull(line.substr(name.size() + 1));
   }
-  return sum;
+  return 0;
 }
 
 std::string process_folder(pid_t pid) { return "/proc/" + std::to_string(pid); }
 
 }  // namespace
 
-long resident_kib(pid_t pid) { return static_cast<long>(status_sum(process_folder(pid), "VmRSS")); }
+long resident_kib(pid_t pid) {
+  return static_cast<long>(status_number(process_folder(pid), "VmRSS"));
+}
 
 std::size_t open_descriptors(pid_t pid) { return entries(process_folder(pid) + "/fd").size(); }
 
@@ -42,7 +42,7 @@ std::uint64_t context_switches(pid_t pid) {
   const std::string threads = process_folder(pid) + "/task";
   std::uint64_t sum = 0;
   for (const std::string& thread : entries(threads)) {
-    sum += status_sum(threads + "/" + thread, "ctxt_switches");
+    sum += status_number(threads + "/" + thread, "voluntary_ctxt_switches");
   }
   return sum;
 }

@@ -8,5 +8,5 @@
 
 long resident_kib(pid_t pid);
 std::size_t open_descriptors(pid_t pid);
-// Voluntary and involuntary context switches of all its threads so far.
+// How often any of its threads has gone to sleep so far.
 std::uint64_t context_switches(pid_t pid);

@@ -68,7 +68,12 @@ TEST(Process, WakesForItsScansAlone) {
     EXPECT_EQ(agent.ask("Global:Ping"), "Ok:") << "it has started";
     const auto polls = [&] { return count_of(file_lines(bundle.log), "GetQueuedID main"); };
     while (attached && polls() < 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const std::uint64_t before = context_switches(agent.pid());
+    // Until its threads have gone to sleep.
+    std::uint64_t before = 0;
+    while (before != context_switches(agent.pid())) {
+      before = context_switches(agent.pid());
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     const std::uint64_t polls_before = polls();
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     const std::uint64_t woken = context_switches(agent.pid()) - before;

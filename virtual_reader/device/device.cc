@@ -285,9 +285,10 @@ device::outcome device::carry_out(const question& asked) {
       done.events = {"card " + to_text(*id)};
     }
   } else if (asked.name == "BeepNow" && asked.arguments.size() == 2) {
+    const std::int64_t count = asked.arguments[0] & 0xFF;  // all that the call itself can hold
     const bool is_long = asked.arguments[1] != 0;
-    (is_long ? now.long_beeps : now.short_beeps) += asked.arguments[0];
-    done.events = {(is_long ? "beep long " : "beep short ") + std::to_string(asked.arguments[0])};
+    (is_long ? now.long_beeps : now.short_beeps) += count;
+    done.events = {(is_long ? "beep long " : "beep short ") + std::to_string(count)};
   } else if (asked.name == "SetLEDCtrl") {
     now.led = record_at(asked.arguments, 0);
     done.events = {"led " + to_text(now.led)};
