@@ -1,13 +1,15 @@
 // What the measuring program and the reader library of the benchmark share: one page of memory, a
-// file whose path the environment names.
+// file whose path BENCH_DEVICE in the environment names.
 #pragma once
 
+#include <fcntl.h>
 #include <semaphore.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
-
-inline constexpr const char device_variable[] = "BENCH_DEVICE";
+#include <cstdlib>
 
 struct device {
   std::atomic<int> attached;           // a reader is plugged in
@@ -19,4 +21,11 @@ struct device {
 };
 
 // Maps the page, or returns null when the environment names none.
-device* open_device();
+inline device* open_device() {
+  const char* const path = std::getenv("BENCH_DEVICE");
+  const int file = path ? open(path, O_RDWR | O_CLOEXEC) : -1;
+  if (file < 0) return nullptr;
+  void* const page = mmap(nullptr, sizeof(device), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  close(file);
+  return page == MAP_FAILED ? nullptr : static_cast<device*>(page);
+}

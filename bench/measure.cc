@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <thread>
 #include <vector>
@@ -25,25 +24,22 @@ namespace {
 
 std::int64_t now() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
 
-// What a server is asked for the n-th time, and what it has to answer.
+// What a server is asked, and what it has to answer: the n-th time with the number n behind it.
 struct dialect {
-  std::function<std::string(long)> request;
-  std::function<std::string(long)> answer;
+  std::string question;
+  std::string reply;
+  bool numbered;
   std::string greeting;  // written unasked by a server that starts
+
+  std::string request(long n) const { return question + ending(n); }
+  std::string answer(long n) const { return reply + ending(n); }
+  std::string ending(long n) const { return numbered ? std::to_string(n) + "\n" : "\n"; }
 };
 
-const dialect& dialect_named(const std::string& name) {
-  static const auto ping = [](long n) { return "Global:Ping " + std::to_string(n) + "\n"; };
-  static const std::map<std::string, dialect> dialects = {
-      {"agent", {ping, [](long n) { return "Ok:  " + std::to_string(n) + "\n"; }, ""}},
-      {"echo", {ping, ping, ""}},
-      {"nop",
-       {[](long) { return "NOP\n"; }, [](long) { return "OK\n"; },
-        "OK GNU Privacy Guard's Smartcard server ready\n"}}};
-  const auto found = dialects.find(name);
-  if (found == dialects.end()) fail("no such dialect: " + name);
-  return found->second;
-}
+const std::map<std::string, dialect> dialects = {
+    {"agent", {"Global:Ping ", "Ok:  ", true, ""}},
+    {"echo", {"Global:Ping ", "Global:Ping ", true, ""}},
+    {"nop", {"NOP", "OK", false, "OK GNU Privacy Guard's Smartcard server ready\n"}}};
 
 void print(const char* name, double value) { std::printf("%s %.9g\n", name, value); }
 
@@ -223,7 +219,9 @@ int main(int argc, char* argv[]) {
       {"start", measure_start},     {"pings", measure_pings}, {"flood", measure_flood},
       {"pending", measure_pending}, {"idle", measure_idle},   {"card", measure_card}};
   const auto kind = argc > 5 ? kinds.find(argv[1]) : kinds.end();
-  if (kind == kinds.end()) fail("usage: measure KIND COUNT CPUS DIALECT COMMAND...");
+  const auto talk = argc > 5 ? dialects.find(argv[4]) : dialects.end();
+  if (kind == kinds.end() || talk == dialects.end())
+    fail("usage: measure KIND COUNT CPUS DIALECT COMMAND...");
   cpu_set_t cpus;
   CPU_ZERO(&cpus);
   for (const char* at = argv[3]; at; at = std::strchr(at, ',')) {
@@ -232,5 +230,5 @@ int main(int argc, char* argv[]) {
   }
   if (sched_setaffinity(0, sizeof cpus, &cpus) != 0) fail("no such CPUs here");
   std::signal(SIGPIPE, SIG_IGN);
-  kind->second(std::atol(argv[2]), dialect_named(argv[4]), argv + 5);
+  kind->second(std::atol(argv[2]), talk->second, argv + 5);
 }
