@@ -41,7 +41,3 @@ class TranscriptTest(unittest.TestCase):
                     told = re.sub(r"\bDev(\d{13,})", lambda name: f"Dev{int(name[1]) - base}", told)
                     self.assertEqual((marker, line), ("<", told))
             self.assertEqual((agent.communicate()[0], agent.returncode), (b"", 0))
-
-
-if __name__ == "__main__":
-    unittest.main()
