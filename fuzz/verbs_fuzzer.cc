@@ -23,13 +23,15 @@ std::string in_words(const device& reader) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const scratch_folder folder;
   static device reader(folder.path + "/socket", nullptr);
-  reader.end();  // so that it waits for nothing
   verbs interpreter(reader, [](const std::string& line) {
     require(line.find('\n') == std::string::npos, "it prints line by line");
   });
 
   std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
   for (std::string line; std::getline(input, line);) {
+    // These wait for what no agent is here to do.
+    if (line.find("wait") != std::string::npos || line.find("expect") != std::string::npos)
+      continue;
     const std::string before = in_words(reader);
     const std::string error = interpreter.run(line);
     require(error.find('\n') == std::string::npos, "an error is one line");
