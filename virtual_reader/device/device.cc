@@ -158,14 +158,15 @@ bool device::wait_for_cards(std::chrono::milliseconds limit) {
 }
 
 void device::serve(int socket) {
+  char first;
   const auto version = exchange_greetings(socket);
+  if (!version && recv(socket, &first, 1, MSG_PEEK) == 0) return;  // only looked who is there
   if (version != protocol_version) {
     tell({version ? "refused an agent: it speaks protocol version " + std::to_string(*version) +
                         ", this virtual reader version " + std::to_string(protocol_version)
                   : "refused an agent: it did not greet"});
     return;
   }
-  char first;
   bool right = true;
   while (right && wait_for(socket, POLLIN, never) && recv(socket, &first, 1, MSG_PEEK) == 1) {
     const auto given = receive_message(socket, call_size_limit, in(message_limit));

@@ -1,5 +1,6 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -93,7 +94,11 @@ bool carry_out(const options& chosen, std::istream& input, verbs& interpreter,
 
 int run(const options& chosen) {
   std::ifstream file(chosen.file);
-  if (!chosen.file.empty() && !file) throw std::runtime_error("cannot read " + chosen.file);
+  struct stat found {};
+  if (!chosen.file.empty() &&
+      (!file || stat(chosen.file.c_str(), &found) != 0 || S_ISDIR(found.st_mode))) {
+    throw std::runtime_error("cannot read " + chosen.file);
+  }
 
   // Blocked in every thread, for this one to wait for.
   sigset_t signals;
