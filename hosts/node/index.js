@@ -72,17 +72,20 @@ export class CardReaderAgent extends EventEmitter {
 
   async start() {
     if (this.#child) throw new Error('The agent was started before');
-    this.#child = spawn(this.#path, { stdio: ['pipe', 'pipe', 'inherit'], env: this.#env });
-    this.#child.stdout.on('data', (chunk) => this.#read(chunk));
-    this.#child.stdin.on('error', () => {}); // the agent's end is reported by 'close'
+    const child = spawn(this.#path, { stdio: ['pipe', 'pipe', 'inherit'], env: this.#env });
+    this.#child = child;
+    // A system out of descriptors gives a child without streams, and then the error.
+    child.stdout?.on('data', (chunk) => this.#read(chunk));
+    child.stdin?.on('error', () => {}); // the agent's end is reported by 'close'
     await new Promise((resolve, reject) => {
-      this.#child.once('spawn', resolve);
-      this.#child.once('error', (cause) => {
+      child.once('spawn', resolve);
+      child.once('error', (cause) => {
+        this.#child = null;
         reject(new Error(`Cannot start the agent ${this.#path}: ${cause.message}`, { cause }));
       });
     });
     this.#ended = new Promise((resolve) => {
-      this.#child.once('close', (code, signal) => resolve(this.#end({ code, signal })));
+      child.once('close', (code, signal) => resolve(this.#end({ code, signal })));
     });
   }
 
