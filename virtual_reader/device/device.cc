@@ -87,22 +87,17 @@ void device::power(bool on) {
   now.led = now.stored[led_record];
 }
 
-void device::plug() {
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (now.plugged) return;
-    power(true);
-  }
-  tell({"plugged in"});
-}
+void device::plug() { set_power(true); }
 
-void device::unplug() {
+void device::unplug() { set_power(false); }
+
+void device::set_power(bool on) {
   {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (!now.plugged) return;
-    power(false);
+    if (now.plugged == on) return;
+    power(on);
   }
-  tell({"unplugged"});
+  tell({on ? "plugged in" : "unplugged"});
 }
 
 void device::release() {

@@ -84,6 +84,7 @@ class device {
   outcome carry_out(const question& asked);
   void note(const question& asked, outcome* done);
   void power(bool on);
+  void set_power(bool on);
   void tell(const std::vector<std::string>& events) const;
 
   const event_function on_event;
