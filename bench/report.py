@@ -1,6 +1,6 @@
-"""Runs every measurement, prints the table and draws the picture.
+"""Runs every measurement, prints the table, puts it into the page and draws the page's picture.
 
-Usage: report.py BUILD_FOLDER SVG ROUNDS
+Usage: report.py BUILD_FOLDER PAGE ROUNDS
 """
 
 import math
@@ -42,6 +42,7 @@ FIGURES = [
 # What concerns the agent alone: what `measure` is asked, whether there is a reader, and of each
 # figure its key, title, unit and goal.
 AGENT_FIGURES = [
+    ("pings", 20_000, False, [("switches", "context switches a ping", "", 4.1)]),
     ("pending", 100_000, True,
      [("pending_bytes", "pending command while the library is busy", "bytes", 160)]),
     ("idle", 60, True, [("switches_per_poll", "context switches a poll", "", 1)]),
@@ -89,27 +90,35 @@ def number(value):
 def verdict(value, goal, more_is_better=False):
     if not goal:
         return "|  |"
+    value = round(value, 2)  # as precise as it is shown
     met = value >= goal if more_is_better else value <= goal
     sign = "≥" if more_is_better else "≤"
     return f"| {sign} {goal:g}{'' if met else ' (missed)'} |"
 
 
-def print_tables(values, servers, alone):
-    print(f"\n| | {' | '.join(servers)} | agent / relay | goal |")
-    print("|---|" + "--:|" * (len(servers) + 2))
+def tables(values, servers, alone):
+    yield f"\n| | {' | '.join(servers)} | agent / relay | goal |"
+    yield "|---|" + "--:|" * (len(servers) + 1) + "---|"
     for figure, measured in values.items():
         cells = [number(statistics.median(measured[name])) for name in servers]
         unit = f", {figure.unit}" if figure.unit else ""
         value = ratio(measured, AGENT)
-        print(f"| {figure.title}{unit} | {' | '.join(cells)} | {value:.2f} "
-              + verdict(value, figure.goal, figure.more_is_better))
+        yield (f"| {figure.title}{unit} | {' | '.join(cells)} | {value:.2f} "
+               + verdict(value, figure.goal, figure.more_is_better))
         if figure.title == "flood, one CPU":
             against = ratio(measured, AGENT, "scdaemon")
-            print("| the same, agent / scdaemon |" + " |" * len(servers)
-                  + f" {against:.2f} " + verdict(against, 5.5, True))
-    print("\n| the agent alone | | goal |\n|---|--:|--:|")
+            yield ("| the same, agent / scdaemon |" + " |" * len(servers)
+                   + f" {against:.2f} " + verdict(against, 5.5, True))
+    yield "\n| the agent alone | | goal |\n|---|--:|---|"
     for title, unit, goal, value in alone:
-        print(f"| {title} | {number(value)} {unit} " + verdict(value, goal))
+        yield f"| {title} | {f'{number(value)} {unit}'.strip()} {verdict(value, goal)}"
+
+
+def replace_table(page, text):
+    """Puts the text between the page's two marks."""
+    before, rest = page.read_text().split("<!-- table -->\n")
+    after = rest.split("<!-- end of table -->\n")[1]
+    page.write_text(f"{before}<!-- table -->\n{text}\n<!-- end of table -->\n{after}")
 
 
 STYLE = """
@@ -161,8 +170,14 @@ def draw(values, servers, path):
     path.write_text("\n".join(out) + "\n</svg>\n")
 
 
+def processor():
+    lines = pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+    return next((line.split(":")[1].strip() for line in lines if line.startswith("model name")),
+                platform.machine())
+
+
 def main():
-    build, svg, rounds = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), int(sys.argv[3])
+    build, page, rounds = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), int(sys.argv[3])
     program = str(build / "measure")
     agent = str(build / "Bench.app/Contents/MacOS/card-reader-agent")
     servers = {
@@ -177,16 +192,20 @@ def main():
         values = compare(program, servers, rounds, {"GNUPGHOME": folder})
         print("two minutes of an idle agent, then cards", file=sys.stderr)
         alone = []
-        page = pathlib.Path(folder) / "device"
+        device = pathlib.Path(folder) / "device"
         for kind, count, reader, figures in AGENT_FIGURES:
-            page.write_bytes(bytes(4096))
-            environment = {"BENCH_DEVICE": str(page)} if reader else {}
-            taken = measure(program, kind, count, "0,1", "agent", (agent,), **environment)
+            device.write_bytes(bytes(4096))
+            environment = {"BENCH_DEVICE": str(device)} if reader else {}
+            taken = measure(program, kind, count, "0", "agent", (agent,), **environment)
             alone += [(title, unit, goal, taken[key]) for key, title, unit, goal in figures]
-    print(f"{rounds} rounds; {platform.system()} {platform.release()}, {os.cpu_count()} CPUs,"
-          f" load {load:.2f} before")
-    print_tables(values, servers, alone)
-    draw(values, servers, svg)
+    text = "\n".join([
+        f"Medians of {rounds} rounds on {processor()}, {os.cpu_count()} CPUs, Linux"
+        f" {platform.release().split('-')[0]}; load average before and after:"
+        f" {load:.2f} and {os.getloadavg()[0]:.2f}.",
+        *tables(values, servers, alone)])
+    print(text)
+    replace_table(page, text)
+    draw(values, servers, page.with_suffix(".svg"))
 
 
 main()

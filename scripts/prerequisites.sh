@@ -12,10 +12,12 @@ need_command() {
   command -v "$1" >/dev/null 2>&1 || add_missing "$2" "$3"
 }
 
-# need_file FILE DEBIAN_PACKAGE BREW_FORMULA: for what is no command; FILE may be a pattern.
+# need_file FILES DEBIAN_PACKAGE BREW_FORMULA: for what is no command; any of the files will do.
 need_file() {
-  # shellcheck disable=SC2086
-  ls $1 >/dev/null 2>&1 || add_missing "$2" "$3"
+  for candidate in $1; do
+    [ ! -e "$candidate" ] || return 0
+  done
+  add_missing "$2" "$3"
 }
 
 add_missing() {
