@@ -3,8 +3,8 @@
 
 #include <thread>
 
-#include "bench.h"
 #include "process_figures.h"
+#include "rig.h"
 
 namespace {
 
@@ -13,21 +13,21 @@ constexpr int commands_a_round = 1000000;
 constexpr int cards_a_round = 100000;
 
 TEST(Soak, KeepsMemoryAndDescriptorsFlat) {
-  bench b({"card hold 3AB1234/26"}, TEST_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "0"}});
-  b.await_reader();
-  const pid_t pid = b.agent->pid();
+  rig r({"card hold 3AB1234/26"}, QUICK_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "0"}});
+  r.agent->await_reader();
+  const pid_t pid = r.agent->pid();
   long first_resident = 0;
   std::size_t first_descriptors = 0;
   for (int round = 0; round < rounds; ++round) {
     std::thread host([&] {
       std::string piece;
       for (int i = 0; i < 100; ++i) piece += "Global:Ping " + std::to_string(round) + "\n";
-      for (int i = 0; i < commands_a_round / 100; ++i) b.agent->send(piece);
+      for (int i = 0; i < commands_a_round / 100; ++i) r.agent->send(piece);
     });
     const std::string answer = "Ok:  " + std::to_string(round);
     int answers = 0;
     for (int cards = 0; answers < commands_a_round || cards < cards_a_round;) {
-      const std::string line = b.agent->next_line();
+      const std::string line = r.agent->next_line();
       if (line == answer) {
         ++answers;
       } else if (line == "Card: 3AB1234") {
@@ -50,7 +50,7 @@ TEST(Soak, KeepsMemoryAndDescriptorsFlat) {
     EXPECT_LE(resident, first_resident + first_resident / 4 + 512);
     EXPECT_EQ(descriptors, first_descriptors);
   }
-  EXPECT_EQ(b.agent->finish(), 0);
+  EXPECT_EQ(r.agent->finish(), 0);
 }
 
 }  // namespace

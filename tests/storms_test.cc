@@ -3,8 +3,8 @@
 
 #include <thread>
 
-#include "bench.h"
 #include "process_figures.h"
+#include "rig.h"
 
 namespace {
 
@@ -40,60 +40,60 @@ void expect_pongs(agent_process& agent, int first, int count) {
 }
 
 TEST(Storm, OfReplugsLosesNoCardAndRepeatsNoName) {
-  bench b({"part none"}, TEST_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "1"}});
-  std::uint64_t number = std::stoull(b.await_reader().substr(3));
+  rig r({"part none"}, QUICK_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "1"}});
+  std::uint64_t number = std::stoull(r.agent->await_reader().substr(3));
   for (int i = 0; i < 1000 / scale; ++i) {
     const std::string card = std::to_string(100000 + i);
-    b.run("card queue " + card);
-    ASSERT_EQ(b.agent->next_line(), "Card: " + card);
-    b.run("replug");
-    ASSERT_EQ(b.agent->next_line(), "Reader: Dev" + std::to_string(++number));
+    r.run("card queue " + card);
+    ASSERT_EQ(r.agent->next_line(), "Card: " + card);
+    r.run("replug");
+    ASSERT_EQ(r.agent->next_line(), "Reader: Dev" + std::to_string(++number));
   }
-  EXPECT_EQ(b.agent->finish(), 0);
+  EXPECT_EQ(r.agent->finish(), 0);
 }
 
 TEST(Storm, OfCommandsIsAnsweredInOrderAndLeavesNoMemoryBehind) {
   const int flood = 5000000 / scale;
-  bench b({"unplug"});
+  rig r({"unplug"});
   long resident[3] = {};
   for (int round = 0; round < 3; ++round) {
-    std::thread host([&] { send_pings(*b.agent, 0, flood); });
-    expect_pongs(*b.agent, 0, flood);
+    std::thread host([&] { send_pings(*r.agent, 0, flood); });
+    expect_pongs(*r.agent, 0, flood);
     host.join();
-    EXPECT_EQ(b.agent->ask("Global:Ping"), "Ok:");
-    resident[round] = resident_kib(b.agent->pid());
+    EXPECT_EQ(r.agent->ask("Global:Ping"), "Ok:");
+    resident[round] = resident_kib(r.agent->pid());
   }
   RecordProperty("resident KiB", std::to_string(resident[0]) + " " + std::to_string(resident[1]) +
                                      " " + std::to_string(resident[2]));
 #ifndef SANITIZED
   EXPECT_LE(resident[2], resident[0] + resident[0] / 4 + 512) << "grows from flood to flood";
 #endif
-  EXPECT_EQ(b.agent->finish(), 0);
+  EXPECT_EQ(r.agent->finish(), 0);
 }
 
 TEST(Storm, WithAHostThatStopsReadingLosesNothing) {
   const int count = 1000000 / scale;
-  bench b({"unplug"});
+  rig r({"unplug"});
   const auto start = std::chrono::steady_clock::now();
   std::chrono::steady_clock::duration sending{};
   std::thread host([&] {
-    send_pings(*b.agent, 0, count);
+    send_pings(*r.agent, 0, count);
     sending = std::chrono::steady_clock::now() - start;
   });
   std::this_thread::sleep_for(std::chrono::seconds(5));
-  expect_pongs(*b.agent, 0, count);
+  expect_pongs(*r.agent, 0, count);
   host.join();
   EXPECT_LT(sending, std::chrono::seconds(5)) << "its sending was held up";
-  EXPECT_EQ(b.agent->finish(), 0);
+  EXPECT_EQ(r.agent->finish(), 0);
 }
 
 TEST(Storm, OfAHundredAgentsStartsAndEnds) {
-  bench b;
-  b.await_reader();
+  rig r;
+  r.agent->await_reader();
   std::vector<std::unique_ptr<agent_process>> agents;
   for (int i = 0; i < 100; ++i) {
     agents.push_back(std::make_unique<agent_process>(
-        AGENT, agent_process::environment{{"VIRTUAL_READER_SOCKET", b.socket()}}));
+        AGENT, agent_process::environment{{"VIRTUAL_READER_SOCKET", r.socket()}}));
   }
   for (const auto& agent : agents) agent->send_line("Global:Ping");
   for (const auto& agent : agents) {
@@ -101,7 +101,7 @@ TEST(Storm, OfAHundredAgentsStartsAndEnds) {
     EXPECT_EQ(agent->remaining_lines(), lines{"Ok:"}) << "one agent alone holds the reader";
     EXPECT_EQ(agent->wait(), 0);
   }
-  EXPECT_EQ(b.agent->finish(), 0);
+  EXPECT_EQ(r.agent->finish(), 0);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "bench.h"
+#include "rig.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <regex>
 #include <thread>
 
-#include "bench.h"
+#include "rig.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ const std::regex known_line(
 class session {
  public:
   // With a fault, or none for the call "".
-  explicit session(const rule& fault) : b({"card queue 3AB1234/26"}, TEST_AGENT, quick, fault) {}
+  explicit session(const rule& fault) : r({"card queue 3AB1234/26"}, QUICK_AGENT, quick, fault) {}
 
   // Plays the session and returns the library calls that it made.
   lines play() {
@@ -40,18 +40,18 @@ class session {
         "tsTimeParms.iIDHoldTO=5 tsCfgFlags2.bBeepID=1 tsLEDCtrl.iRedLEDState=1 "
         "tsLEDCtrl.x=1 y.z=1");
     command("ResetConfig");
-    b.run("card queue EE");
-    b.run("unplug");
-    b.run("plug");
+    r.run("card queue EE");
+    r.run("unplug");
+    r.run("plug");
     name = find_reader();
     command("Beep long 1");
-    b.agent->close_input();
+    r.agent->close_input();
     const auto closed = std::chrono::steady_clock::now();
-    for (const std::string& line : b.agent->remaining_lines()) check(line);
-    EXPECT_EQ(b.agent->wait(), 0);
+    for (const std::string& line : r.agent->remaining_lines()) check(line);
+    EXPECT_EQ(r.agent->wait(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - closed, std::chrono::seconds(1));
-    EXPECT_EQ(b.reader.look().rules, 0u) << "the fault never came up";
-    return b.calls();
+    EXPECT_EQ(r.reader.look().rules, 0u) << "the fault never came up";
+    return r.reader.calls();
   }
 
  private:
@@ -60,7 +60,7 @@ class session {
   }
 
   std::string next_line() {
-    std::string line = b.agent->next_line();
+    std::string line = r.agent->next_line();
     check(line);
     if (line.rfind("Reader: ", 0) == 0) attached = line.substr(8);
     return line;
@@ -70,7 +70,7 @@ class session {
   std::string find_reader() {
     attached = "Global";
     for (int tries = 0; attached == "Global" && tries < 5000; ++tries) {
-      if (tries % 50 == 0) b.run("plug");
+      if (tries % 50 == 0) r.run("plug");
       ping();
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -78,13 +78,13 @@ class session {
   }
 
   void ping() {
-    b.agent->send_line("Global:Ping " + std::to_string(++pings));
+    r.agent->send_line("Global:Ping " + std::to_string(++pings));
     EXPECT_EQ(next_answer(), "Ok:  " + std::to_string(pings));
   }
 
   // A command and two pings: three answers, in order.
   void command(const std::string& text) {
-    b.agent->send_line(name + ":" + text);
+    r.agent->send_line(name + ":" + text);
     next_answer();
     ping();
     ping();
@@ -97,7 +97,7 @@ class session {
     }
   }
 
-  bench b;
+  rig r;
   std::string name;      // that commands are sent to
   std::string attached;  // as last announced
   int pings = 0;

@@ -11,8 +11,9 @@
 #include <fstream>
 #include <thread>
 
-#include "bench.h"
 #include "pc_prox_api.h"
+#include "rig.h"
+#include "verbs.h"
 
 namespace {
 

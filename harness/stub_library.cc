@@ -1,0 +1,80 @@
+// A reader library that does nothing but what the stub reader asks for, so that what is measured is
+// the agent's own.
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+#include "pc_prox_api.h"
+#include "stub_reader.h"
+
+using namespace pc_prox;
+
+namespace {
+
+stub_reader* reader_from_environment() {
+  const char* const path = std::getenv(stub_reader_variable);
+  return path ? map_stub_reader(path) : nullptr;
+}
+
+stub_reader* const reader = reader_from_environment();
+const pthread_t main_thread = pthread_self();  // which loads the library
+bool heard = false;
+bool card_ready = false;
+
+status note() {
+  if (!reader) return 1;
+  ++reader->calls;
+  if (!pthread_equal(pthread_self(), main_thread)) ++reader->calls_off_main;
+  if (!heard) ++reader->calls_unheard;
+  return 1;
+}
+
+}  // namespace
+
+void SetMarkerFunction(marker_function function) {
+  heard = true;
+  note();
+  heard = function != nullptr;
+}
+
+status usbConnect() { return note() && reader && reader->attached; }
+
+const char* getPartNumberString() { return note() ? "STUB" : nullptr; }
+
+status GetQueuedID(std::int16_t, std::int16_t) {
+  card_ready = reader->card.exchange(0) != 0;
+  if (card_ready) reader->found_at = std::chrono::steady_clock::now().time_since_epoch().count();
+  ++reader->polls;
+  return note();
+}
+
+std::int64_t GetQueuedID_index(std::int16_t index) {
+  if (!note() || !card_ready) return 0;
+  return index == 32 ? 26 : 0x11;
+}
+
+status BeepNow(std::uint8_t, std::int16_t) {
+  reader->beeping = 1;
+  while (reader->beeps_held) usleep(1000);
+  return note();
+}
+
+std::int64_t GetLastLibErr() { return note(); }
+void USBDisconnect() { note(); }
+void SetDevTypeSrch(std::int16_t) { note(); }
+void GetDevName(char*) { note(); }
+status SetLEDCtrl(sLEDCtrl*) { return note(); }
+status GetLEDCtrl(sLEDCtrl*) { return note(); }
+status ReadCfg() { return note(); }
+status WriteCfg() { return note(); }
+status GetIDBitCnts(sIDBitCnts*) { return note(); }
+status SetIDBitCnts(sIDBitCnts*) { return note(); }
+status GetFlags(sCfgFlags*) { return note(); }
+status SetFlags(sCfgFlags*) { return note(); }
+status GetTimeParms(sTimeParms*) { return note(); }
+status SetTimeParms(sTimeParms*) { return note(); }
+status GetFlags2(sCfgFlags2*) { return note(); }
+status SetFlags2(sCfgFlags2*) { return note(); }
+status ResetFactoryDflts() { return note(); }

@@ -1,0 +1,35 @@
+// A virtual reader in this process and an agent attached to it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent_process.h"
+#include "device.h"
+#include "scratch_folder.h"
+
+class rig {
+ public:
+  // Carries out the verbs, sets the fault if it names a call, and then starts the agent.
+  explicit rig(const std::vector<std::string>& verbs = {}, const std::string& executable = AGENT,
+               agent_process::environment variables = {}, const virtual_reader::rule& fault = {});
+
+  // Carries out one verb of the virtual reader; it must be a right one.
+  void run(const std::string& verb);
+
+  // Where the virtual reader listens.
+  std::string socket() const { return folder.path + "/socket"; }
+
+  // Starts the agent anew, on the same reader.
+  void start_agent();
+
+ private:
+  scratch_folder folder;
+  std::string executable;
+  agent_process::environment variables;
+
+ public:
+  virtual_reader::device reader;
+  std::unique_ptr<agent_process> agent;
+};
