@@ -61,6 +61,11 @@ need_build_tools() {
   need_command c++ g++ -
 }
 
+need_googletest() {
+  header=include/gtest/gtest.h
+  need_file "/usr/$header /usr/local/$header /opt/homebrew/$header" libgtest-dev googletest
+}
+
 # quietly COMMAND...: shows what it prints only if it fails.
 quietly() {
   quiet_log=$(mktemp)
