@@ -179,7 +179,7 @@ def processor():
 def main():
     build, page, rounds = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), int(sys.argv[3])
     program = str(build / "measure")
-    agent = str(build / "Bench.app/Contents/MacOS/card-reader-agent")
+    agent = str(build / "../Stub.app/Contents/MacOS/card-reader-agent")
     servers = {
         AGENT: ("agent", agent),
         RELAY: ("echo", str(build / "relay")),
@@ -192,10 +192,9 @@ def main():
         values = compare(program, servers, rounds, {"GNUPGHOME": folder})
         print("two minutes of an idle agent, then cards", file=sys.stderr)
         alone = []
-        device = pathlib.Path(folder) / "device"
+        reader_page = pathlib.Path(folder) / "page"
         for kind, count, reader, figures in AGENT_FIGURES:
-            device.write_bytes(bytes(4096))
-            environment = {"BENCH_DEVICE": str(device)} if reader else {}
+            environment = {"STUB_READER": str(reader_page)} if reader else {}
             taken = measure(program, kind, count, "0", "agent", (agent,), **environment)
             alone += [(title, unit, goal, taken[key]) for key, title, unit, goal in figures]
     text = "\n".join([
