@@ -11,6 +11,7 @@ export class CommandError extends Error {}
 
 /** The agent is not running (any more), so the command has no answer. */
 export class AgentEndedError extends Error implements AgentStatus {
+  constructor(status: AgentStatus);
   readonly code: number | null;
   readonly signal: NodeJS.Signals | null;
 }
@@ -43,14 +44,15 @@ export interface AgentEvents {
 
 /**
  * One agent process. Add the listeners before `start()`, then no event is missed; listeners are
- * called in the order of the agent's lines. The agent's standard error is that of this process.
+ * called in the order of the agent's lines, and one that throws costs no other event. The agent's
+ * standard error is that of this process.
  *
  * Every command resolves with the agent's text after "Ok: ", empty for most, or rejects with:
  * `CommandError` for the agent's "Error"; `AgentEndedError` without an answer; `TypeError` or
  * `RangeError`, with nothing sent, for arguments that can't be told in one line of the protocol: a
  * line feed or zero byte, a colon in a reader name, white space in a setting's name, a value that
  * is no 32-bit integer, more than 1023 bytes. Commands may be sent without waiting for the answers
- * before.
+ * before; what the agent has not read yet waits in memory.
  */
 export class CardReaderAgent extends EventEmitter {
   /** `path` is the agent's executable, `CardReaderAgent.app/Contents/MacOS/card-reader-agent`. */
@@ -59,10 +61,13 @@ export class CardReaderAgent extends EventEmitter {
   /** The name of the attached reader, null when there is none. */
   readonly reader: string | null;
 
-  /** The agent's process id, once started. A process that hangs can be ended by it. */
+  /** The agent's process id while it runs. A process that hangs can be ended by it. */
   readonly pid: number | undefined;
 
-  /** Starts the agent, once. Rejects when it can't be started. */
+  /**
+   * Starts the agent, once; commands before it resolves fail. Rejects when there is no such program
+   * to run. A program that runs but fails at once, for want of its library perhaps, gives `end`.
+   */
   start(): Promise<void>;
 
   /**

@@ -5,11 +5,12 @@
 
 import { isUtf8 } from 'node:buffer';
 import { spawn } from 'node:child_process';
-import { EventEmitter } from 'node:events';
+import { EventEmitter, once } from 'node:events';
 
 const LINE_LIMIT = 1023; // bytes before the line feed
 const LINE_FEED = 0x0a;
 const ESCAPE = 0xdc00;
+const LINE = /^(Ok|Error|(?:Reader|Card|Log)(?=: )):(?: (.*))?$/s;
 
 function decode(bytes) {
   if (isUtf8(bytes)) return bytes.toString();
@@ -49,10 +50,12 @@ export class AgentEndedError extends Error {
 export class CardReaderAgent extends EventEmitter {
   #path;
   #env;
-  #child = null;
+  #started = null; // settled once the child runs, or can't be started
+  #child = null; // set while it runs
   #status = { code: null, signal: null };
   #ended = Promise.resolve(this.#status);
   #pending = []; // the commands sent but not answered, oldest first
+  #oldest = []; // those before them, newest first: taking one off must not move thousands
   #partial = []; // the pieces of the line that is not complete yet
   #reader = null;
 
@@ -71,25 +74,12 @@ export class CardReaderAgent extends EventEmitter {
   }
 
   async start() {
-    if (this.#child) throw new Error('The agent was started before');
-    const child = spawn(this.#path, { stdio: ['pipe', 'pipe', 'inherit'], env: this.#env });
-    this.#child = child;
-    // A system out of descriptors gives a child without streams, and then the error.
-    child.stdout?.on('data', (chunk) => this.#read(chunk));
-    child.stdin?.on('error', () => {}); // the agent's end is reported by 'close'
-    await new Promise((resolve, reject) => {
-      child.once('spawn', resolve);
-      child.once('error', (cause) => {
-        this.#child = null;
-        reject(new Error(`Cannot start the agent ${this.#path}: ${cause.message}`, { cause }));
-      });
-    });
-    this.#ended = new Promise((resolve) => {
-      child.once('close', (code, signal) => resolve(this.#end({ code, signal })));
-    });
+    if (this.#started) throw new Error('The agent was started before');
+    return (this.#started = this.#spawn());
   }
 
-  close() {
+  async close() {
+    await this.#started?.catch(() => {}); // whoever started it is told
     this.#child?.stdin.end();
     return this.#ended;
   }
@@ -119,7 +109,7 @@ export class CardReaderAgent extends EventEmitter {
     let command = 'ReaderConfig';
     for (const [type, values] of Object.entries(settings)) {
       for (const [name, value] of Object.entries(values)) {
-        const number = Number(value);
+        const number = typeof value === 'boolean' ? Number(value) : value;
         if (/\s/.test(type + name)) throw new TypeError(`White space in setting ${type}.${name}`);
         if ((number | 0) !== number) {
           throw new RangeError(`Not a 32-bit integer: ${type}.${name}=${value}`);
@@ -128,6 +118,21 @@ export class CardReaderAgent extends EventEmitter {
       }
     }
     return this.#command(reader, command);
+  }
+
+  async #spawn() {
+    try {
+      const child = spawn(this.#path, { stdio: ['pipe', 'pipe', 'inherit'], env: this.#env });
+      // A system out of descriptors gives a child without streams, and then the error.
+      child.stdout?.on('data', (chunk) => this.#read(chunk));
+      child.stdin?.on('error', () => {}); // the agent's end is reported by 'close'
+      await once(child, 'spawn');
+      this.#ended = once(child, 'close').then(([code, signal]) => this.#end({ code, signal }));
+      this.#child = child;
+    } catch (cause) {
+      this.#started = null;
+      throw new Error(`Cannot start the agent ${this.#path}: ${cause.message}`, { cause });
+    }
   }
 
   #command(reader, command) {
@@ -145,10 +150,11 @@ export class CardReaderAgent extends EventEmitter {
     if (bytes.length > LINE_LIMIT) {
       throw new RangeError(`Command line of ${bytes.length} bytes, more than ${LINE_LIMIT}`);
     }
-    if (!this.#child?.stdin.writable) throw new AgentEndedError(this.#status);
+    const stdin = this.#child?.stdin;
+    if (!stdin || stdin.writableEnded) throw new AgentEndedError(this.#status);
     return new Promise((resolve, reject) => {
       this.#pending.push({ resolve, reject });
-      this.#child.stdin.write(Buffer.concat([bytes, Buffer.of(LINE_FEED)]));
+      stdin.write(Buffer.concat([bytes, Buffer.of(LINE_FEED)]));
     });
   }
 
@@ -163,33 +169,47 @@ export class CardReaderAgent extends EventEmitter {
   }
 
   #take(line) {
-    const [, kind, text = ''] = /^(Ok|Error|Reader|Card|Log):(?: (.*))?$/s.exec(line) ?? [];
-    if (kind === 'Ok' && this.#pending.length) {
-      this.#pending.shift().resolve(text);
-    } else if (kind === 'Error' && this.#pending.length) {
-      this.#pending.shift().reject(new CommandError(text));
-    } else if (kind === 'Reader') {
-      this.#changeReader(text);
-    } else if (kind === 'Card') {
-      this.emit('card', text, this.#reader);
-    } else {
-      this.emit('log', kind === 'Log' ? text : line); // no known kind: a log text goes on
+    const [, kind, text = ''] = LINE.exec(line) ?? [];
+    const command = kind === 'Ok' || kind === 'Error' ? this.#nextPending() : null;
+    if (command && kind === 'Ok') command.resolve(text);
+    else if (command) command.reject(new CommandError(text));
+    else if (kind === 'Reader') this.#changeReader(text);
+    else if (kind === 'Card') this.#tell('card', text, this.#reader);
+    else this.#tell('log', kind === 'Log' ? text : line); // no known kind: a log text goes on
+  }
+
+  #nextPending() {
+    if (!this.#oldest.length) {
+      this.#oldest = this.#pending.reverse();
+      this.#pending = [];
     }
+    return this.#oldest.pop();
   }
 
   #changeReader(name) {
     const previous = this.#reader;
     this.#reader = name === 'Global' ? null : name;
-    if (!this.#reader) this.emit('gone', previous);
-    else if (previous) this.emit('replaced', name, previous);
-    else this.emit('attached', name);
+    if (!this.#reader) this.#tell('gone', previous);
+    else if (previous) this.#tell('replaced', name, previous);
+    else this.#tell('attached', name);
   }
 
   #end(status) {
     this.#status = status;
-    this.#reader = null;
-    for (const { reject } of this.#pending.splice(0)) reject(new AgentEndedError(status));
-    this.emit('end', status);
+    this.#child = this.#reader = null;
+    for (let command; (command = this.#nextPending()); ) command.reject(new AgentEndedError(status));
+    this.#tell('end', status);
     return status;
+  }
+
+  // A listener that throws must not cost the lines behind: its exception is thrown later.
+  #tell(...event) {
+    try {
+      this.emit(...event);
+    } catch (error) {
+      process.nextTick(() => {
+        throw error;
+      });
+    }
   }
 }

@@ -16,13 +16,16 @@ from __future__ import annotations
 import asyncio
 import os
 import re
+import sys
+from asyncio.subprocess import PIPE, Process
 from collections import deque
+from collections.abc import Mapping
 from dataclasses import dataclass
-from typing import AsyncIterator, Deque, List, Mapping, Optional, Union
+from typing import Union
 
 LINE_LIMIT = 1023  # bytes before the line feed
 
-_LINE = re.compile(r"(Ok|Error|Reader|Card|Log):(?: (.*))?", re.DOTALL)
+_LINE = re.compile(r"(Ok|Error|(?:Reader|Card|Log)(?=: )):(?: (.*))?", re.DOTALL)
 
 
 @dataclass(frozen=True)
@@ -72,7 +75,7 @@ class CommandError(Exception):
 class AgentEnded(Exception):
     """The agent is not running. `status` is its exit status, negative for a signal, or None."""
 
-    def __init__(self, status: Optional[int]) -> None:
+    def __init__(self, status: int | None) -> None:
         how = "is not running" if status is None else f"ended with status {status}"
         super().__init__(f"The agent {how}")
         self.status = status
@@ -93,48 +96,49 @@ class CardReaderAgent:
     cancelled has been sent all the same.
     """
 
-    def __init__(
-        self, path: Union[str, os.PathLike[str]], *, env: Optional[Mapping[str, str]] = None
-    ) -> None:
+    def __init__(self, path: str | os.PathLike[str], *, env: Mapping[str, str] | None = None):
         """`path` is the agent's executable; `env` its environment, by default ours."""
         self._path = path
         self._env = env
-        self._process: Optional[asyncio.subprocess.Process] = None
-        self._pending: Deque[asyncio.Future[str]] = deque()
-        self._reader: Optional[str] = None
-        self._closing = False
-        self._status: Optional[int] = None
+        self._process: Process | None = None
+        self._pending: deque[asyncio.Future[str]] = deque()
+        self._reader: str | None = None
+        self._started = self._closing = False
+        self._status: int | None = None
 
     @property
-    def reader(self) -> Optional[str]:
+    def reader(self) -> str | None:
         """The name of the attached reader, None when there is none."""
         return self._reader
 
     @property
-    def pid(self) -> Optional[int]:
-        """The agent's process id, once started. A process that hangs can be ended by it."""
-        return self._process.pid if self._process else None
+    def pid(self) -> int | None:
+        """The agent's process id while it runs. A process that hangs can be ended by it."""
+        return self._process.pid if self._process and not self._task.done() else None
 
     async def start(self) -> None:
         """Starts the agent, once. Raises OSError when it can't be started."""
-        if self._process:
+        if self._started:
             raise RuntimeError("The agent was started before")
-        pipe = asyncio.subprocess.PIPE
-        self._process = await asyncio.create_subprocess_exec(
-            self._path, stdin=pipe, stdout=pipe, env=self._env
+        self._started = True
+        process = await asyncio.create_subprocess_exec(
+            self._path, stdin=PIPE, stdout=PIPE, env=self._env, limit=sys.maxsize
         )
-        self._events: asyncio.Queue[Optional[Event]] = asyncio.Queue()
-        self._task = asyncio.create_task(self._read(self._process))
+        assert process.stdin
+        self._events: asyncio.Queue[Event | None] = asyncio.Queue()
+        self._stdin = process.stdin
+        self._process = process
+        self._task = asyncio.create_task(self._read(process))
 
-    async def close(self) -> Optional[int]:
+    async def close(self) -> int | None:
         """Closes the agent's standard input, waits for its end and returns its exit status.
 
         All commands sent before are answered by then. May be called more than once, and has no
         limit in time: an agent that waits for its reader ends when the reader answers.
         """
-        if self._process and self._process.stdin:
+        if self._process:
             self._closing = True
-            self._process.stdin.close()
+            self._stdin.close()
             await asyncio.wait({self._task})
         return self._status
 
@@ -145,14 +149,17 @@ class CardReaderAgent:
     async def __aexit__(self, *_: object) -> None:
         await self.close()
 
-    async def __aiter__(self) -> AsyncIterator[Event]:
+    def __aiter__(self) -> CardReaderAgent:
+        return self
+
+    async def __anext__(self) -> Event:
         if not self._process:
             raise AgentEnded(None)
-        while (event := await self._events.get()) is not None:
-            yield event
+        event = await self._events.get()
+        if event is not None:
+            return event
         self._events.put_nowait(None)  # for all others who iterate
-        if not self._closing:
-            raise AgentEnded(self._status)
+        raise StopAsyncIteration() if self._closing else AgentEnded(self._status)
 
     async def ping(self, text: str = "") -> str:
         """Returns the text, less white space at its end."""
@@ -199,22 +206,19 @@ class CardReaderAgent:
             raise ValueError("A command must not hold a line feed or a zero byte")
         if len(data) > LINE_LIMIT:
             raise ValueError(f"Command line of {len(data)} bytes, more than {LINE_LIMIT}")
-        if not self._process or not self._process.stdin or self._closing or self._task.done():
+        if not self._process or self._closing or self._task.done():
             raise AgentEnded(self._status)
         answer: asyncio.Future[str] = asyncio.get_running_loop().create_future()
         self._pending.append(answer)
-        self._process.stdin.write(data + b"\n")
+        if not self._stdin.is_closing():  # or else the end is near, and fails this too
+            self._stdin.write(data + b"\n")
         return await answer
 
-    async def _read(self, process: asyncio.subprocess.Process) -> None:
+    async def _read(self, process: Process) -> None:
         assert process.stdout
-        partial: List[bytes] = []  # the pieces of the line that is not complete yet
-        while chunk := await process.stdout.read(1 << 16):
-            first, *others = chunk.split(b"\n")
-            partial.append(first)
-            for piece in others:
-                self._take(b"".join(partial).decode(errors="surrogateescape"))
-                partial = [piece]
+        async for line in process.stdout:
+            if line.endswith(b"\n"):  # or else the agent was killed in the middle of it
+                self._take(line[:-1].decode(errors="surrogateescape"))
         self._status = await process.wait()
         self._reader = None
         for answer in self._pending:
@@ -229,8 +233,8 @@ class CardReaderAgent:
         if kind in ("Ok", "Error") and self._pending:
             answer = self._pending.popleft()
             if answer.done():
-                return  # nobody waits any more
-            if kind == "Ok":
+                pass  # nobody waits any more
+            elif kind == "Ok":
                 answer.set_result(text)
             else:
                 answer.set_exception(CommandError(text))
