@@ -79,7 +79,7 @@ export class CardReaderAgent extends EventEmitter {
   }
 
   async close() {
-    await this.#started?.catch(() => {}); // whoever started it is told
+    if (!this.#child) await this.#started?.catch(() => {}); // whoever started it is told
     this.#child?.stdin.end();
     return this.#ended;
   }
@@ -197,7 +197,8 @@ export class CardReaderAgent extends EventEmitter {
   #end(status) {
     this.#status = status;
     this.#child = this.#reader = null;
-    for (let command; (command = this.#nextPending()); ) command.reject(new AgentEndedError(status));
+    const error = new AgentEndedError(status);
+    for (let command; (command = this.#nextPending()); ) command.reject(error);
     this.#tell('end', status);
     return status;
   }
