@@ -107,6 +107,7 @@ check('a killed agent', ['hang BeepNow'], async ({ tell, start, agent }) => {
   assert.deepEqual(await pending, [killed, killed]);
   assert.deepEqual(await end, [{ code: null, signal: 'SIGKILL' }]);
   assert.deepEqual(await outcomes([agent.ping(), agent.close()]), [killed, (await end)[0]]);
+  assert.deepEqual([agent.reader, agent.pid], [null, undefined]);
 });
 
 test('an agent that is not there', async () => {

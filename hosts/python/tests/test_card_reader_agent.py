@@ -129,6 +129,7 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         killed = "AgentEnded: The agent ended with status -9"
         self.assertEqual(await pending, [killed] * 2)
         self.assertEqual(await outcomes(agent.__anext__(), agent.ping()), [killed] * 2)
+        self.assertEqual((agent.reader, agent.pid), (None, None))
         with self.assertRaisesRegex(FileNotFoundError, "/nowhere/agent"):
             await CardReaderAgent("/nowhere/agent").start()
 
