@@ -5,6 +5,7 @@ python3 hosts/python/examples/door_list.py [AGENT]
 
 import asyncio
 import sys
+from contextlib import suppress
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -34,4 +35,5 @@ async def main(path):
                     print(error, file=sys.stderr)
 
 
-asyncio.run(main(sys.argv[1] if len(sys.argv) > 1 else AGENT))
+with suppress(KeyboardInterrupt):
+    asyncio.run(main(sys.argv[1] if len(sys.argv) > 1 else AGENT))
