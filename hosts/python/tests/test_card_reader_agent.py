@@ -16,28 +16,6 @@ PIPES = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
 faulthandler.dump_traceback_later(60, exit=True)  # a test that hangs fails
 
 
-class VirtualReader:
-    """Plugged in until `end`. `env` is the environment of the agent that is to find it."""
-
-    def __init__(self):
-        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": tempfile.mkdtemp() + "/socket"}
-        self.process = subprocess.Popen([f"{BUILD}/virtual-reader"], env=self.env, **PIPES)
-        self.tell()
-
-    def tell(self, *verbs):
-        """Has the verbs carried out and returns what is printed, up to the number of beeps."""
-        self.process.stdin.write("\n".join([*verbs, "beeps\n"]).encode())
-        self.process.stdin.flush()
-        told = ""
-        while "beeps " not in told and (line := self.process.stdout.readline()):
-            told += line.decode()
-        return told
-
-    def end(self):
-        self.process.communicate(timeout=10)
-        assert self.process.returncode == 0, "a verb was wrong, or what it expected did not come"
-
-
 async def outcome(command):
     try:
         return await command
@@ -51,14 +29,29 @@ def outcomes(*commands):
 
 class ClientTest(unittest.IsolatedAsyncioTestCase):
     def setUp(self):
-        self.reader = VirtualReader()
-        self.addCleanup(self.reader.end)
+        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": tempfile.mkdtemp() + "/socket"}
+        self.reader = subprocess.Popen([f"{BUILD}/virtual-reader"], env=self.env, **PIPES)
+        self.addCleanup(self.unplug)
+        self.tell()
+
+    def unplug(self):
+        self.reader.communicate(timeout=10)
+        self.assertEqual(self.reader.returncode, 0)  # no verb was wrong, all expected calls came
+
+    def tell(self, *verbs):
+        """Has the verbs carried out and returns what is printed, up to the number of beeps."""
+        self.reader.stdin.write("\n".join([*verbs, "beeps\n"]).encode())
+        self.reader.stdin.flush()
+        told = ""
+        while "beeps " not in told and (line := self.reader.stdout.readline()):
+            told += line.decode()
+        return told
 
     async def start(self, *verbs):
         """An agent whose reader has carried out the verbs, and the events to its part number."""
         asyncio.get_running_loop().set_debug(False)
-        self.reader.tell(*verbs)
-        agent = CardReaderAgent(AGENT, env=self.reader.env)
+        self.tell(*verbs)
+        agent = CardReaderAgent(AGENT, env=self.env)
         await agent.start()
         self.addAsyncCleanup(agent.close)
         events = []
@@ -96,7 +89,7 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
             (agent.ping(), "AgentEnded: The agent is not running"),
         ]
         self.assertEqual(await outcomes(*(case[0] for case in cases)), [case[1] for case in cases])
-        told = self.reader.tell("calls")
+        told = self.tell("calls")
         self.assertIn("beep long 2\nled own\nled amber\nconfig written\nconfig reset\n", told)
         self.assertRegex(told, "SetFlags .* -2 1 -> 1")
         said = [Log("pcProxAPI says one"), Log("Ok: two")]
@@ -114,7 +107,7 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         texts = [str(i).ljust(50, ".") for i in range(10_000)]
         pings = outcomes(*map(agent.ping, texts))
         await asyncio.sleep(0)  # they are sent
-        self.reader.tell("expect BeepNow", "replug", "release")
+        self.tell("expect BeepNow", "replug", "release")
         self.assertEqual(await pings, texts)
         self.assertEqual(await agent.__anext__(), Replaced(agent.reader, old))
         stale = f"Action was for reader {old}, but the current reader is {agent.reader}"
@@ -124,7 +117,7 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         agent, _ = await self.start("hang BeepNow")
         pending = outcomes(agent.beep(agent.reader), agent.ping())
         await asyncio.sleep(0)  # they are sent
-        self.reader.tell("expect BeepNow")
+        self.tell("expect BeepNow")
         os.kill(agent.pid, signal.SIGKILL)
         killed = "AgentEnded: The agent ended with status -9"
         self.assertEqual(await pending, [killed] * 2)
@@ -138,11 +131,11 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         effects = "3AB1234/26\nled green\nbeep short 1\ncard 00/8\nled red\nbeep short 2\n"
         output = r"^Reader (.+) is ready\nAda, come in\nCard 00 is not .*\nReader \1 has gone\n$"
         for program in "python3 python/examples/door_list.py", "node node/examples/door-list.mjs":
-            self.reader.tell("plug", known)
-            example = subprocess.Popen([*program.split(), AGENT], env=self.reader.env, **PIPES)
+            self.tell("plug", known)
+            example = subprocess.Popen([*program.split(), AGENT], env=self.env, **PIPES)
             self.addCleanup(example.communicate)
             self.addCleanup(example.kill)
-            told = self.reader.tell(expect, unknown, expect, "unplug")
+            told = self.tell(expect, unknown, expect, "unplug")
             self.assertIn(effects, told)
             seen = b"".join(example.stdout.readline() for _ in range(4))
             self.assertRegex(seen.decode(), output)
