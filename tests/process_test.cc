@@ -61,6 +61,18 @@ TEST(Process, CutsItsInputIntoLinesOfAtMost1023Bytes) {
   }
 }
 
+TEST(Process, WritesLinesOfAnyLength) {
+  rig r({"part none"});
+  const std::string name = r.agent->await_reader();
+  for (const std::size_t size : {1u, 16'000u, 16'363u, 16'364u, 17'000u, 70'000u, 1'000'000u}) {
+    const std::string text(size, 'x');
+    r.run("say ReadCfg \"" + text + "\"");
+    r.agent->send_line(name + ":ReaderConfig");
+    EXPECT_EQ(r.agent->next_line(), "Log: pcProxAPI says " + text);
+    EXPECT_EQ(r.agent->next_line(), "Ok:");
+  }
+}
+
 TEST(Process, NumbersReadersFromTheClock) {
   const auto start = static_cast<std::uint64_t>(std::time(nullptr));
   rig r({"part none"});
