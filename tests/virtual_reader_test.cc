@@ -272,6 +272,7 @@ TEST(VirtualReader, SaysWhatIsWrongWithALineAndDoesNothing) {
       {R"(say BeepNow "abc" length 4)", "'4' is no number from -2147483648 to 3"},
       {"trace", "right would be: trace on|quiet|off"},
       {"expect BeepNow within", "right would be: expect CALL"},
+      {R"(host "a\nb")", "a command is one line"},
       {"unplug now", "right would be: unplug"},
       {"quit \"\"", "right would be: quit"},
   };

@@ -116,7 +116,11 @@ const verbs::verb verbs::all[] = {
        const std::string command = w.take_quoted();
        const std::string answer = w.at_end() ? "" : " -> " + w.take_quoted();
        w.take_end();
-       v.print("host " + command + answer);
+       const std::string line = "host " + command + answer;
+       if (line.find('\n') != std::string::npos) {
+         throw bad_line("a command is one line, and so is its answer: no \\n");
+       }
+       v.print(line);
      }},
     {"help", "", "prints this", [](verbs& v, words&) { v.help(); }},
     {"quit", "", "ends the virtual reader", [](verbs& v, words&) { v.quit = true; }},
