@@ -1,42 +1,27 @@
 #include "configuration.h"
 
+#include <sstream>
+
 namespace virtual_reader {
 
-namespace {
-
-struct record_names {
-  const char* name;
-  std::array<const char*, 8> fields;  // none: reserved
-};
-
-const record_names names[] = {
-    {"sIDBitCnts", {"iLeadParityBitCnt", "iTrailParityBitCnt", nullptr, "iTotalBitCnt"}},
-    {"sCfgFlags",
-     {nullptr, "bFrcBitCntEx", nullptr, nullptr, nullptr, nullptr, "bSndOnRx", "bHaltKBSnd"}},
-    {"sTimeParms", {"iBitStrmTO", "iIDHoldTO", "iIDLockOutTm"}},
-    {"sCfgFlags2",
-     {nullptr, nullptr, "bWiegInvData", "bUseInvDataF", "bRevWiegBits", "bBeepID", "bRevBytes"}},
-    {"sLEDCtrl", {"bAppCtrlsLED", "iRedLEDState", "iGrnLEDState"}},
-};
-
-}  // namespace
-
-std::string to_text(const record& led) {
-  if (led[0] == 0) return "own";
-  if (led[1] != 0) return led[2] != 0 ? "amber" : "red";
-  return led[2] != 0 ? "green" : "off";
-}
-
 std::vector<std::string> to_text(const configuration& all) {
+  std::istringstream names(
+      "sIDBitCnts iLeadParityBitCnt iTrailParityBitCnt reserved4 iTotalBitCnt "
+      "reserved8 reserved10 reserved12 reserved14 "
+      "sCfgFlags reserved0 bFrcBitCntEx reserved4 reserved6 reserved8 reserved10 "
+      "bSndOnRx bHaltKBSnd "
+      "sTimeParms iBitStrmTO iIDHoldTO iIDLockOutTm reserved6 reserved8 reserved10 "
+      "reserved12 reserved14 "
+      "sCfgFlags2 reserved0 reserved2 bWiegInvData bUseInvDataF bRevWiegBits bBeepID bRevBytes "
+      "reserved14 "
+      "sLEDCtrl bAppCtrlsLED iRedLEDState iGrnLEDState reserved6 reserved8 reserved10 "
+      "reserved12 reserved14");
   std::vector<std::string> lines;
+  std::string name;
   for (std::size_t i = 0; i < all.size(); ++i) {
-    std::string line = names[i].name;
-    for (std::size_t j = 0; j < all[i].size(); ++j) {
-      const char* const name = names[i].fields[j];
-      line += ' ' + (name ? name : "reserved" + std::to_string(2 * j));
-      line += '=' + std::to_string(all[i][j]);
-    }
-    lines.push_back(std::move(line));
+    if (i % 8 == 0) lines.emplace_back(names >> name ? name : "");
+    names >> name;
+    lines.back() += " " + name + "=" + std::to_string(all[i]);
   }
   return lines;
 }

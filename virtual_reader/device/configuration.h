@@ -1,4 +1,4 @@
-// The reader's configuration: the five records, in the order in which the library has them.
+// The reader's configuration, as the library's records have it.
 #pragma once
 
 #include <array>
@@ -8,22 +8,18 @@
 
 namespace virtual_reader {
 
-using record = std::array<std::int16_t, 8>;
-using configuration = std::array<record, 5>;
+// The eight fields of each record, one record after the other.
+using configuration = std::array<std::int16_t, 40>;
 
 // Fields without a known meaning differ from 0 and from each other, so that it shows who loses one.
-constexpr configuration factory_defaults = {{{1, 1, 104, 26, 108, 110, 112, 114},
-                                             {200, 0, 204, 206, 208, 210, 1, 0},
-                                             {20, 1000, 1000, 306, 308, 310, 312, 314},
-                                             {400, 402, 0, 0, 0, 1, 0, 414},
-                                             {0, 0, 0, 506, 508, 510, 512, 514}}};
-constexpr std::size_t led_record = 4;
-
-// What an LED record makes the LED show: "red", "green", "amber", "off", or "own" when the reader
-// itself rules over it.
-std::string to_text(const record& led);
+constexpr configuration factory_defaults = {1,   1,    104,  26,  108, 110, 112, 114,  //
+                                            200, 0,    204,  206, 208, 210, 1,   0,    //
+                                            20,  1000, 1000, 306, 308, 310, 312, 314,  //
+                                            400, 402,  0,    0,   0,   1,   0,   414,  //
+                                            0,   0,    0,    506, 508, 510, 512, 514};
+constexpr std::size_t led_record = 32;  // where it begins
 
 // One line a record: its name, then each field's name and value.
-std::vector<std::string> to_text(const configuration& all);
+std::vector<std::string> to_text(const configuration&);
 
 }  // namespace virtual_reader

@@ -4,9 +4,9 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "device.h"
-#include "words.h"
 
 namespace virtual_reader {
 
@@ -14,8 +14,11 @@ namespace virtual_reader {
 class verbs {
  public:
   using print_function = std::function<void(const std::string& line)>;
+  // Lets the next line be the first again; false if that can't be.
+  using start_again_function = std::function<bool()>;
 
-  verbs(device& told, print_function print_line) : reader(told), print(std::move(print_line)) {}
+  verbs(device& told, print_function print_line, start_again_function start_lines_again = nullptr)
+      : reader(told), print(std::move(print_line)), start_again(std::move(start_lines_again)) {}
 
   // Carries out one line. Returns nothing, or one line that says what is wrong with it and what
   // would be right; then nothing has changed. Takes long only for `wait` and `expect`.
@@ -26,23 +29,16 @@ class verbs {
 
  private:
   struct verb;
-  static const verb all[];
+  static const std::vector<verb> all;
 
-  void card(words& given, bool queued);
-  void raw_card(words& given);
-  void part(words& given);
-  void add_rule(rule::kind what, words& given);
-  void trace(words& given);
-  void expect(words& given);
-  void expect_cards(words& given);
-  void fail(const std::string& why);
-  void calls(words& given);
-  void show();
-  void help();
+  void show(const std::string& topic) const;
+  void expect(bool came, const std::string& what);
 
   device& reader;
   const print_function print;
+  const start_again_function start_again;
   std::map<std::string, std::uint64_t> expected;  // calls that were waited for, by name
+  bool waited = false;                            // since the first line
   bool quit = false;
   bool held = true;
 };

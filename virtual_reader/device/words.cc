@@ -1,27 +1,30 @@
 #include "words.h"
 
-#include <charconv>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 
 namespace virtual_reader {
 
 namespace {
 
+const std::string blanks = " \t\r";
+const char hexadecimal[] = "0123456789ABCDEFabcdef";
 const std::string letters = "tnrvf\\\"";
 const std::string characters = "\t\n\r\v\f\\\"";
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
-template <typename T>
-bool parse_all(const std::string& text, int base, T* number) {
-  const char* const end = text.data() + text.size();
-  const auto [place, error] = std::from_chars(text.data(), end, *number, base);
-  return error == std::errc() && place == end;
+bool parse_integer(const std::string& text, std::int64_t* number) {
+  char* end = nullptr;
+  errno = 0;
+  *number = std::strtoll(text.c_str(), &end, text.find('x') == std::string::npos ? 10 : 16);
+  return errno == 0 && !text.empty() && end == text.c_str() + text.size();
 }
 
-// Reads the text in quotes that begins at `*place`, behind its quote, and moves behind its end.
+// Reads the text that begins with the quote at `*place`, and moves behind the closing one.
 std::string parse_quoted(const std::string& line, std::size_t* place) {
   std::string text;
-  for (std::size_t i = *place; i < line.size(); ++i) {
+  for (std::size_t i = *place + 1; i < line.size(); ++i) {
     if (line[i] == '"') {
       *place = i + 1;
       return text;
@@ -30,13 +33,11 @@ std::string parse_quoted(const std::string& line, std::size_t* place) {
       text += line[i];
       continue;
     }
-    const char escape = ++i < line.size() ? line[i] : ' ';
-    const std::size_t known = letters.find(escape);
-    unsigned char code = 0;
+    const std::size_t known = letters.find(line[++i]);
+    std::int64_t code = 0;
     if (known != std::string::npos) {
       text += characters[known];
-    } else if (escape == 'x' && i + 2 < line.size() &&
-               parse_all(line.substr(i + 1, 2), 16, &code)) {
+    } else if (line[i] == 'x' && parse_integer("0" + line.substr(i, 3), &code)) {
       text += static_cast<char>(code);
       i += 2;
     } else {
@@ -46,81 +47,92 @@ std::string parse_quoted(const std::string& line, std::size_t* place) {
   throw bad_line("the closing quote is missing");
 }
 
-}  // namespace
-
-bool parse_integer(const std::string& text, std::int64_t* number) {
-  const std::size_t sign = !text.empty() && text[0] == '-' ? 1 : 0;
-  if (text.compare(sign, 2, "0x") != 0) return parse_all(text, 10, number);
-  const std::string magnitude = text.substr(sign + 2);
-  return magnitude[0] != '-' && parse_all(text.substr(0, sign) + magnitude, 16, number);
+std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t most) {
+  std::int64_t number = 0;
+  if (parse_integer(text, &number) && number >= least && number <= most) return number;
+  throw bad_line("'" + text + "' is no number from " + std::to_string(least) + " to " +
+                 std::to_string(most));
 }
 
+}  // namespace
+
 std::string quoted(const std::string& text) {
-  static const char digits[] = "0123456789ABCDEF";
   std::string all = "\"";
   for (const char c : text) {
     const std::size_t known = characters.find(c);
-    const auto code = static_cast<unsigned char>(c);
+    char code[5];
+    std::snprintf(code, sizeof code, "\\x%02X", c & 0xFF);
     if (known != std::string::npos) {
       all += {'\\', letters[known]};
-    } else if (code < ' ' || code > '~') {
-      all += {'\\', 'x', digits[code >> 4], digits[code & 0xF]};
     } else {
-      all += c;
+      all += c >= ' ' && c <= '~' ? std::string(1, c) : code;
     }
   }
   return all + "\"";
 }
 
 words::words(const std::string& line) {
-  for (std::size_t i = 0; i < line.size();) {
-    if (is_blank(line[i])) {
-      ++i;
-    } else if (line[i] == '#') {
-      break;
-    } else if (line[i] == '"') {
-      all.push_back({parse_quoted(line, &++i), true});
-      if (i < line.size() && !is_blank(line[i])) throw bad_line("no blank behind a closing quote");
+  for (std::size_t i = 0; (i = line.find_first_not_of(blanks, i)) < line.size();) {
+    if (line[i] == '#') break;
+    if (line[i] == '"') {
+      all.push_back('"' + parse_quoted(line, &i));
+      if (i < line.size() && blanks.find(line[i]) == std::string::npos) {
+        throw bad_line("no blank behind a closing quote");
+      }
     } else {
       const std::size_t start = i;
-      while (i < line.size() && !is_blank(line[i])) ++i;
-      all.push_back({line.substr(start, i - start), false});
+      i = std::min(line.find_first_of(blanks, i), line.size());
+      all.push_back(line.substr(start, i - start));
     }
   }
 }
 
-std::string words::take(bool quoted_word) {
-  if (at_end() || all[next].quoted != quoted_word) throw bad_line("");
-  return all[next++].text;
-}
-
-std::string words::take() { return take(false); }
-
-std::string words::take_quoted() { return take(true); }
-
-std::int64_t words::take_number(std::int64_t least, std::int64_t most) {
-  const std::string text = take();
-  std::int64_t number = 0;
-  if (!parse_integer(text, &number) || number < least || number > most) {
-    throw bad_line("'" + text + "' is no number from " + std::to_string(least) + " to " +
-                   std::to_string(most));
-  }
-  return number;
-}
-
-bool words::take_if(const char* keyword) {
-  if (at_end() || all[next].quoted || all[next].text != keyword) return false;
-  ++next;
-  return true;
-}
-
-bool words::number_is_next() const {
-  std::int64_t number = 0;
-  return !at_end() && !all[next].quoted && parse_integer(all[next].text, &number);
-}
-
 void words::take_end() const {
   if (!at_end()) throw bad_line("");
+}
+
+std::string words::take() {
+  if (at_end() || all[next][0] == '"') throw bad_line("");
+  return all[next++];
+}
+
+std::string words::take_quoted() {
+  if (at_end() || all[next][0] != '"') throw bad_line("");
+  return all[next++].substr(1);
+}
+
+std::int64_t words::take_number(std::int64_t least, std::int64_t most) {
+  return to_number(take(), least, most);
+}
+
+card_id words::take_card() {
+  const std::string text = take();
+  const std::size_t size = std::min(text.find('/'), text.size());
+  std::string digits = text.substr(0, size);
+  if (size < 1 || size > 64 || digits.find_first_not_of(hexadecimal) != std::string::npos) {
+    throw bad_line("'" + text + "' has not 1 to 64 hexadecimal digits, like 3AB1234/26");
+  }
+  auto bits = 4 * static_cast<std::int64_t>(size);
+  if (size < text.size()) bits = to_number(text.substr(size + 1), 1, 256);
+  card_id id;
+  for (std::size_t place = 0; place < size; ++place) {
+    const std::int64_t digit = std::stoi(digits.substr(size - 1 - place, 1), nullptr, 16);
+    id.values[place / 2] |= digit << (place % 2 * 4);
+  }
+  for (auto bit = static_cast<std::size_t>(bits); bit < 4 * size; ++bit) {
+    if (id.values[bit / 8] >> bit % 8 & 1)
+      throw bad_line("'" + text + "' does not fit in its bits");
+  }
+  id.values.back() = bits;
+  std::transform(digits.begin(), digits.end(), digits.begin(), ::toupper);
+  id.text = digits + "/" + std::to_string(bits);
+  return id;
+}
+
+std::string words::take_call() {
+  const std::string name = take();
+  if (!is_call(name)) throw bad_line("'" + name + "' is no call; there are " + call_names);
+  return name;
 }
 
 }  // namespace virtual_reader

@@ -6,15 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "device.h"
+
 namespace virtual_reader {
 
 // One line that says what is wrong; without text when the verb's syntax says it all.
 struct bad_line : std::runtime_error {
   using runtime_error::runtime_error;
 };
-
-// Any signed 64-bit number, decimal or after 0x; false if the text is none.
-bool parse_integer(const std::string& text, std::int64_t* number);
 
 // The text in quotes, with escapes wherever it needs them.
 std::string quoted(const std::string& text);
@@ -28,21 +27,18 @@ class words {
   explicit words(const std::string& line);
 
   bool at_end() const { return next == all.size(); }
+  void take_end() const;
+  bool is_next(const std::string& keyword) const { return !at_end() && all[next] == keyword; }
+  bool take_if(const std::string& keyword) { return is_next(keyword) && ++next; }
   std::string take();  // whatever is next, if it is not in quotes
   std::string take_quoted();
+  // Decimal, or hexadecimal after 0x.
   std::int64_t take_number(std::int64_t least, std::int64_t most);
-  bool take_if(const char* keyword);  // true if it was next
-  bool number_is_next() const;
-  void take_end() const;
+  card_id take_card();  // HEX or HEX/BITS
+  std::string take_call();
 
  private:
-  struct word {
-    std::string text;
-    bool quoted;
-  };
-  std::string take(bool quoted);
-
-  std::vector<word> all;
+  std::vector<std::string> all;  // those in quotes without the second one
   std::size_t next = 0;
 };
 

@@ -1,16 +1,16 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <thread>
 
+#include "socket_path.h"
 #include "verbs.h"
 
 namespace {
@@ -28,6 +28,7 @@ struct options {
   bool plugged = true, stay = false;
 };
 
+// False if they are wrong.
 bool parse(int count, char** given, options* chosen) {
   for (int i = 1; i < count; ++i) {
     const std::string text = given[i];
@@ -47,31 +48,23 @@ bool parse(int count, char** given, options* chosen) {
 }
 
 // Prints whole lines, from any thread; the LED in its colour on a terminal.
-class printer {
- public:
-  void print(const std::string& line) {
-    std::string dot;
-    if (coloured && line.rfind("led ", 0) == 0) {
-      const std::string colour = line == "led red"     ? "31"
-                                 : line == "led green" ? "32"
-                                 : line == "led amber" ? "33"
-                                                       : "90";
-      dot = "\x1b[" + colour + "m\u25CF\x1b[0m ";
-    }
-    const std::lock_guard<std::mutex> lock(mutex);
-    std::cout << dot << line << std::endl;
-    std::cout.clear();  // whoever reads it may go
+void print(const std::string& line) {
+  static const char* const no_colour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
+  static const bool coloured = isatty(STDOUT_FILENO) && (!no_colour || !*no_colour);
+  static const std::map<std::string, std::string> colours = {
+      {"led red", "31"}, {"led green", "32"}, {"led amber", "33"},
+      {"led off", "90"}, {"led own", "90"},   {"led dark", "90"}};
+  static std::mutex mutex;
+  const std::lock_guard<std::mutex> lock(mutex);
+  const auto colour = colours.find(line);
+  if (coloured && colour != colours.end()) {
+    std::cout << "\x1b[" << colour->second << "m\u25CF\x1b[0m ";
   }
+  std::cout << line << std::endl;
+  std::cout.clear();  // whoever reads it may go
+}
 
- private:
-  static bool wants_colour() {
-    const char* const no = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): at start
-    return isatty(STDOUT_FILENO) && (!no || !*no);
-  }
-  const bool coloured = wants_colour();
-  std::mutex mutex;
-};
-
+// The given path or the default one, whose folder is there then.
 std::string socket_path(const options& chosen) {
   if (!chosen.socket.empty()) return chosen.socket;
   make_default_socket_folder();
@@ -79,26 +72,32 @@ std::string socket_path(const options& chosen) {
   throw std::runtime_error(default_socket_path() + ": its folder must be yours alone (mode 700)");
 }
 
-// Carries out the lines of the input. Returns whether the program is to end then.
-bool carry_out(const options& chosen, std::istream& input, verbs& interpreter,
-               std::atomic<int>* status) {
-  const std::string place = chosen.file.empty() ? "line " : chosen.file + ":";
-  std::string line;
-  for (int number = 1; !interpreter.quit_requested() && std::getline(input, line); ++number) {
+// Carries out all lines. Returns whether the last was `quit`.
+bool carry_out(std::istream& input, const std::string& place, device& reader,
+               std::atomic<int>& status) {
+  int number = 0;
+  verbs interpreter(reader, print, [&] {
+    const bool done = !input.seekg(0).fail();
+    input.clear();
+    if (done) number = 0;
+    return done;
+  });
+  for (std::string line; !interpreter.quit_requested() && std::getline(input, line);) {
+    const std::string where = place + std::to_string(++number) + ": ";
     const std::string error = interpreter.run(line);
-    if (!error.empty()) std::cerr << place << number << ": " << error << std::endl;
-    if (!error.empty() || !interpreter.expectations_held()) *status = 1;
+    if (!error.empty()) std::cerr << where << error << std::endl;
+    if (!error.empty() || !interpreter.expectations_held()) status = 1;
   }
-  return !chosen.stay || interpreter.quit_requested();
+  if (input.bad()) {
+    std::cerr << place << " cannot be read on" << std::endl;
+    status = 1;
+  }
+  return interpreter.quit_requested();
 }
 
 int run(const options& chosen) {
   std::ifstream file(chosen.file);
-  struct stat found {};
-  if (!chosen.file.empty() &&
-      (!file || stat(chosen.file.c_str(), &found) != 0 || S_ISDIR(found.st_mode))) {
-    throw std::runtime_error("cannot read " + chosen.file);
-  }
+  if (!chosen.file.empty() && !file) throw std::runtime_error("cannot read " + chosen.file);
 
   // Blocked in every thread, for this one to wait for.
   sigset_t signals;
@@ -107,8 +106,6 @@ int run(const options& chosen) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  printer out;
-  const auto print = [&](const std::string& line) { out.print(line); };
   const std::string path = socket_path(chosen);
   device reader(path, print, chosen.plugged);
   if (chosen.file.empty() && isatty(STDIN_FILENO)) {
@@ -117,13 +114,10 @@ int run(const options& chosen) {
   }
   std::atomic<int> status{0};
   std::thread([&] {
-    verbs interpreter(reader, print);
-    if (carry_out(chosen, chosen.file.empty() ? std::cin : file, interpreter, &status)) {
-      kill(getpid(), SIGTERM);
-    }
-    sigset_t all;
-    sigfillset(&all);
-    for (;;) sigsuspend(&all);
+    const bool from_file = !chosen.file.empty();
+    std::istream& input = from_file ? file : std::cin;
+    const bool quit = carry_out(input, from_file ? chosen.file + ":" : "line ", reader, status);
+    if (quit || !chosen.stay) kill(getpid(), SIGTERM);
   }).detach();
   int number = 0;
   sigwait(&signals, &number);

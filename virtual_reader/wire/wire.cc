@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,17 +75,21 @@ int adopt_socket(int number) {
 
 int new_socket() { return adopt_socket(::socket(AF_UNIX, SOCK_STREAM, 0)); }
 
-int connect_to(const std::string& path) {
+std::optional<sockaddr_un> address_of(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
+  errno = ENAMETOOLONG;
+  if (path.size() >= sizeof address.sun_path) return {};
   path.copy(address.sun_path, path.size());
+  return address;
+}
+
+int connect_to(const std::string& path) {
+  const auto address = address_of(path);
+  if (!address) return -1;
   descriptor socket(new_socket());
   if (socket.number < 0) return -1;
-  if (connect(socket.number, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+  if (connect(socket.number, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0) {
     return std::exchange(socket.number, -1);
   }
   const int error = errno;

@@ -3,6 +3,8 @@
 // send interim messages. Nothing here throws but std::bad_alloc.
 #pragma once
 
+#include <sys/un.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -72,6 +74,9 @@ class descriptor {
 int new_socket();
 // Takes over a descriptor, giving it the properties above.
 int adopt_socket(int number);
+
+// Nothing when the path is too long, with errno set.
+std::optional<sockaddr_un> address_of(const std::string& path);
 
 // A stream to whoever listens on the path, without waiting; -1 when nobody does.
 int connect_to(const std::string& path);
