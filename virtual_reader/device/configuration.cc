@@ -6,21 +6,20 @@ namespace virtual_reader {
 
 std::vector<std::string> to_text(const configuration& all) {
   std::istringstream names(
-      "sIDBitCnts iLeadParityBitCnt iTrailParityBitCnt reserved4 iTotalBitCnt "
-      "reserved8 reserved10 reserved12 reserved14 "
-      "sCfgFlags reserved0 bFrcBitCntEx reserved4 reserved6 reserved8 reserved10 "
-      "bSndOnRx bHaltKBSnd "
-      "sTimeParms iBitStrmTO iIDHoldTO iIDLockOutTm reserved6 reserved8 reserved10 "
-      "reserved12 reserved14 "
-      "sCfgFlags2 reserved0 reserved2 bWiegInvData bUseInvDataF bRevWiegBits bBeepID bRevBytes "
-      "reserved14 "
-      "sLEDCtrl bAppCtrlsLED iRedLEDState iGrnLEDState reserved6 reserved8 reserved10 "
-      "reserved12 reserved14");
+      "sIDBitCnts iLeadParityBitCnt iTrailParityBitCnt - iTotalBitCnt - - - - "
+      "sCfgFlags - bFrcBitCntEx - - - - bSndOnRx bHaltKBSnd "
+      "sTimeParms iBitStrmTO iIDHoldTO iIDLockOutTm - - - - - "
+      "sCfgFlags2 - - bWiegInvData bUseInvDataF bRevWiegBits bBeepID bRevBytes - "
+      "sLEDCtrl bAppCtrlsLED iRedLEDState iGrnLEDState - - - - -");
   std::vector<std::string> lines;
   std::string name;
   for (std::size_t i = 0; i < all.size(); ++i) {
-    if (i % 8 == 0) lines.emplace_back(names >> name ? name : "");
     names >> name;
+    if (i % 8 == 0) {
+      lines.push_back(name);
+      names >> name;
+    }
+    if (name == "-") name = "reserved" + std::to_string(i % 8 * 2);
     lines.back() += " " + name + "=" + std::to_string(all[i]);
   }
   return lines;

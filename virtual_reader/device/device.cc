@@ -173,7 +173,7 @@ bool device::answer(call* asked) {
     now.events.insert(now.events.begin(), "call " + log.back());
   }
   const bool id_questions_wanted =
-      now.traced == tracing::on || (now.traced == tracing::quiet && now.card_found) ||
+      now.traced != tracing::off ||
       std::any_of(now.faults.begin(), now.faults.end(),
                   [](const rule& each) { return each.call == id_question; });
   complete(&lock);

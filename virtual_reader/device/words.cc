@@ -14,11 +14,15 @@ const char hexadecimal[] = "0123456789ABCDEFabcdef";
 const std::string letters = "tnrvf\\\"";
 const std::string characters = "\t\n\r\v\f\\\"";
 
-bool parse_integer(const std::string& text, std::int64_t* number) {
+std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t most) {
   char* end = nullptr;
   errno = 0;
-  *number = std::strtoll(text.c_str(), &end, text.find('x') == std::string::npos ? 10 : 16);
-  return errno == 0 && !text.empty() && end == text.c_str() + text.size();
+  const std::int64_t number =
+      std::strtoll(text.c_str(), &end, text.find('x') == std::string::npos ? 10 : 16);
+  const bool is_number = errno == 0 && !text.empty() && end == text.c_str() + text.size();
+  if (is_number && number >= least && number <= most) return number;
+  throw bad_line("'" + text + "' is no number from " + std::to_string(least) + " to " +
+                 std::to_string(most));
 }
 
 // Reads the text that begins with the quote at `*place`, and moves behind the closing one.
@@ -34,24 +38,16 @@ std::string parse_quoted(const std::string& line, std::size_t* place) {
       continue;
     }
     const std::size_t known = letters.find(line[++i]);
-    std::int64_t code = 0;
     if (known != std::string::npos) {
       text += characters[known];
-    } else if (line[i] == 'x' && parse_integer("0" + line.substr(i, 3), &code)) {
-      text += static_cast<char>(code);
+    } else if (line[i] == 'x') {
+      text += static_cast<char>(to_number("0x" + line.substr(i + 1, 2), 0, 0xFF));
       i += 2;
     } else {
       throw bad_line(R"(unknown escape; there are \t \n \r \v \f \\ \" and \xNN)");
     }
   }
   throw bad_line("the closing quote is missing");
-}
-
-std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t most) {
-  std::int64_t number = 0;
-  if (parse_integer(text, &number) && number >= least && number <= most) return number;
-  throw bad_line("'" + text + "' is no number from " + std::to_string(least) + " to " +
-                 std::to_string(most));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
+#include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -24,27 +25,24 @@ const char usage[] =
     "them. Pulls the reader out at the end of its input, or with --stay at a signal.\n";
 
 struct options {
+  int unplugged = 0, stay = 0, help = 0;
   std::string socket, file;
-  bool plugged = true, stay = false;
 };
 
 // False if they are wrong.
-bool parse(int count, char** given, options* chosen) {
-  for (int i = 1; i < count; ++i) {
-    const std::string text = given[i];
-    if (text == "--unplugged") {
-      chosen->plugged = false;
-    } else if (text == "--stay") {
-      chosen->stay = true;
-    } else if (text == "--socket" && i + 1 < count) {
-      chosen->socket = given[++i];
-    } else if (text.empty() || text[0] == '-' || !chosen->file.empty()) {
-      return false;
-    } else {
-      chosen->file = text;
-    }
+bool parse(int count, char** arguments, options* chosen) {
+  const option known[] = {{"help", no_argument, &chosen->help, 1},
+                          {"socket", required_argument, nullptr, 's'},
+                          {"stay", no_argument, &chosen->stay, 1},
+                          {"unplugged", no_argument, &chosen->unplugged, 1},
+                          {}};
+  for (int found = 0; found != -1;) {
+    found = getopt_long(count, arguments, "", known, nullptr);
+    if (found == 's') chosen->socket = optarg;
+    if (found == '?') return false;
   }
-  return true;
+  if (optind < count) chosen->file = arguments[optind++];
+  return optind >= count;
 }
 
 // Prints whole lines, from any thread; the LED in its colour on a terminal.
@@ -89,15 +87,24 @@ bool carry_out(std::istream& input, const std::string& place, device& reader,
     if (!error.empty() || !interpreter.expectations_held()) status = 1;
   }
   if (input.bad()) {
-    std::cerr << place << " cannot be read on" << std::endl;
+    std::cerr << place << " cannot be read" << std::endl;
     status = 1;
   }
   return interpreter.quit_requested();
 }
 
-int run(const options& chosen) {
+}  // namespace
+
+int main(int count, char** arguments) try {
+  options chosen;
+  const bool right = parse(count, arguments, &chosen);
+  if (!right || chosen.help) {
+    (right ? std::cout : std::cerr) << usage;
+    return right ? 0 : 2;
+  }
+  const bool from_file = !chosen.file.empty();
   std::ifstream file(chosen.file);
-  if (!chosen.file.empty() && !file) throw std::runtime_error("cannot read " + chosen.file);
+  if (from_file && !file) throw std::runtime_error("cannot read " + chosen.file);
 
   // Blocked in every thread, for this one to wait for.
   sigset_t signals;
@@ -107,14 +114,13 @@ int run(const options& chosen) {
   signal(SIGPIPE, SIG_IGN);
 
   const std::string path = socket_path(chosen);
-  device reader(path, print, chosen.plugged);
-  if (chosen.file.empty() && isatty(STDIN_FILENO)) {
-    print("A virtual reader is on " + path + (chosen.plugged ? ", plugged in." : ", unplugged.") +
+  device reader(path, print, !chosen.unplugged);
+  if (!from_file && isatty(STDIN_FILENO)) {
+    print("A virtual reader is on " + path + (chosen.unplugged ? ", unplugged." : ", plugged in.") +
           " Try `card queue 3AB1234/26`; `help` lists all, ^D ends.");
   }
   std::atomic<int> status{0};
   std::thread([&] {
-    const bool from_file = !chosen.file.empty();
     std::istream& input = from_file ? file : std::cin;
     const bool quit = carry_out(input, from_file ? chosen.file + ":" : "line ", reader, status);
     if (quit || !chosen.stay) kill(getpid(), SIGTERM);
@@ -124,24 +130,7 @@ int run(const options& chosen) {
   reader.end();
   // At once: the other thread may be waiting for input, and holds on to all of the above.
   _exit(status);
-}
-
-}  // namespace
-
-int main(int count, char** arguments) {
-  options chosen;
-  if (count == 2 && std::string(arguments[1]) == "--help") {
-    std::cout << usage;
-    return 0;
-  }
-  if (!parse(count, arguments, &chosen)) {
-    std::cerr << usage;
-    return 2;
-  }
-  try {
-    return run(chosen);
-  } catch (const std::exception& error) {
-    std::cerr << "virtual-reader: " << error.what() << std::endl;
-    return 2;
-  }
+} catch (const std::exception& error) {
+  std::cerr << "virtual-reader: " << error.what() << std::endl;
+  return 2;
 }
