@@ -71,17 +71,16 @@ device::state device::look() const {
 }
 
 void device::change(const std::function<void(state&)>& make_change) {
-  std::unique_lock<std::mutex> lock(mutex);
+  const std::lock_guard<std::mutex> lock(mutex);
   make_change(now);
-  complete(&lock);
+  complete_change();
 }
 
-// Gives up the lock and lets the world know what was done under it.
-void device::complete(std::unique_lock<std::mutex>* change) {
-  const std::vector<std::string> events = std::exchange(now.events, {});
-  change->unlock();
+// Lets the world know what was done. The caller holds the lock.
+void device::complete_change() {
+  if (on_event) std::for_each(now.events.begin(), now.events.end(), on_event);
+  now.events.clear();
   changed.notify_all();
-  if (on_event) std::for_each(events.begin(), events.end(), on_event);
 }
 
 bool device::wait(std::chrono::milliseconds limit, const std::function<bool(state&)>& holds) {
@@ -149,7 +148,8 @@ bool device::answer(call* asked) {
   const bool is_delayed = find_due(rule::kind::delay) != due.end();
   const std::uint64_t releases = now.releases;
   if (is_delayed) ++now.counts[asked->name];
-  complete(&lock);
+  complete_change();
+  lock.unlock();
   for (const rule& each : due) {
     if (each.what == rule::kind::say) {
       if (!send({{say_message, each.length, each.own_thread}, {each.text}})) return false;
@@ -176,7 +176,8 @@ bool device::answer(call* asked) {
       now.traced != tracing::off ||
       std::any_of(now.faults.begin(), now.faults.end(),
                   [](const rule& each) { return each.call == id_question; });
-  complete(&lock);
+  complete_change();
+  lock.unlock();
 
   if (vanishes) {
     const char half_a_size[2] = {};

@@ -87,8 +87,8 @@ class device {
     std::optional<std::int64_t> carry_out(call* asked);
   };
 
-  // Receives lines like "beep short 2" or "led red"; may be null. Called from several threads,
-  // with no lock held.
+  // Receives lines like "beep short 2" or "led red", in the order of what happened; may be null.
+  // Called from several threads, one at a time. It must not use the device.
   using event_function = std::function<void(const std::string& line)>;
 
   // Listening and plugged in once constructed. Throws std::runtime_error with one clear line.
@@ -127,7 +127,7 @@ class device {
   void serve(int socket);
   std::string converse(int socket);
   bool answer(call* asked);
-  void complete(std::unique_lock<std::mutex>* change);
+  void complete_change();
 
   const event_function on_event;
   mutable std::mutex mutex;
