@@ -224,6 +224,7 @@ TEST(VirtualReader, SaysWhatIsWrongWithALine) {
       {R"(part "\q")", "unknown escape"},
       {R"(part "x)", "the closing quote is missing"},
       {R"(part "x"y)", "no blank behind a closing quote"},
+      {"part \"" + std::string(1'000'001, 'x') + '"', "the text is longer than a million bytes"},
       {"fail BeepNow at 0", "'0' is no number from 1"},
       {"fail BeepNow once once", "right would be: fail CALL"},
       {R"(host "a\nb")", "a command is one line"},

@@ -10,6 +10,7 @@ namespace virtual_reader {
 namespace {
 
 const std::string blanks = " \t\r";
+constexpr std::size_t longest_text = 1'000'000;
 const char hexadecimal[] = "0123456789ABCDEFabcdef";
 const std::string letters = "tnrvf\\\"";
 const std::string characters = "\t\n\r\v\f\\\"";
@@ -94,7 +95,9 @@ std::string words::take() {
 
 std::string words::take_quoted() {
   if (at_end() || all[next][0] != '"') throw bad_line("");
-  return all[next++].substr(1);
+  const std::string text = all[next++].substr(1);
+  if (text.size() > longest_text) throw bad_line("the text is longer than a million bytes");
+  return text;
 }
 
 std::int64_t words::take_number(std::int64_t least, std::int64_t most) {
