@@ -51,7 +51,7 @@ struct card_reader_state {
   void loop();
 
   std::mutex mutex;
-  std::condition_variable cond;    // notified by enqueue; the loop is its only waiter
+  std::condition_variable cond;    // notified when the queue fills; the loop is its only waiter
   std::queue<action_ptr> actions;  // guarded by mutex
 
   // The rest belongs to the main thread alone: to the loop and to the items that it runs.

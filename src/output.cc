@@ -34,11 +34,14 @@ class buffered_writer {
 }  // namespace
 
 void output_str_state::push_line(std::string text) {
+  bool was_empty = false;
   {
     std::lock_guard<std::mutex> lock(mutex);
+    was_empty = lines.empty();
     lines.push_back(std::move(text));
   }
-  cond.notify_one();
+  // The writer waits only on an empty batch, so whoever ends that wakes it.
+  if (was_empty) cond.notify_one();
 }
 
 void output_str_state::request_stop() {

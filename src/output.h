@@ -15,8 +15,8 @@
 // Never take another lock, and never call the reader library, while holding it.
 class output_str_state {
  public:
-  // Appends a line, without its line feed, and wakes the writer. The bytes are written unchanged.
-  // A line handed in after the writer has ended is never written.
+  // Appends a line, without its line feed, and wakes a writer that waits. The bytes are written
+  // unchanged. A line handed in after the writer has ended is never written.
   void push_line(std::string text);
 
   // Makes `loop` return once the lines pending then are written. Asking twice changes nothing.

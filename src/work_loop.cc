@@ -33,14 +33,13 @@ void card_reader_state::loop() {
   const pc_prox::pc_prox_api& api = globals::api();
   api.SetMarkerFunction(log_relay);
 
+  std::queue<action_ptr> taken;
   std::unique_lock<std::mutex> lock(mutex);
   for (;;) {
     if (!actions.empty()) {
-      action_ptr item = std::move(actions.front());
-      actions.pop();
+      taken.swap(actions);
       lock.unlock();
-      run(*item, reader_name);
-      item.reset();
+      for (; !taken.empty(); taken.pop()) run(*taken.front(), reader_name);
       lock.lock();
       continue;
     }
