@@ -9,10 +9,10 @@
 #include <mutex>
 #include <queue>
 #include <string>
-#include <utility>
+#include <string_view>
 
 // As a reader's name: none is attached. As a work item's target: any reader, or none.
-inline constexpr const char global_reader[] = "Global";
+inline constexpr std::string_view global_reader = "Global";
 
 // What a work item came to. The host sees "Ok" or "Error", then ": " and the message, or a lone
 // ":" when the message is empty.
@@ -24,7 +24,7 @@ struct action_result {
 // A piece of work for the main thread: a command, a scan, or the end. It is created by its
 // producer, moved into the queue by `enqueue`, run at most once by the loop and then destroyed.
 struct action {
-  action(std::string target, bool is_silent) : reader(std::move(target)), silent(is_silent) {}
+  action(std::string_view target, bool is_silent) : reader(target), silent(is_silent) {}
   action(const action&) = delete;
   action& operator=(const action&) = delete;
 
@@ -55,7 +55,7 @@ struct card_reader_state {
   std::queue<action_ptr> actions;  // guarded by mutex
 
   // The rest belongs to the main thread alone: to the loop and to the items that it runs.
-  std::string reader_name = global_reader;
+  std::string reader_name{global_reader};
   // The last number given to a connection. Starts from the clock, so that names differ between
   // runs.
   std::uint64_t device_counter = static_cast<std::uint64_t>(std::time(nullptr)) * 1000;

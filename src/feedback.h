@@ -6,13 +6,13 @@
 #pragma once
 
 #include <string>
-#include <utility>
+#include <string_view>
 
 #include "card_reader_state.h"
 
 // Answers a ping with the text it came with.
 struct pong : action {
-  explicit pong(std::string ping_text) : action(global_reader, false), text(std::move(ping_text)) {}
+  explicit pong(std::string_view ping_text) : action(global_reader, false), text(ping_text) {}
   action_result execute_impl() override;
 
   std::string text;  // moved into the result
@@ -20,8 +20,7 @@ struct pong : action {
 
 // Brings the message for a rejected line to the host, in its turn among the results.
 struct print_error : action {
-  explicit print_error(std::string message)
-      : action(global_reader, false), text(std::move(message)) {}
+  explicit print_error(std::string_view message) : action(global_reader, false), text(message) {}
   action_result execute_impl() override;
 
   std::string text;  // moved into the result
@@ -29,8 +28,8 @@ struct print_error : action {
 
 // Sounds the beeper.
 struct beep : action {
-  beep(std::string target, std::int32_t beeps, bool is_long)
-      : action(std::move(target), false), count(beeps), long_beep(is_long) {}
+  beep(std::string_view target, std::int32_t beeps, bool is_long)
+      : action(target, false), count(beeps), long_beep(is_long) {}
   action_result execute_impl() override;
 
   std::int32_t count;  // 1 to 5 short beeps, 1 to 2 long ones
@@ -39,8 +38,8 @@ struct beep : action {
 
 // Takes the LED under the agent's control; both colours together are amber, neither is dark.
 struct set_led_state : action {
-  set_led_state(std::string target, bool red_on, bool green_on)
-      : action(std::move(target), false), red(red_on), green(green_on) {}
+  set_led_state(std::string_view target, bool red_on, bool green_on)
+      : action(target, false), red(red_on), green(green_on) {}
   action_result execute_impl() override;
 
   bool red;
@@ -49,13 +48,13 @@ struct set_led_state : action {
 
 // Hands control of the LED back to the reader.
 struct clear_led_state : action {
-  explicit clear_led_state(std::string target) : action(std::move(target), false) {}
+  explicit clear_led_state(std::string_view target) : action(target, false) {}
   action_result execute_impl() override;
 };
 
 // Resets the reader to its factory defaults. The reader stays connected and keeps its name.
 struct reset_config : action {
-  explicit reset_config(std::string target) : action(std::move(target), false) {}
+  explicit reset_config(std::string_view target) : action(target, false) {}
   action_result execute_impl() override;
 };
 

@@ -16,7 +16,7 @@ namespace {
 action_ptr reject(std::initializer_list<std::string_view> message) {
   std::string text;
   for (const std::string_view part : message) text += part;
-  return std::make_unique<print_error>(std::move(text));
+  return std::make_unique<print_error>(text);
 }
 
 action_ptr make_beep(std::string_view reader, std::string_view arguments) {
@@ -28,7 +28,7 @@ action_ptr make_beep(std::string_view reader, std::string_view arguments) {
   if (count.size() != 1 || count[0] < '1' || count[0] > most) {
     return reject({"Invalid number of beeps: '", count, "'"});
   }
-  return std::make_unique<beep>(std::string(reader), count[0] - '0', is_long);
+  return std::make_unique<beep>(reader, count[0] - '0', is_long);
 }
 
 action_ptr make_set_led(std::string_view reader, std::string_view arguments) {
@@ -38,15 +38,15 @@ action_ptr make_set_led(std::string_view reader, std::string_view arguments) {
   if (!red && !green && color != "off") {
     return reject({"LED color parameter must be one of <red|green|off>"});
   }
-  return std::make_unique<set_led_state>(std::string(reader), red, green);
+  return std::make_unique<set_led_state>(reader, red, green);
 }
 
 action_ptr make_clear_led(std::string_view reader, std::string_view) {
-  return std::make_unique<clear_led_state>(std::string(reader));
+  return std::make_unique<clear_led_state>(reader);
 }
 
 action_ptr make_reset_config(std::string_view reader, std::string_view) {
-  return std::make_unique<reset_config>(std::string(reader));
+  return std::make_unique<reset_config>(reader);
 }
 
 // Takes the text up to the first `stop`, after skipping all `skip` at its start. Moves `rest` to
@@ -95,7 +95,7 @@ action_ptr make_set_config(std::string_view reader, std::string_view arguments) 
     }
     settings[std::string(type)][std::string(name)] = value;
   }
-  return std::make_unique<set_config>(std::string(reader), std::move(settings));
+  return std::make_unique<set_config>(reader, std::move(settings));
 }
 
 struct command_kind {
@@ -117,7 +117,7 @@ constexpr command_kind reader_commands[] = {
 action_ptr make_action(std::string_view reader, std::string_view command,
                        std::string_view arguments) {
   if (reader == global_reader) {
-    if (command == "Ping") return std::make_unique<pong>(std::string(arguments));
+    if (command == "Ping") return std::make_unique<pong>(arguments);
   } else {
     for (const command_kind& kind : reader_commands) {
       if (command == kind.word) return kind.make(reader, arguments);

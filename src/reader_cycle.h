@@ -1,8 +1,7 @@
 // The reader cycle: the search for a reader and the poll for cards, which lead to each other.
 #pragma once
 
-#include <string>
-#include <utility>
+#include <string_view>
 
 #include "card_reader_state.h"
 
@@ -17,7 +16,7 @@ struct scan_for_reader : action {
 // Asks the reader `target` for its card and reports the card's ID, at every poll anew. A fetch that
 // fails means that the reader has gone: a search follows at once.
 struct scan_for_card : action {
-  explicit scan_for_card(std::string target) : action(std::move(target), true) {}
+  explicit scan_for_card(std::string_view target) : action(target, true) {}
 
   // Fails when the fetch did; otherwise the message is the card's text, empty without a card.
   action_result execute_impl() override;

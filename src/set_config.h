@@ -17,8 +17,8 @@ struct set_config : action {
   // Setting type, that is the record, to its values.
   using settings_map = std::unordered_map<std::string, values_map>;
 
-  set_config(std::string target, settings_map batch)
-      : action(std::move(target), false), settings(std::move(batch)) {}
+  set_config(std::string_view target, settings_map batch)
+      : action(target, false), settings(std::move(batch)) {}
   action_result execute_impl() override;
 
   settings_map settings;  // consumed by execute_impl

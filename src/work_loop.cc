@@ -15,7 +15,10 @@ void run(action& item, const std::string& reader_name) {
   if (item.reader == global_reader || item.reader == reader_name) {
     action_result result = item.execute_impl();
     line = result.ok ? "Ok:" : "Error:";
-    if (!result.message.empty()) line.append(1, ' ').append(result.message);
+    if (!result.message.empty()) {
+      line += ' ';
+      line += result.message;
+    }
   } else {
     line = "Error: Action was for reader " + item.reader;
     if (reader_name == global_reader) {
