@@ -2,8 +2,14 @@
 // and a writing thread, two locks with a condition variable each, one item at a time through the
 // first and batches, written under the lock, through the second. It echoes lines and does nothing
 // else.
+//
+//   relay         takes one item at a time and notifies for every line
+//   relay twin    hands over as the agent does: it takes all items that wait at once, notifies for
+//                 the first line of an empty queue or batch only, and its work has a deadline to
+//                 wait for
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -13,6 +19,8 @@
 #include <vector>
 
 namespace {
+
+bool is_twin = false;  // set before the threads start
 
 std::mutex queue_mutex;
 std::condition_variable queue_cond;
@@ -34,11 +42,13 @@ void read_lines() {
       const char* const line_feed = static_cast<const char*>(found);
       begun.append(at, line_feed);
       at = line_feed + 1;
+      bool was_empty = false;
       {
         std::lock_guard<std::mutex> lock(queue_mutex);
+        was_empty = queue.empty();
         queue.push_back(std::move(begun));
       }
-      queue_cond.notify_one();
+      if (was_empty || !is_twin) queue_cond.notify_one();
       begun.clear();
     }
     begun.append(at, end);
@@ -50,19 +60,41 @@ void read_lines() {
   queue_cond.notify_one();
 }
 
+void push_line(std::string&& line) {
+  bool was_empty = false;
+  {
+    std::lock_guard<std::mutex> lock(batch_mutex);
+    was_empty = batch.empty();
+    batch.push_back(std::move(line));
+  }
+  if (was_empty || !is_twin) batch_cond.notify_one();
+}
+
+void await_item(std::unique_lock<std::mutex>& lock) {
+  const auto is_due = [] { return ended || !queue.empty(); };
+  if (is_twin) {
+    while (!queue_cond.wait_for(lock, std::chrono::seconds(10), is_due)) continue;
+  } else {
+    queue_cond.wait(lock, is_due);
+  }
+}
+
 void work() {
+  std::deque<std::string> taken;
   std::unique_lock<std::mutex> lock(queue_mutex);
   for (;;) {
-    queue_cond.wait(lock, [] { return ended || !queue.empty(); });
+    await_item(lock);
     if (queue.empty()) break;
-    std::string line = std::move(queue.front());
-    queue.pop_front();
-    lock.unlock();
-    {
-      std::lock_guard<std::mutex> batch_lock(batch_mutex);
-      batch.push_back(std::move(line));
+    if (is_twin) {
+      taken.swap(queue);
+      lock.unlock();
+      for (; !taken.empty(); taken.pop_front()) push_line(std::move(taken.front()));
+    } else {
+      std::string line = std::move(queue.front());
+      queue.pop_front();
+      lock.unlock();
+      push_line(std::move(line));
     }
-    batch_cond.notify_one();
     lock.lock();
   }
   {
@@ -107,7 +139,8 @@ void write_batches() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char* argv[]) {
+  is_twin = argc > 1 && std::strcmp(argv[1], "twin") == 0;
   std::thread reader(read_lines);
   std::thread writer(write_batches);
   work();

@@ -124,10 +124,12 @@ def replace_table(page, text):
 STYLE = """
   text { font: 13px sans-serif; fill: #57606a; }
   .line { stroke: #8c959f; } .goal { stroke: #bc4c00; stroke-width: 2; }
-  .agent { fill: #0969da; } .cat { fill: #8250df; } .scdaemon { fill: #1a7f37; }
+  .agent { fill: #0969da; } .twin { fill: #9a6700; }
+  .cat { fill: #8250df; } .scdaemon { fill: #1a7f37; }
   @media (prefers-color-scheme: dark) {
     text { fill: #b1bac4; } .goal { stroke: #f0883e; }
-    .agent { fill: #58a6ff; } .cat { fill: #bc8cff; } .scdaemon { fill: #3fb950; }
+    .agent { fill: #58a6ff; } .twin { fill: #d29922; }
+    .cat { fill: #bc8cff; } .scdaemon { fill: #3fb950; }
   }"""
 
 
@@ -183,6 +185,7 @@ def main():
     servers = {
         AGENT: ("agent", agent),
         RELAY: ("echo", str(build / "relay")),
+        "twin": ("echo", str(build / "relay"), "twin"),
         "cat": ("echo", "cat"),
         "scdaemon": ("nop", "/usr/lib/gnupg/scdaemon", "--server"),
     }
