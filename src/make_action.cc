@@ -1,7 +1,6 @@
 #include "make_action.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <initializer_list>
 #include <limits>
@@ -65,10 +64,8 @@ std::string_view take_until(std::string_view& rest, std::string_view skip, char 
 bool to_int32(std::string_view text, std::int32_t* value) {
   const std::string digits(text);
   char* end = nullptr;
-  errno = 0;
-  const long long number = std::strtoll(digits.c_str(), &end, 10);
-  if (end == digits.c_str() || errno == ERANGE ||
-      number < std::numeric_limits<std::int32_t>::min() ||
+  const long long number = std::strtoll(digits.c_str(), &end, 10);  // too large: the largest
+  if (end == digits.c_str() || number < std::numeric_limits<std::int32_t>::min() ||
       number > std::numeric_limits<std::int32_t>::max()) {
     return false;
   }
