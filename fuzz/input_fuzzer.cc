@@ -80,8 +80,9 @@ void check_item(const std::string& line) {
   require(blank == !item && blank == !again, "only blank lines come to nothing");
   if (blank) return;
   require(!item->silent, "every line is answered");
-  require(holds(item->reader == global_reader ? cut + global_reader : cut, item->reader),
-          "the target stands in the line");
+  require(
+      holds(item->reader == global_reader ? cut + std::string(global_reader) : cut, item->reader),
+      "the target stands in the line");
   const action& one = *item;
   const action& other = *again;
   require(typeid(one) == typeid(other) && one.reader == other.reader, "a second run is alike");
