@@ -59,7 +59,8 @@ void device::end() {
   acceptor.join();
   door.reset();
   std::unique_lock<std::mutex> lock(mutex);
-  for (const int socket : links) shutdown(socket, SHUT_RDWR);
+  // They may finish what they answer: a call that has had its effect has its result.
+  for (const int socket : links) shutdown(socket, SHUT_RD);
   changed.wait(lock, [this] { return links.empty(); });
 }
 
