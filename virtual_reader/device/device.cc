@@ -14,13 +14,16 @@ namespace virtual_reader {
 namespace {
 
 constexpr std::size_t longest_log = 100'000;
+constexpr std::size_t most_numbers = 3 + 8 + 40;  // of a call: its head, one record, all records
 const std::string id_question = "GetQueuedID_index";
 
 std::optional<call> receive_call(int socket) {
   const auto given = receive_message(socket, call_size_limit, in(message_limit));
   if (!given || given->texts.size() != 1 || !is_call(given->texts[0])) return {};
   const std::vector<std::int64_t>& all = given->numbers;
-  if (all.size() < 3 || all[2] < 0 || static_cast<std::size_t>(all[2]) > all.size() - 3) return {};
+  const bool is_right = all.size() >= 3 && all.size() <= most_numbers && all[2] >= 0 &&
+                        static_cast<std::size_t>(all[2]) <= all.size() - 3;
+  if (!is_right) return {};
   const auto extras = all.begin() + 3 + all[2];
   return call{socket, given->texts[0],           all[0],
               all[1], {all.begin() + 3, extras}, {extras, all.end()}};
