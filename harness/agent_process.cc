@@ -2,6 +2,8 @@
 
 #include <poll.h>
 
+#include <stdexcept>
+
 std::string agent_process::next_line(std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {
@@ -40,7 +42,9 @@ std::string agent_process::line_beginning(const std::string& start) {
 
 std::string agent_process::await_reader() {
   const std::string head = "Reader: ";
-  return line_beginning(head).substr(head.size());
+  const std::string line = line_beginning(head);
+  if (line.rfind(head, 0) != 0) throw std::runtime_error("no reader but " + line);
+  return line.substr(head.size());
 }
 
 std::string agent_process::ask(const std::string& line) {

@@ -24,7 +24,7 @@ class agent_process : public child_process {
   std::string next_line_but_cards();
   // Skips lines until one begins so, and returns it; or "(end)" or "(timeout)".
   std::string line_beginning(const std::string& start);
-  // Skips lines until a reader is announced, and returns its name.
+  // Skips lines until a reader is announced, and returns its name. Throws when none is.
   std::string await_reader();
   // Sends a line and returns the next line that answers it, skipping events and log lines.
   std::string ask(const std::string& line);

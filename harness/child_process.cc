@@ -118,8 +118,11 @@ void child_process::close_output() {
 
 int child_process::wait() {
   int status = 0;
-  while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
+  pid_t ended = -1;
+  do {
+    ended = waitpid(child, &status, 0);
+  } while (ended < 0 && errno == EINTR);
   child = -1;
+  if (ended < 0) fail(errno, "waiting for a child process");
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

@@ -23,12 +23,12 @@ const pthread_t main_thread = pthread_self();  // which loads the library
 bool heard = false;
 bool card_ready = false;
 
+// Returns a success, which may be any status but 0.
 status note() {
-  if (!reader) return 1;
-  ++reader->calls;
+  if (!reader) return -1;
   if (!pthread_equal(pthread_self(), main_thread)) ++reader->calls_off_main;
   if (!heard) ++reader->calls_unheard;
-  return 1;
+  return -1;
 }
 
 }  // namespace
@@ -37,9 +37,13 @@ void SetMarkerFunction(marker_function function) {
   heard = true;
   note();
   heard = function != nullptr;
+  if (reader && !heard) ++reader->removals;
 }
 
-status usbConnect() { return note() && reader && reader->attached; }
+status usbConnect() {
+  const status success = note();
+  return reader && reader->attached ? success : status{0};
+}
 
 const char* getPartNumberString() { return note() ? "STUB" : nullptr; }
 

@@ -16,9 +16,9 @@ struct stub_reader {
   std::atomic<std::int64_t> polls;     // calls of GetQueuedID so far
   std::atomic<int> beeps_held;         // set: beeps don't return until this is 0 again
   std::atomic<int> beeping;            // a beep has begun
-  std::atomic<int> calls;              // all calls so far, and of those:
-  std::atomic<int> calls_off_main;     // not on the main thread
+  std::atomic<int> calls_off_main;     // calls so far that were not on the main thread
   std::atomic<int> calls_unheard;      // while no marker function was set, but to set it
+  std::atomic<int> removals;           // of the marker function
 };
 
 // Names the file that holds the page, in the environment of the agent; without it there is no

@@ -5,6 +5,7 @@
 
 #include "globals.h"
 #include "input_loop.h"
+#include "standard_streams.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ std::thread start_thread(Body body) {
 }  // namespace
 
 int run_agent() {
+  occupy_closed_streams();
   output_str_state& out = globals::out_state();
   std::thread input = start_thread(input_loop);
   std::thread writer = start_thread([&out] { out.loop(); });

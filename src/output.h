@@ -11,7 +11,7 @@
 // (see globals.h); the writer thread runs `loop`, and any thread may call the rest.
 //
 // `mutex` is held while a batch is written, so that producers wait for a host that does not read:
-// the agent never holds more output in memory than one batch and what one producer adds to it.
+// while a batch is on its way nothing is added to what the agent has in memory.
 // Never take another lock, and never call the reader library, while holding it.
 class output_str_state {
  public:
@@ -32,5 +32,6 @@ class output_str_state {
   std::mutex mutex;
   std::condition_variable cond;
   std::vector<std::string> lines;  // guarded by mutex; keeps its capacity between batches
+  bool ended = false;              // guarded by mutex: the writer has returned
   std::atomic<bool> stop{false};   // set under mutex, so that a writer about to wait can't miss it
 };

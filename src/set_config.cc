@@ -1,7 +1,5 @@
 #include "set_config.h"
 
-#include <initializer_list>
-
 #include "globals.h"
 
 // One of the library's records: how the host, the library and the agent name its parts.
@@ -18,7 +16,7 @@ struct set_config::record_kind {
   const char* get_name;
   operation set;
   const char* set_name;
-  std::initializer_list<named_field> fields;
+  named_field fields[5];  // those left have no name
 };
 
 // A record on its way from the library and back. What is left of its values when it is destroyed
@@ -69,7 +67,9 @@ const char* set_config::apply(const record_kind<T>& kind) {
     helper.forget();
     return kind.get_name;
   }
-  for (const auto& field : kind.fields) helper.take(field.name, field.place);
+  for (const auto& field : kind.fields) {
+    if (field.name) helper.take(field.name, field.place);
+  }
   if ((api.*kind.set)(&helper.record) == 0) {
     helper.forget();
     return kind.set_name;
@@ -82,56 +82,57 @@ action_result set_config::execute_impl() {
   using binding = pc_prox_api;
   if (globals::api().ReadCfg() == 0) return {false, "Failed to read reader config"};
 
-  const char* failed = apply<sIDBitCnts>({"tsIDBitCnts",
-                                          &binding::GetIDBitCnts,
-                                          "GetIDBitCnts",
-                                          &binding::SetIDBitCnts,
-                                          "SetIDBitCnts",
-                                          {{"iLeadParityBitCnt", &sIDBitCnts::iLeadParityBitCnt},
-                                           {"iTrailParityBitCnt", &sIDBitCnts::iTrailParityBitCnt},
-                                           {"iTotalBitCnt", &sIDBitCnts::iTotalBitCnt}}});
-  if (!failed) {
-    failed = apply<sCfgFlags>({"tsCfgFlags",
-                               &binding::GetFlags,
-                               "GetFlags",
-                               &binding::SetFlags,
-                               "SetFlags",
-                               {{"bFrcBitCntEx", &sCfgFlags::bFrcBitCntEx},
-                                {"bSndOnRx", &sCfgFlags::bSndOnRx},
-                                {"bHaltKBSnd", &sCfgFlags::bHaltKBSnd}}});
-  }
-  if (!failed) {
-    failed = apply<sTimeParms>({"tsTimeParms",
-                                &binding::GetTimeParms,
-                                "GetTimeParms",
-                                &binding::SetTimeParms,
-                                "SetTimeParms",
-                                {{"iBitStrmTO", &sTimeParms::iBitStrmTO},
-                                 {"iIDHoldTO", &sTimeParms::iIDHoldTO},
-                                 {"iIDLockOutTm", &sTimeParms::iIDLockOutTm}}});
-  }
-  if (!failed) {
-    failed = apply<sCfgFlags2>({"tsCfgFlags2",
-                                &binding::GetFlags2,
-                                "GetFlags2",
-                                &binding::SetFlags2,
-                                "SetFlags2",
-                                {{"bWiegInvData", &sCfgFlags2::bWiegInvData},
-                                 {"bUseInvDataF", &sCfgFlags2::bUseInvDataF},
-                                 {"bRevWiegBits", &sCfgFlags2::bRevWiegBits},
-                                 {"bBeepID", &sCfgFlags2::bBeepID},
-                                 {"bRevBytes", &sCfgFlags2::bRevBytes}}});
-  }
-  if (!failed) {
-    failed = apply<sLEDCtrl>({"tsLEDCtrl",
-                              &binding::GetLEDCtrl,
-                              "GetLEDCtrl",
-                              &binding::SetLEDCtrl,
-                              "SetLEDCtrl",
-                              {{"bAppCtrlsLED", &sLEDCtrl::bAppCtrlsLED},
-                               {"iRedLEDState", &sLEDCtrl::iRedLEDState},
-                               {"iGrnLEDState", &sLEDCtrl::iGrnLEDState}}});
-  }
+  static constexpr record_kind<sIDBitCnts> id_bit_counts = {
+      "tsIDBitCnts",
+      &binding::GetIDBitCnts,
+      "GetIDBitCnts",
+      &binding::SetIDBitCnts,
+      "SetIDBitCnts",
+      {{"iLeadParityBitCnt", &sIDBitCnts::iLeadParityBitCnt},
+       {"iTrailParityBitCnt", &sIDBitCnts::iTrailParityBitCnt},
+       {"iTotalBitCnt", &sIDBitCnts::iTotalBitCnt}}};
+  static constexpr record_kind<sCfgFlags> flags = {"tsCfgFlags",
+                                                   &binding::GetFlags,
+                                                   "GetFlags",
+                                                   &binding::SetFlags,
+                                                   "SetFlags",
+                                                   {{"bFrcBitCntEx", &sCfgFlags::bFrcBitCntEx},
+                                                    {"bSndOnRx", &sCfgFlags::bSndOnRx},
+                                                    {"bHaltKBSnd", &sCfgFlags::bHaltKBSnd}}};
+  static constexpr record_kind<sTimeParms> time_parameters = {
+      "tsTimeParms",
+      &binding::GetTimeParms,
+      "GetTimeParms",
+      &binding::SetTimeParms,
+      "SetTimeParms",
+      {{"iBitStrmTO", &sTimeParms::iBitStrmTO},
+       {"iIDHoldTO", &sTimeParms::iIDHoldTO},
+       {"iIDLockOutTm", &sTimeParms::iIDLockOutTm}}};
+  static constexpr record_kind<sCfgFlags2> flags_2 = {"tsCfgFlags2",
+                                                      &binding::GetFlags2,
+                                                      "GetFlags2",
+                                                      &binding::SetFlags2,
+                                                      "SetFlags2",
+                                                      {{"bWiegInvData", &sCfgFlags2::bWiegInvData},
+                                                       {"bUseInvDataF", &sCfgFlags2::bUseInvDataF},
+                                                       {"bRevWiegBits", &sCfgFlags2::bRevWiegBits},
+                                                       {"bBeepID", &sCfgFlags2::bBeepID},
+                                                       {"bRevBytes", &sCfgFlags2::bRevBytes}}};
+  static constexpr record_kind<sLEDCtrl> led_control = {
+      "tsLEDCtrl",
+      &binding::GetLEDCtrl,
+      "GetLEDCtrl",
+      &binding::SetLEDCtrl,
+      "SetLEDCtrl",
+      {{"bAppCtrlsLED", &sLEDCtrl::bAppCtrlsLED},
+       {"iRedLEDState", &sLEDCtrl::iRedLEDState},
+       {"iGrnLEDState", &sLEDCtrl::iGrnLEDState}}};
+
+  const char* failed = apply(id_bit_counts);
+  if (!failed) failed = apply(flags);
+  if (!failed) failed = apply(time_parameters);
+  if (!failed) failed = apply(flags_2);
+  if (!failed) failed = apply(led_control);
   if (failed) {
     return {false, std::string("Call to ") + failed + " failed; settings will not be set"};
   }

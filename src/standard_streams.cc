@@ -1,5 +1,6 @@
 #include "standard_streams.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -17,6 +18,14 @@ bool wait_until_ready(int descriptor, short events) {
 }
 
 }  // namespace
+
+void occupy_closed_streams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    // A new descriptor gets the lowest free number; this one is good for nothing else.
+    const int useless_for_it = stream == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", useless_for_it);
+  }
+}
 
 input_status read_input(char* buffer, std::size_t size, std::size_t* length) {
   *length = 0;

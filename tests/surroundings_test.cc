@@ -45,6 +45,12 @@ TEST(Surroundings, HaveAStatedOutcome) {
       {"standard output closed", "echo Global:Ping | \"$A\" >&-", "", 0},
       {"both closed", "\"$A\" <&- >&-", "", 0},
       {"standard output full", "yes Global:Ping | head -n 9999 | \"$A\" >/dev/full", "", 0},
+#ifdef __linux__
+      {"standard output's place, when it is closed",
+       "F=$(mktemp -u); mkfifo $F; \"$A\" <>$F >&- & "
+       "until readlink /proc/$!/fd/1 | grep null; do :; done; kill $!; rm $F",
+       "/dev/null\n", 0},
+#endif
       {"arguments and variables", "echo Global:Ping | POLL_MS=x \"$A\" --help -- x", "Ok:\n", 0},
   };
   for (const auto& row : rows) {

@@ -94,6 +94,8 @@ def play(build, lines, environment):
             came = numbered(came, -base)
         elif mark == "=":
             came = printed.pop(0) if printed else reader.next()
+        else:
+            came = "(no such mark)"
         if came != text:
             yield number, line, came
     if any(line.startswith("=") for _, line in lines):
