@@ -114,6 +114,9 @@ TEST(VirtualReader, IsNoReaderToTheLibraryWhenItTalksNonsense) {
       {"silence after its greeting", right_greeting},
       {"a reply without an end", right_greeting + bytes_of({0xFFFFFFFF, 4})},
       {"an unknown kind", right_greeting + bytes_of({20, 2, 99, 0, 0, 0})},
+      {"a length that no int holds", right_greeting +
+                                         bytes_of({33, 3, 2, 0, 1000000, 0xFFFFFFFF, 0, 0, 1}) +
+                                         "x" + bytes_of({20, 2, 99, 0, 0, 0})},
       {"a text that ends early", right_greeting + bytes_of({33, 3, 2, 0, 9, 0, 0, 0, 2}) + "x"},
   };
   for (const auto& row : rows) {

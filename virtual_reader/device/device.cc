@@ -29,6 +29,11 @@ std::optional<call> receive_call(int socket) {
               all[1], {all.begin() + 3, extras}, {extras, all.end()}};
 }
 
+bool has_gone(int socket) {
+  char next;
+  return recv(socket, &next, 1, MSG_PEEK) == 0;
+}
+
 std::string to_text(const std::vector<std::int64_t>& all) {
   std::string text;
   for (const std::int64_t number : all) text += " " + std::to_string(number);
@@ -111,10 +116,9 @@ void device::accept_agents() {
 
 void device::serve(int socket) {
   const std::string fault = converse(socket);
-  char next;
-  const bool has_gone = recv(socket, &next, 1, MSG_PEEK) == 0;
+  const bool was_cut = has_gone(socket);
   change([&](state& s) {
-    if (!fault.empty() && !has_gone) s.events.push_back(fault);
+    if (!fault.empty() && !was_cut) s.events.push_back(fault);
     s.release_from(socket);
   });
   const std::lock_guard<std::mutex> lock(mutex);
@@ -159,11 +163,17 @@ bool device::answer(call* asked) {
       if (!send({{say_message, each.length, each.own_thread}, {each.text}})) return false;
     } else if (each.what == rule::kind::delay) {
       if (!send({{patience_message, each.time.count()}, {}})) return false;
-      wait(each.time, [&](state& s) { return ending || s.releases != releases; });
+      const auto is_over = [&](state& s) { return ending || s.releases != releases; };
+      std::chrono::milliseconds step{100};  // within which it shows that the agent was killed
+      for (auto left = each.time; left.count() > 0 && !wait(step = std::min(left, step), is_over);
+           left -= step) {
+        if (has_gone(asked->socket)) return false;
+      }
     }
   }
 
   lock.lock();
+  if (is_delayed && ending) return false;
   const bool vanishes = find_due(rule::kind::vanish) != due.end();
   if (vanishes) now.power(false, "unplugged in the middle of " + asked->name);
   const auto failure = find_due(rule::kind::fail);

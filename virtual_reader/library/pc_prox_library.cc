@@ -66,13 +66,10 @@ void drop_link() {
 
 void emit(std::string text, std::int64_t length, bool own_thread) {
   const pc_prox::marker_function marker = library.marker;
-  if (!marker || length > static_cast<std::int64_t>(text.size())) return;
-  const auto call = [&] { marker(text.data(), static_cast<int>(length)); };
-  if (own_thread) {
-    std::thread(call).join();
-  } else {
-    call();
-  }
+  const auto told = static_cast<int>(length);
+  if (!marker || told != length || length > static_cast<std::int64_t>(text.size())) return;
+  const auto call = [&] { marker(text.data(), told); };
+  own_thread ? std::thread(call).join() : call();
 }
 
 void make_link() {

@@ -67,7 +67,8 @@ std::string socket_path(const options& chosen) {
   if (!chosen.socket.empty()) return chosen.socket;
   make_default_socket_folder();
   if (default_socket_path_is_private()) return default_socket_path();
-  throw std::runtime_error(default_socket_path() + ": its folder must be yours alone (mode 700)");
+  throw std::runtime_error(default_socket_path() +
+                           ": its folder must exist and be yours alone (mode 700)");
 }
 
 // Carries out all lines. Returns whether the last was `quit`.
@@ -127,6 +128,12 @@ int main(int count, char** arguments) try {
   }).detach();
   int number = 0;
   sigwait(&signals, &number);
+  // Whoever reads what is printed may have stopped, and the reader waits for it.
+  std::thread([&] {
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    unlink(path.c_str());
+    _exit(1);
+  }).detach();
   reader.end();
   // At once: the other thread may be waiting for input, and holds on to all of the above.
   _exit(status);
