@@ -13,8 +13,9 @@ using namespace virtual_reader;
 std::string in_words(const device& reader) {
   const device::state now = reader.look();
   std::ostringstream text;
-  text << now.plugged << ' ' << now.queue.size() << ' ' << now.held.has_value() << ' ' << now.rules
-       << ' ' << static_cast<int>(now.traced) << ' ' << now.part_number.value_or("none");
+  text << now.plugged << ' ' << now.queue.size() << ' ' << now.held.has_value() << ' '
+       << now.faults.size() << ' ' << static_cast<int>(now.traced) << ' '
+       << now.part_number.value_or("none");
   return text.str();
 }
 

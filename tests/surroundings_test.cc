@@ -16,6 +16,8 @@ namespace {
 
 using lines = std::vector<std::string>;
 
+const agent_process::environment no_reader = {{"VIRTUAL_READER_SOCKET", "/nowhere"}};
+
 struct shell_result {
   std::string output;
   int status;
@@ -61,7 +63,7 @@ TEST(Surroundings, HaveAStatedOutcome) {
 }
 
 TEST(Surroundings, MayStopListening) {
-  agent_process agent(AGENT, {{"VIRTUAL_READER_SOCKET", "/nowhere"}});
+  agent_process agent(AGENT, no_reader);
   EXPECT_EQ(agent.ask("Global:Ping"), "Ok:");
   agent.close_output();
   agent.send_line("Global:Ping");
@@ -84,7 +86,7 @@ TEST(Surroundings, MayBeATerminal) {
 }
 
 TEST(Surroundings, MayLeavePipesInNonBlockingMode) {
-  agent_process agent(AGENT, {{"VIRTUAL_READER_SOCKET", "/nowhere"}}, true);
+  agent_process agent(AGENT, no_reader, true);
   EXPECT_EQ(agent.next_line(std::chrono::milliseconds(100)), "(timeout)") << "it waits for input";
   agent.send("Global:Pi");
   EXPECT_EQ(agent.next_line(std::chrono::milliseconds(100)), "(timeout)");
@@ -101,7 +103,7 @@ TEST(Surroundings, MayLeavePipesInNonBlockingMode) {
 
 TEST(Surroundings, MayInterruptOrKillWithSignals) {
   for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGPIPE}) {
-    agent_process agent(AGENT, {{"VIRTUAL_READER_SOCKET", "/nowhere"}});
+    agent_process agent(AGENT, no_reader);
     EXPECT_EQ(agent.ask("Global:Ping"), "Ok:");
     for (int i = 0; i < 20; ++i) {
       kill(agent.pid(), SIGSTOP);

@@ -70,7 +70,6 @@ class device {
     configuration stored = factory_defaults;
     std::string led = "own";  // red, green, amber, off, or own when the reader itself rules over it
     std::vector<rule> faults;
-    std::size_t rules = 0;       // how many faults there were at look()
     std::uint64_t releases = 0;  // one more ends all delays that have begun
     tracing traced = tracing::off;
     std::map<std::string, std::uint64_t> counts;  // of the calls, by name

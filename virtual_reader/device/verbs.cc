@@ -237,7 +237,7 @@ void verbs::show(const std::string& topic) const {
   lines.push_back("led " + (s.plugged ? s.led : "dark"));
   lines.push_back("beeps " + std::to_string(s.short_beeps) + " short, " +
                   std::to_string(s.long_beeps) + " long");
-  lines.push_back("rules " + std::to_string(s.rules));
+  lines.push_back("rules " + std::to_string(s.faults.size()));
   for (const std::string& line : lines) {
     if (line.rfind(topic, 0) == 0) print(line);
   }

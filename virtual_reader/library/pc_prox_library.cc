@@ -104,9 +104,9 @@ std::optional<answer> exchange(const message& question) {
       if (!texts.empty()) result.text = std::move(texts[0]);
       return result;
     }
-    if (told.size() == 2 && told[0] == patience_message) {
+    if (told.size() == 2 && told[0] == patience_message && told[1] >= 0) {
       const std::chrono::milliseconds longer{std::min<std::int64_t>(told[1], 1'000'000'000)};
-      until = longer.count() < 0 ? never : in(message_limit + longer);
+      until = in(message_limit + longer);
     } else if (told.size() == 3 && told[0] == say_message && texts.size() == 1) {
       emit(std::move(texts[0]), told[1], told[2] != 0);
     } else {

@@ -48,9 +48,8 @@ struct message {
 enum message_kind : std::int64_t {
   reply_message = 0,  // result, error number, whether calls that need no device are wanted, values
                       // ...; texts: the result, if the call returns a text that is not null
-  patience_message =
-      1,            // the reply takes that many milliseconds longer than usual; negative: no limit
-  say_message = 2,  // length to tell, whether on a thread of its own; texts: what to say
+  patience_message = 1,  // the reply takes that many milliseconds longer than usual
+  say_message = 2,       // length to tell, whether on a thread of its own; texts: what to say
 };
 
 // The most bytes of a call and of an answer; a peer that announces more is not listened to.
