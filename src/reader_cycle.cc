@@ -70,7 +70,8 @@ action_result scan_for_reader::execute_impl() {
     state.reader_name = next_reader_name(state, part_number);
     out.push_line("Reader: " + state.reader_name);
     if (told) out.push_line("Log: Reader part number is '" + part_number + "'");
-    state.enqueue(std::make_unique<scan_for_card>(state.reader_name));
+    // After the end of input a poll could report to nobody, and polls that fail would search anew.
+    if (!state.stop) state.enqueue(std::make_unique<scan_for_card>(state.reader_name));
   } else if (state.reader_name != global_reader) {
     state.reader_name = global_reader;
     out.push_line("Reader: " + state.reader_name);

@@ -7,7 +7,7 @@
 
 // Looks for a reader, connects it under a fresh name and announces that name, or announces that
 // the reader has gone. Always succeeds and always sets `last_scan`. After a connection the first
-// card poll follows at once.
+// card poll follows at once, unless the agent is to end: scans that lead to each other end there.
 struct scan_for_reader : action {
   scan_for_reader() : action(global_reader, true) {}
   action_result execute_impl() override;

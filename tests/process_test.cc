@@ -198,4 +198,34 @@ TEST(Process, AnswersAllThatCameBeforeTheEndOfItsInput) {
   EXPECT_EQ(r.agent->wait(), 0);
 }
 
+// Scans follow each other without a pause then, each connection under another name.
+TEST(Process, TellsTheReaderOfTheMomentAndEndsWhileEveryPollFails) {
+  constexpr std::size_t count = 100000;
+  rig r({"part none", "fail GetQueuedID always"});
+  std::string reader = r.agent->await_reader();
+  clock::time_point closed;
+  std::thread host([&] {
+    for (std::size_t i = 0; i < count; ++i) r.agent->send_line("R1:ClearLED");
+    closed = clock::now();
+    r.agent->close_input();
+  });
+  const clock::time_point give_up = clock::now() + patience;
+  std::size_t answers = 0;
+  std::string line, wrong;
+  while ((line = r.agent->next_line()) != "(end)" && clock::now() < give_up) {
+    if (line.rfind("Reader: ", 0) == 0) {
+      reader = line.substr(8);
+    } else if (++answers;
+               line != "Error: Action was for reader R1, but the current reader is " + reader) {
+      wrong = line + " instead of " + reader;
+    }
+  }
+  host.join();
+  ASSERT_EQ(line, "(end)");
+  EXPECT_LT(clock::now() - closed, std::chrono::seconds(1));
+  EXPECT_EQ(r.agent->wait(), 0);
+  EXPECT_EQ(answers, count);
+  EXPECT_EQ(wrong, "");
+}
+
 }  // namespace
