@@ -6,7 +6,7 @@ import { once } from 'node:events';
 import { mkdtempSync } from 'node:fs';
 import { createInterface } from 'node:readline';
 import { test } from 'node:test';
-import { CardReaderAgent } from '../index.js';
+import { CardReaderAgent } from 'card-reader-agent';
 
 const BUILD = process.env.BUILD_DIR;
 const stdio = ['pipe', 'pipe', 'inherit'];
@@ -68,12 +68,12 @@ check('commands', verbs, async ({ tell, start, agent }) => {
     [agent.ping('x'.repeat(1011)), 'x'.repeat(1011)],
     [agent.beep(''), `${noName}''`],
     [agent.beep('Dev1-A:B'), `${noName}'Dev1-A:B'`],
-    [config({ type: { 'a b': 1 } }), 'TypeError: White space in setting type.a b'],
+    [config({ type: { 'a b': 1 } }), "TypeError: Not the name of a setting: 'type.a b'"],
     [config({ type: { a: 1.5 } }), 'RangeError: Not a 32-bit integer: type.a=1.5'],
     [config({ type: { a: 2 ** 31 } }), 'RangeError: Not a 32-bit integer: type.a=2147483648'],
     [agent.resetConfig(name), ''],
-    [agent.close(), { code: 0, signal: null }], // and all before it is answered
-    [agent.ping(), 'AgentEndedError: The agent is not running'],
+    [agent.close(), { code: 0, signal: null, reason: 'the agent ended with status 0' }], // all is answered
+    [agent.ping(), 'AgentEndedError: the agent is not running'],
   ];
   assert.deepEqual(await outcomes(cases.map(([command]) => command)), cases.map(([, is]) => is));
   const told = await tell('calls');
@@ -103,9 +103,9 @@ check('a killed agent', ['hang BeepNow'], async ({ tell, start, agent }) => {
   const end = once(agent, 'end');
   await tell('expect BeepNow');
   process.kill(agent.pid, 'SIGKILL');
-  const killed = 'AgentEndedError: The agent was ended by SIGKILL';
+  const killed = 'AgentEndedError: the agent was ended by SIGKILL';
   assert.deepEqual(await pending, [killed, killed]);
-  assert.deepEqual(await end, [{ code: null, signal: 'SIGKILL' }]);
+  assert.deepEqual(await end, [{ code: null, signal: 'SIGKILL', reason: 'the agent was ended by SIGKILL' }]);
   assert.deepEqual(await outcomes([agent.ping(), agent.close()]), [killed, (await end)[0]]);
   assert.deepEqual([agent.reader, agent.pid], [null, undefined]);
 });
@@ -113,5 +113,5 @@ check('a killed agent', ['hang BeepNow'], async ({ tell, start, agent }) => {
 test('an agent that is not there', async () => {
   const nowhere = new CardReaderAgent('/nowhere/agent');
   const answers = await outcomes([nowhere.start(), nowhere.ping(), nowhere.close()]);
-  assert.match(answers[0], /^Error: Cannot start the agent \/nowhere\/agent: .*ENOENT/);
+  assert.match(answers[0], /^AgentStartError: cannot start \/nowhere\/agent: .*ENOENT/);
 });
