@@ -1,10 +1,17 @@
 // A reader library that does nothing but what the stub reader asks for, so that what is measured is
-// the agent's own.
+// the agent's own. Two others are made of it: with PRINTS, one that prints on standard output in
+// every way there is, and with LACKS_ONE, one without a function that the agent never calls.
 #include <pthread.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
+
+#ifdef PRINTS
+#include <cstdio>
+#include <iostream>
+#endif
 
 #include "pc_prox_api.h"
 #include "stub_reader.h"
@@ -23,8 +30,21 @@ const pthread_t main_thread = pthread_self();  // which loads the library
 bool heard = false;
 bool card_ready = false;
 
+#ifdef PRINTS
+void print() {
+  std::printf("printf\n");
+  std::cout << "stream" << std::endl;
+  if (write(STDOUT_FILENO, "bare\n", 5) < 0) return;
+  // What a child process of the library may come to hold.
+  if (std::system("for n in 3 4 5 6; do eval \"echo child >&$n\"; done 2>/dev/null") != 0) return;
+}
+#endif
+
 // Returns a success, which may be any status but 0.
 status note() {
+#ifdef PRINTS
+  print();
+#endif
   if (!reader) return -1;
   if (!pthread_equal(pthread_self(), main_thread)) ++reader->calls_off_main;
   if (!heard) ++reader->calls_unheard;
@@ -68,7 +88,9 @@ status BeepNow(std::uint8_t, std::int16_t) {
 std::int64_t GetLastLibErr() { return note(); }
 void USBDisconnect() { note(); }
 void SetDevTypeSrch(std::int16_t) { note(); }
+#ifndef LACKS_ONE
 void GetDevName(char*) { note(); }
+#endif
 status SetLEDCtrl(sLEDCtrl*) { return note(); }
 status GetLEDCtrl(sLEDCtrl*) { return note(); }
 status ReadCfg() { return note(); }

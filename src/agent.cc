@@ -22,7 +22,7 @@ std::thread start_thread(Body body) {
 }  // namespace
 
 int run_agent() {
-  occupy_closed_streams();
+  arrange_streams();
   output_str_state& out = globals::out_state();
   std::thread input = start_thread(input_loop);
   std::thread writer = start_thread([&out] { out.loop(); });

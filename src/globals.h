@@ -1,5 +1,6 @@
 // The process's three shared objects. They are built before `main` runs, in the order below, and
-// live until the process exits; nothing else in the agent is global.
+// live until the process exits; nothing else in the agent is global but where
+// its output goes (see standard_streams.h).
 #pragma once
 
 #include "card_reader_state.h"

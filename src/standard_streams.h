@@ -11,15 +11,19 @@
 // Outcome of one `read_input`.
 enum class input_status { data, end, failed };
 
-// Fills the places of standard streams that the host left closed, so that no file that the reader
-// library opens can come to stand there. Reading and writing them fails as before. Call it before
-// anything else that may open one.
-void occupy_closed_streams();
+// Makes the process's streams safe from the reader library. Call it first of all, once.
+//
+// The places of streams that the host left closed are filled, so that no file that the library
+// opens can come to stand there; reading and writing them fails as before. And standard output
+// moves to a descriptor that only `write_output` knows and that no child process inherits, with
+// standard error in its old place: whatever the library prints goes there. (Where a thousand files
+// are open already, or none can be opened, it stays in its place.)
+void arrange_streams();
 
 // Reads what standard input has, at most `size` bytes, and waits until there is something. Sets
 // `*length` to the number of bytes read, 0 unless the outcome is `data`. Input thread only.
 input_status read_input(char* buffer, std::size_t size, std::size_t* length);
 
-// Writes all `size` bytes to standard output, waiting for the host to read when it is behind. Once
+// Writes all `size` bytes to the host, waiting for the host to read when it is behind. Once
 // a write has failed, this call and all later ones drop their bytes. Writer thread only.
 void write_output(const char* bytes, std::size_t size);
