@@ -1,0 +1,83 @@
+"""The door list of examples/, as it is, through all that can happen in a shift."""
+
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+from bench import AGENT, BUNDLE, VirtualReader, child_of, ends
+
+PACKAGE = Path(__file__).resolve().parents[1]
+EXAMPLE = PACKAGE / "examples/door_list.py"
+
+
+class ShiftTest(unittest.TestCase):
+    def start(self, agent, env):
+        """The example, as the shell starts it: in a process group of its own."""
+        example = subprocess.Popen(
+            [sys.executable, EXAMPLE, agent],
+            env={**env, "PYTHONPATH": str(PACKAGE)},
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
+        self.addCleanup(example.communicate)
+        self.addCleanup(example.kill)
+        return example
+
+    def test_a_shift(self):
+        bundle = Path(tempfile.mkdtemp()) / "an agent.app"
+        shutil.copytree(BUNDLE, bundle)
+        shutil.rmtree(bundle / "Contents/Frameworks")
+        without_library = self.start(bundle, os.environ)
+
+        bench = VirtualReader()
+        self.addCleanup(bench.close)
+        example = self.start(AGENT, bench.env)
+
+        def says(*lines):
+            for line in lines:
+                self.assertEqual(example.stdout.readline().strip(), line)
+
+        says("searching", "ready")
+        bench.tell("card hold 3AB1234/26")
+        says("Ada, come in")
+        effects = bench.tell("expect BeepNow", "wait 1500", "card remove")
+        self.assertEqual(effects.count("beep short"), 1)  # however long she holds it
+        bench.tell("expect SetLEDCtrl 3")  # red at first, green, and red when she took it away
+
+        bench.tell("replug")
+        says("searching the reader was connected anew", "ready")
+        self.assertIn("red", bench.tell("led"))  # again
+
+        bench.tell("unplug")
+        says("searching the reader has gone")
+        bench.tell("wait 2000", "plug")
+        says("ready")
+
+        os.kill(child_of(example.pid), signal.SIGKILL)
+        says("restarting the agent was ended by SIGKILL", "starting", "searching", "ready")
+
+        bench.tell("hang BeepNow", "card queue 00")
+        says("00: not listed")
+        bench.tell("expect BeepNow", "release", "card queue CDAB1234")
+        says("Grace, come in")
+        self.assertIn("led green", bench.tell("expect BeepNow"))
+
+        agent = child_of(example.pid)
+        os.killpg(example.pid, signal.SIGINT)
+        self.assertEqual(example.communicate(timeout=5), ("", ""))
+        self.assertEqual(example.returncode, 0)
+        self.assertTrue(ends(agent))
+
+        output, errors = without_library.communicate(timeout=30)
+        self.assertEqual(output.count("restarting the agent ended with status 127: "), 4)
+        self.assertIn("libpcProxAPI", output)
+        self.assertTrue(errors.splitlines()[-1].startswith("the agent ended with status 127: "))
+        self.assertNotIn("Traceback", errors)
+        self.assertEqual(without_library.returncode, 1)
