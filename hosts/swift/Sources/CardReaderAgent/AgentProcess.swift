@@ -13,17 +13,27 @@ import Dispatch
 ///
 /// Foundation's `Process` gives neither a session of the child's own nor pipes that are safe to
 /// write to when the child has ended, so this starts the child itself.
-final class AgentProcess: @unchecked Sendable {
+package final class AgentProcess: @unchecked Sendable {
   /// What the owner is told of. `end` is the last, once all the child wrote has been told.
-  struct Listener {
+  package struct Listener {
     /// A line without its line feed.
-    let line: (ArraySlice<UInt8>) -> Void
+    package var line: (ArraySlice<UInt8>) -> Void
     /// Whatever comes on standard error, as it comes.
-    let errorOutput: (ArraySlice<UInt8>) -> Void
-    let end: (AgentStatus?) -> Void
+    package var errorOutput: (ArraySlice<UInt8>) -> Void
+    package var end: (AgentStatus?) -> Void
+
+    package init(
+      line: @escaping (ArraySlice<UInt8>) -> Void,
+      errorOutput: @escaping (ArraySlice<UInt8>) -> Void,
+      end: @escaping (AgentStatus?) -> Void
+    ) {
+      self.line = line
+      self.errorOutput = errorOutput
+      self.end = end
+    }
   }
 
-  let id: pid_t
+  package let id: pid_t
   private let queue: DispatchQueue
   private let listener: Listener
   private let input: Int32
@@ -38,15 +48,16 @@ final class AgentProcess: @unchecked Sendable {
   private var hasEnded = false
 
   /// Starts the program; throws `SystemError` when it can't be started.
-  init(
-    path: String, environment: [String: String], queue: DispatchQueue, listener: Listener
+  package init(
+    path: String, arguments: [String] = [], environment: [String: String], queue: DispatchQueue,
+    listener: Listener
   ) throws {
     var streams: [ChildStream] = []
     do {
       for _ in 0...2 { streams.append(try ChildStream()) }
       id = try spawn(
-        path, environment: environment, input: streams[0].theirs, output: streams[1].theirs,
-        error: streams[2].theirs)
+        path, arguments, environment: environment, input: streams[0].theirs,
+        output: streams[1].theirs, error: streams[2].theirs)
     } catch {
       for stream in streams { _ = (close(stream.ours), close(stream.theirs)) }
       throw error
@@ -69,20 +80,20 @@ final class AgentProcess: @unchecked Sendable {
   }
 
   /// Sends bytes, or keeps them until there is room. After the child's end they are lost.
-  func write(_ bytes: [UInt8]) {
+  package func write(_ bytes: [UInt8]) {
     guard inputIsOpen && !closesInput else { return }
     if unsent.isEmpty { unsent = bytes[...] } else { unsent += bytes }
     if !waitsForRoom { flush() }
   }
 
   /// Closes the child's standard input, once all before is sent.
-  func closeInput() {
+  package func closeInput() {
     closesInput = true
     if unsent.isEmpty { cutInput() }
   }
 
   /// Sends a signal to the child and all of its own children. Does nothing after its end.
-  func signal(_ number: Int32) {
+  package func signal(_ number: Int32) {
     if !hasEnded { _ = kill(-id, number) }
   }
 

@@ -22,10 +22,10 @@
 #endif
 
 /// A call that failed, with its `errno`.
-struct SystemError: Error {
+package struct SystemError: Error {
   let code: Int32
 
-  var text: String { String(cString: strerror(code)) }
+  package var text: String { String(cString: strerror(code)) }
 }
 
 /// The two ends of a stream between here and a child, one of its standard streams. Ours never
@@ -82,7 +82,8 @@ func sendToChild(_ stream: Int32, _ bytes: ArraySlice<UInt8>) -> Result<Int, Sys
 /// that Ctrl-C in the terminal of this one does not reach it, and with all signals as usual,
 /// whatever this program ignores or blocks. Returns the process id.
 func spawn(
-  _ path: String, environment: [String: String], input: Int32, output: Int32, error: Int32
+  _ path: String, _ arguments: [String], environment: [String: String], input: Int32,
+  output: Int32, error: Int32
 ) throws -> pid_t {
   #if canImport(Darwin)
     var actions: posix_spawn_file_actions_t?
@@ -111,7 +112,7 @@ func spawn(
   let flags = spawnFlags | Int32(POSIX_SPAWN_SETSIGDEF) | Int32(POSIX_SPAWN_SETSIGMASK)
   posix_spawnattr_setflags(&attributes, Int16(flags))
 
-  let arguments = [strdup(path), nil]
+  let arguments = ([path] + arguments).map { strdup($0) } + [nil]
   let variables = environment.map { strdup("\($0.key)=\($0.value)") } + [nil]
   defer { for text in arguments + variables { free(text) } }
   var process = pid_t()

@@ -1,0 +1,166 @@
+import Foundation
+import XCTest
+
+@testable import CardReaderAgent
+
+/// One agent process, without supervision.
+final class AgentTests: XCTestCase {
+  func testLinesThatLookLikeOthers() {
+    let lines: [(String, AgentLine)] = [
+      ("Ok:", .ok("")), ("Ok:  17", .ok(" 17")), ("Ok: ", .log("Ok: ")), ("Ok:x", .log("Ok:x")),
+      ("Error: a", .error("a")), ("Error:", .error("")), (" Ok:", .log(" Ok:")),
+      ("Reader: Global", .reader(nil)), ("Reader: Global ", .log("Reader: Global ")),
+      ("Reader: Dev7", .reader(ReaderName(bytes: Array("Dev7".utf8)))),
+      ("Reader: Dev7-A:é", .reader(ReaderName(bytes: Array("Dev7-A:é".utf8)))),
+      ("Reader: Dev7-", .log("Reader: Dev7-")), ("Reader: Dev-A", .log("Reader: Dev-A")),
+      ("Reader: Dev7-A B", .log("Reader: Dev7-A B")), ("Reader: Dev7A", .log("Reader: Dev7A")),
+      ("Card: 0FAB", .card("0FAB")), ("Card: ", .log("Card: ")), ("Card: 0fAB", .log("Card: 0fAB")),
+      ("Card: no card present", .log("Card: no card present")),
+      ("Log: Ok: x", .log("Ok: x")), ("Log:", .log("Log:")), ("", .log("")),
+    ]
+    for (line, read) in lines { XCTAssertEqual(AgentLine(Array(line.utf8)[...]), read, line) }
+  }
+
+  func testWhatCannotBeToldInALine() async throws {
+    let reader = ReaderName(bytes: [UInt8(ascii: "R"), 0xe9])
+    XCTAssertEqual(try CommandLine.clearLed(reader).bytes, reader.bytes + Array(":ClearLED".utf8))
+    XCTAssertEqual(try CommandLine.ping(String(repeating: "x", count: 1011)).bytes.count, 1023)
+    let lines: [() throws -> CommandLine] = [
+      { try .ping("a\nb") }, { try .ping("a\r\nb") }, { try .ping("a\0b") },
+      { try .ping(String(repeating: "é", count: 506)) },
+      { try .readerConfig(reader, ["a b": ["c": 1]]) },
+      { try .readerConfig(reader, ["": ["c": 1]]) },
+      { try .readerConfig(reader, ["a": ["b\r\n": 1]]) },
+      { try .readerConfig(reader, ["a": ["": 1]]) },
+      { try .readerConfig(reader, ["a.b": ["c": 1]]) },
+      { try .readerConfig(reader, ["a": [".b": 1]]) },
+      { try .readerConfig(reader, ["a": ["b=2": 1]]) },
+    ]
+    for (number, line) in lines.enumerated() {
+      XCTAssertThrowsError(try line(), "\(number)") { error in
+        guard case CardReaderError.invalidArgument = error else { return XCTFail("\(error)") }
+      }
+    }
+  }
+
+  func testWhatCannotBeStarted() async throws {
+    let bench = try Bench()
+    let text = "\(bench.folder)/text"
+    XCTAssert(
+      FileManager.default.createFile(
+        atPath: text, contents: Data("no program".utf8), attributes: [.posixPermissions: 0o700]))
+    for (path, code) in [(text, ENOEXEC), ("\(text)/x", ENOTDIR), (bench.folder, EACCES)] {
+      let reader = CardReader(path: path)
+      await reader.start()
+      do {
+        try await reader.waitForReader(timeout: 5)
+      } catch CardReaderError.agentStart(code: code, _) {}
+      await reader.close()
+    }
+    let error = CardReaderError.cannotStart("A", SystemError(code: 86), wrongProcessor: 86)
+    XCTAssert("\(error)".contains("cannot start A: it runs under Rosetta"))
+    try await bench.end()
+  }
+
+  func testHundredThousandPings() async throws {
+    let bench = try Bench()
+    for certain in [false, true] {
+      let agent = CardReaderAgent(path: agentProgram, env: bench.env, certain: certain)
+      try agent.start()
+      let start = Date()
+      let answered = try await withThrowingTaskGroup(of: Int.self) { group in
+        for task in 0..<100 {
+          group.addTask {
+            var answered = 0
+            for number in 0..<1000
+            where try await agent.ping("\(task) \(number)") == "\(task) \(number)" {
+              answered += 1
+            }
+            return answered
+          }
+        }
+        try await bench.tell("replug")
+        return try await group.reduce(0, +)
+      }
+      XCTAssertEqual(answered, 100_000)
+      print("100,000 pings, certain \(certain): \(Date().timeIntervalSince(start)) s")
+      let status = await agent.close()
+      XCTAssertEqual(status, .exited(0))
+    }
+    try await bench.end()
+  }
+
+  func testThousandCyclesLeakNothing() async throws {
+    let bench = try Bench()
+    var options = CardReader.Options()
+    options.env = bench.env
+    var alive: [Weak] = []
+    var before = (descriptors: 0, threads: 0)
+    for cycle in -50..<1000 {
+      if cycle == 0 { before = inUse() }
+      let reader = CardReader(path: agentProgram, options: options)
+      alive.append(Weak(object: reader))
+      let events = reader.events
+      await reader.start()
+      if cycle % 2 == 0 { try await reader.ping() }
+      if cycle % 100 == 0 { try await reader.waitForReader(timeout: 5) }
+      await reader.close()
+      for await _ in events {}
+    }
+    let end = Date() + 20  // threads that wait for work take their time to go
+    while Date() < end && (inUse() > before || alive.contains { $0.object != nil }) {
+      try await Task.sleep(nanoseconds: 50_000_000)
+    }
+    let after = inUse()
+    print("1000 cycles: descriptors and threads before \(before), after \(after)")
+    XCTAssertEqual(after.descriptors, before.descriptors)
+    XCTAssertLessThanOrEqual(after.threads, before.threads + 2)
+    XCTAssertEqual(alive.filter { $0.object != nil }.count, 0, "a task holds them")
+    try await bench.end()
+  }
+
+  func testAnAgentHasItsOwnSessionAndNoDescriptorOfAnothers() async throws {
+    let bench = try Bench()
+    let said = Inbox<String>()
+    signal(SIGTERM, SIG_IGN)
+    defer { signal(SIGTERM, SIG_DFL) }
+    let script = "\(bench.folder)/script"
+    let text = "#!/bin/sh\necho out of order >&2; exec cat >/dev/null"
+    XCTAssert(
+      FileManager.default.createFile(
+        atPath: script, contents: Data(text.utf8), attributes: [.posixPermissions: 0o700]))
+    let first = CardReaderAgent(path: script)
+    let second = CardReaderAgent(
+      path: script, stderr: .function { text in Task { await said.put(text) } },
+      trace: { _, direction, line in Task { await said.put("\(direction.rawValue) \(line)") } })
+    try first.start()
+    try second.start()
+    let pid = await second.pid!
+    XCTAssertEqual(getsid(pid), pid)
+    let closed = await first.close()  // though the second one still runs
+    XCTAssertEqual(closed, .exited(0))
+    let heard = try await said.next()
+    XCTAssertEqual(heard, "out of order\n")
+    let ping = Task { try await second.ping("x") }
+    let traced = try await said.next()
+    XCTAssertEqual(traced, "> Global:Ping x")
+    kill(pid, SIGTERM)  // which it does not ignore, as this program does
+    do {
+      _ = try await ping.value
+      XCTFail("an answer")
+    } catch CardReaderError.agentEnded(let status, let reason) {
+      XCTAssertEqual(status, .signaled(SIGTERM))
+      XCTAssertEqual(reason, "the agent was ended by SIGTERM: out of order")
+    }
+    try await bench.end()
+  }
+}
+
+private struct Weak { weak var object: CardReader? }
+
+private func inUse() -> (descriptors: Int, threads: Int) {
+  func count(_ folder: String) -> Int {
+    (try? FileManager.default.contentsOfDirectory(atPath: folder).count) ?? 0
+  }
+  return (count("/dev/fd"), count("/proc/self/task"))  // the second one is there on Linux
+}
