@@ -27,7 +27,8 @@ if(PCPROX_API_LIBRARY)
   get_filename_component(library_to_bundle "${PCPROX_API_LIBRARY}" REALPATH
     BASE_DIR ${CMAKE_SOURCE_DIR})
   if(NOT EXISTS "${library_to_bundle}" OR IS_DIRECTORY "${library_to_bundle}")
-    message(FATAL_ERROR "PCPROX_API_LIBRARY: there is no such file: ${PCPROX_API_LIBRARY}")
+    # An indented line is printed as it is, however long.
+    message(FATAL_ERROR "  PCPROX_API_LIBRARY: there is no such file: ${PCPROX_API_LIBRARY}")
   endif()
   set(library_origin "")
   message(STATUS "Bundling the reader library ${library_to_bundle}")
