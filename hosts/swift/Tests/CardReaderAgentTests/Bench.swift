@@ -35,14 +35,45 @@ actor Inbox<Element: Sendable> {
   }
 }
 
+/// The lines of a program that was started.
+final class Program: Sendable {
+  let lines = Inbox<String>()
+  let status = Inbox<AgentStatus?>()
+  private let process: AgentProcess
+  private let queue = DispatchQueue(label: "program")
+
+  init(_ command: [String], env: [String: String]) throws {
+    let (told, tell) = AsyncStream.makeStream(of: String.self)
+    let (ended, end) = AsyncStream.makeStream(of: AgentStatus?.self)
+    process = try queue.sync { [queue] in
+      try AgentProcess(
+        path: command[0], arguments: Array(command.dropFirst()), environment: env, queue: queue,
+        listener: .init(
+          line: { tell.yield(String(decoding: $0, as: UTF8.self)) },
+          errorOutput: { FileHandle.standardError.write(Data($0)) },
+          end: {
+            tell.finish()
+            end.yield($0)
+            end.finish()
+          }))
+    }
+    Task { [lines, status] in
+      for await line in told { await lines.put(line) }
+      await lines.finish()
+      for await one in ended { await status.put(one) }
+    }
+  }
+
+  func write(_ text: String) { queue.async { [process] in process.write(Array(text.utf8)) } }
+  func closeInput() { queue.async { [process] in process.closeInput() } }
+  func kill() { queue.async { [process] in process.signal(SIGKILL) } }
+}
+
 /// A virtual reader that is told through its standard input.
 final class Bench: Sendable {
   let folder: String
   let env: [String: String]
-  private let process: AgentProcess
-  private let queue: DispatchQueue
-  private let lines = Inbox<String>()
-  private let status = Inbox<AgentStatus?>()
+  private let process: Program
 
   init() throws {
     folder = NSTemporaryDirectory() + "/" + UUID().uuidString
@@ -51,42 +82,21 @@ final class Bench: Sendable {
     var env = surroundings
     env["VIRTUAL_READER_SOCKET"] = "\(folder)/reader.sock"
     self.env = env
-    let (told, put) = AsyncStream.makeStream(of: String.self)
-    let (lines, status) = (lines, status)
-    let (ended, end) = AsyncStream.makeStream(of: AgentStatus?.self)
-    let queue = DispatchQueue(label: "bench")
-    self.queue = queue
-    process = try queue.sync {
-      try AgentProcess(
-        path: virtualReader, environment: env, queue: queue,
-        listener: .init(
-          line: { put.yield(String(decoding: $0, as: UTF8.self)) },
-          errorOutput: { FileHandle.standardError.write(Data($0)) },
-          end: {
-            put.finish()
-            end.yield($0)
-            end.finish()
-          }))
-    }
-    Task {
-      for await line in told { await lines.put(line) }
-      await lines.finish()
-    }
-    Task { for await one in ended { await status.put(one) } }
+    process = try Program([virtualReader], env: env)
   }
 
   /// Has the verb carried out, and returns what was printed since the one before.
   @discardableResult
   func tell(_ verb: String) async throws -> [String] {
-    queue.async { [process] in process.write(Array("\(verb)\nbeeps\n".utf8)) }
+    process.write("\(verb)\nbeeps\n")
     var told: [String] = []
-    while told.last?.hasPrefix("beeps ") != true { told.append(try await lines.next()) }
+    while told.last?.hasPrefix("beeps ") != true { told.append(try await process.lines.next()) }
     return told.dropLast()
   }
 
   func end() async throws {
-    queue.async { [process] in process.closeInput() }
-    let status = try await status.next()
+    process.closeInput()
+    let status = try await process.status.next()
     try FileManager.default.removeItem(atPath: folder)
     if status != .exited(0) { throw Failure("the virtual reader: \(String(describing: status))") }
   }
