@@ -32,8 +32,9 @@ function decode(bytes) {
   return text;
 }
 
+// Text that is all UTF-8 stays as it is: the stream encodes it faster.
 function encode(text) {
-  if (!/[\ud800-\udfff]/u.test(text)) return Buffer.from(text);
+  if (!/[\ud800-\udfff]/u.test(text)) return text;
   if (/[\ud800-\udc7f\udd00-\udfff]/u.test(text)) {
     throw new TypeError('A command must not hold a lone surrogate that stands for no byte');
   }
@@ -99,6 +100,7 @@ class CardReaderAgent extends EventEmitter {
   #oldest = []; // those before them, newest first: taking one off must not move thousands
   #tokens = null; // when certain: what no library can know, and the number of the last ping
   #answered = 0;
+  #unsent = ''; // lines
   #partial = []; // the pieces of the line that is not complete yet
   #stderr = Buffer.alloc(0); // its end
   #reader = null;
@@ -134,6 +136,7 @@ class CardReaderAgent extends EventEmitter {
 
   async close() {
     if (!this.#child) await this.#started?.catch(() => {}); // whoever started it is told
+    this.#flush();
     this.#child?.stdin.end();
     return this.#ended;
   }
@@ -149,23 +152,23 @@ class CardReaderAgent extends EventEmitter {
 
   async ping(text = '') {
     // The agent sends back the blank before the text too.
-    return (await this.#send(`Global:Ping ${text}`)).slice(1);
+    return this.#text(await this.#send(`Global:Ping ${text}`)).slice(1);
   }
 
   async beep(reader, count = 1, length = 'short') {
-    return await this.#command(reader, `Beep ${length} ${count}`);
+    return this.#text(await this.#command(reader, `Beep ${length} ${count}`));
   }
 
   async setLed(reader, color) {
-    return await this.#command(reader, `SetLED ${color}`);
+    return this.#text(await this.#command(reader, `SetLED ${color}`));
   }
 
   async clearLed(reader) {
-    return await this.#command(reader, 'ClearLED');
+    return this.#text(await this.#command(reader, 'ClearLED'));
   }
 
   async resetConfig(reader) {
-    return await this.#command(reader, 'ResetConfig');
+    return this.#text(await this.#command(reader, 'ResetConfig'));
   }
 
   async readerConfig(reader, settings) {
@@ -182,7 +185,7 @@ class CardReaderAgent extends EventEmitter {
         command += ` ${type}.${name}=${number}`;
       }
     }
-    return await this.#command(reader, command);
+    return this.#text(await this.#command(reader, command));
   }
 
   async #spawn() {
@@ -212,43 +215,55 @@ class CardReaderAgent extends EventEmitter {
     }
   }
 
-  async #command(reader, command) {
+  #command(reader, command) {
     if (!reader || reader.includes(':')) {
       throw new TypeError(`A reader name must be neither empty nor hold a colon: '${reader}'`);
     }
-    return await this.#send(`${reader}:${command}`);
+    return this.#send(`${reader}:${command}`);
   }
 
-  // Errors are made here, where the stack still names whoever waits for the command.
-  async #send(line) {
-    const bytes = encode(`${line}\n`);
+  // Resolves with the answer, or null when there will be none.
+  #send(line) {
+    const data = encode(line);
+    const length = Buffer.byteLength(data);
     if (/[\n\0]/.test(line)) {
       throw new TypeError('A command must not hold a line feed or a zero byte');
     }
-    if (bytes.length > LINE_LIMIT + 1) {
-      throw new RangeError(`Command line of ${bytes.length - 1} bytes, more than ${LINE_LIMIT}`);
+    if (length > LINE_LIMIT) {
+      throw new RangeError(`Command line of ${length} bytes, more than ${LINE_LIMIT}`);
     }
     const stdin = this.#child?.stdin;
     if (!stdin || stdin.writableEnded) throw new AgentEndedError(this.#status);
-    const command = { take: null, answer: null, token: null };
-    const answered = new Promise((take) => (command.take = take));
-    this.#pending.push(command);
-    this.#write(stdin, line, bytes);
+    this.#write(line, data);
+    let token = null;
     if (this.#tokens) {
-      command.token = ` ${this.#tokens.secret}-${++this.#tokens.last}`;
-      const ping = `Global:Ping${command.token}`;
-      this.#write(stdin, ping, `${ping}\n`);
+      token = ` ${this.#tokens.secret}-${++this.#tokens.last}`;
+      const ping = `Global:Ping${token}`;
+      this.#write(ping, ping);
     }
-    const answer = await answered;
+    return new Promise((take) => this.#pending.push({ take, token, answer: null }));
+  }
+
+  // The text of an answer. Errors are made here, where the stack still names whoever waits for it.
+  #text(answer) {
     if (!answer) throw new AgentEndedError(this.#status);
     const [, kind, text = ''] = answer;
     if (kind === 'Error') throw new CommandError(text);
     return text;
   }
 
-  #write(stdin, line, data) {
+  // What is sent in one turn of the event loop is written as one.
+  #write(line, data) {
     if (this.#options.trace) callBack(this.#options.trace, new Date(), '>', line);
-    stdin.write(data);
+    if (!this.#unsent) process.nextTick(() => this.#flush());
+    if (typeof data === 'string') return void (this.#unsent += `${data}\n`);
+    this.#flush();
+    this.#child.stdin.write(Buffer.concat([data, Buffer.of(LINE_FEED)]));
+  }
+
+  #flush() {
+    if (this.#unsent) this.#child?.stdin.write(this.#unsent);
+    this.#unsent = '';
   }
 
   #read(chunk) {
