@@ -131,10 +131,13 @@ class CardReader extends EventEmitter {
       }
       this.#options[name] = value;
     }
-    const { onHang, restartDelay } = this.#options;
+    const { onHang, stderr } = this.#options;
     if (!['restart', 'wait'].includes(onHang)) throw new TypeError(`onHang can't be '${onHang}'`);
+    if (!['inherit', 'ignore'].includes(stderr) && typeof stderr !== 'function') {
+      throw new TypeError(`stderr can't be '${stderr}'`);
+    }
     this.#path = path;
-    this.#delay = restartDelay;
+    this.#delay = this.#options.restartDelay;
   }
 
   get state() {

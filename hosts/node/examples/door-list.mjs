@@ -1,30 +1,29 @@
-// A door list: whose card is on it gets a green light and one beep, others a red one and two.
-//   node hosts/node/examples/door-list.mjs [AGENT]
-
-import { fileURLToPath } from 'node:url';
-import { CardReaderAgent } from '../index.js';
-
-const bundle = '../../../build/CardReaderAgent.app/Contents/MacOS/card-reader-agent';
-const path = process.argv[2] ?? fileURLToPath(new URL(bundle, import.meta.url));
+// A door list: whose card is on it gets a green light and one beep, others two beeps.
+//   node door-list.mjs AGENT
+import { CardReader } from 'card-reader-agent';
 
 const doorList = new Map([
   ['3AB1234', 'Ada'],
   ['CDAB1234', 'Grace'],
 ]);
-
-const agent = new CardReaderAgent(path);
-agent.on('attached', (reader) => console.log(`Reader ${reader} is ready`));
-agent.on('replaced', (reader) => console.log(`Reader ${reader} is ready`));
-agent.on('gone', (reader) => console.log(`Reader ${reader} has gone`));
-agent.on('card', async (id, reader) => {
-  const name = doorList.get(id);
-  console.log(name ? `${name}, come in` : `Card ${id} is not on the list`);
-  try {
-    await agent.setLed(reader, name ? 'green' : 'red');
-    await agent.beep(reader, name ? 1 : 2);
-  } catch (error) {
-    console.error(error.message);
-  }
+const reader = new CardReader(process.argv[2], { onConnect: () => reader.setLed('red') });
+process.once('SIGINT', async () => {
+  await reader.clearLed().catch(() => {}); // there may be no reader
+  await reader.close();
 });
-agent.on('end', ({ code, signal }) => console.log(`The agent has ended: ${signal ?? code}`));
-await agent.start();
+reader.start();
+for await (const event of reader) {
+  try {
+    if (event.type === 'state') {
+      console.log(event.state, event.reason ?? '');
+      if (event.state === 'failed') process.exitCode = 1;
+    } else if (event.type === 'card') {
+      const name = doorList.get(event.id);
+      console.log(name ? `${name}, come in` : `${event.id}: not listed`);
+      await reader.setLed(name ? 'green' : 'red');
+      await reader.beep(name ? 1 : 2);
+    } else if (event.type === 'cardGone') await reader.setLed('red');
+  } catch (error) {
+    console.error(error.message); // the next state tells more
+  }
+}
