@@ -75,6 +75,7 @@ check('a busy host blames nobody', { cardGoneAfter: 200, watchdogTimeout: 300 },
   await once(reader, 'poll');
   for (let i = 0; i < 3; i++) {
     const answer = reader.ping('one', { timeout: 100 });
+    await new Promise(setImmediate); // it is sent
     for (const end = performance.now() + 500; performance.now() < end; );
     assert.equal(await answer, 'one'); // it came in time, and was not read
   }
