@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #ifdef PRINTS
 #include <cstdio>
@@ -91,9 +92,21 @@ void SetDevTypeSrch(std::int16_t) { note(); }
 #ifndef LACKS_ONE
 void GetDevName(char*) { note(); }
 #endif
-status SetLEDCtrl(sLEDCtrl*) { return note(); }
+status SetLEDCtrl(sLEDCtrl* record) {
+  field fields[8];
+  std::memcpy(fields, record, sizeof fields);
+  int set = 0;
+  for (int i = 0; i < 8; ++i) set |= (fields[i] != 0) << i;
+  if (reader) reader->led_fields_set = set;
+  return note();
+}
 status GetLEDCtrl(sLEDCtrl*) { return note(); }
-status ReadCfg() { return note(); }
+// The agent's later calls find no zeros on the stack by chance.
+status ReadCfg() {
+  volatile char used[4096];
+  for (volatile char& byte : used) byte = 0x5A;
+  return note();
+}
 status WriteCfg() { return note(); }
 status GetIDBitCnts(sIDBitCnts*) { return note(); }
 status SetIDBitCnts(sIDBitCnts*) { return note(); }

@@ -19,6 +19,7 @@ struct stub_reader {
   std::atomic<int> calls_off_main;     // calls so far that were not on the main thread
   std::atomic<int> calls_unheard;      // while no marker function was set, but to set it
   std::atomic<int> removals;           // of the marker function
+  std::atomic<int> led_fields_set;     // which fields the last SetLEDCtrl had not at 0, bit by bit
 };
 
 // Names the file that holds the page, in the environment of the agent; without it there is no

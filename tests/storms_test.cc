@@ -1,9 +1,12 @@
 // More of everything than any host will send, in a short time.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
+#include <future>
 #include <thread>
 
+#include "output.h"
 #include "process_figures.h"
 #include "rig.h"
 
@@ -85,6 +88,26 @@ TEST(Storm, WithAHostThatStopsReadingLosesNothing) {
   host.join();
   EXPECT_LT(sending, std::chrono::seconds(5)) << "its sending was held up";
   EXPECT_EQ(r.agent->finish(), 0);
+}
+
+// A writer that is about to wait hears of a stop all the same.
+TEST(Storm, OfStopsEndsEveryWriter) {
+  for (int i = 0; i < 2000 / scale; ++i) {
+    output_str_state out;
+    std::atomic<int> started{0};
+    const std::future<void> ended = std::async(std::launch::async, [&] {
+      started = 1;
+      out.loop();
+    });
+    while (!started) std::this_thread::yield();
+    for (started = -(i % 64); started < 0;) ++started;  // the writer gets on for a while
+    out.request_stop();
+    if (ended.wait_for(patience) == std::future_status::timeout) {
+      ADD_FAILURE() << "writer " << i << " waits for ever";
+      out.request_stop();
+      break;
+    }
+  }
 }
 
 TEST(Storm, OfAHundredAgentsStartsAndEnds) {

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "process_figures.h"
 #include "rig.h"
 
 namespace {
@@ -78,6 +81,40 @@ TEST(Surroundings, MayStopListening) {
   agent.close_output();
   agent.send_line("Global:Ping");
   EXPECT_EQ(agent.wait(), 128 + SIGPIPE);
+}
+
+// A failure to write is for good: who comes to listen afterwards finds no half of a session.
+TEST(Surroundings, MayListenAgainInVain) {
+#ifndef __linux__
+  GTEST_SKIP() << "needs Linux's word that the agent sleeps";
+#endif
+  const scratch_folder folder;
+  const std::string fifo = folder.path + "/fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  int listener = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  child_process agent({"sh", "-c", "trap '' PIPE; exec \"$0\" >\"$1\"", AGENT, fifo},
+                      {no_reader, false, {}});
+  char block[64];
+  const auto read_some = [&] {
+    ssize_t size;
+    while ((size = read(listener, block, sizeof block)) <= 0) std::this_thread::yield();
+    return std::string(block, static_cast<std::size_t>(size));
+  };
+  agent.send("Global:Ping 1\n");
+  EXPECT_EQ(read_some(), "Ok:  1\n");
+  close(listener);
+  agent.send("Global:Ping 2\n");
+  int unread = 1;
+  for (int times_asleep = 0; times_asleep < 20 || unread > 0;) {
+    times_asleep = is_asleep(agent.pid()) ? times_asleep + 1 : 0;
+    ASSERT_EQ(ioctl(agent.input_descriptor(), FIONREAD, &unread), 0);
+  }
+  listener = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  agent.send("Global:Ping 3\n");
+  agent.close_input();
+  EXPECT_EQ(agent.wait(), 0);
+  EXPECT_EQ(read(listener, block, sizeof block), 0);
+  close(listener);
 }
 
 // One in non-blocking mode at that, whose buffers are full most of the time, and on a system whose
