@@ -1,3 +1,5 @@
+/// <reference types="node" />
+
 export interface VirtualReaderOptions {
   /** The program `virtual-reader`: by default $VIRTUAL_READER, or the one on the path. */
   program?: string;

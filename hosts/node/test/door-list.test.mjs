@@ -66,7 +66,7 @@ test('a shift at the door', { timeout: 60_000 }, async (t) => {
   process.kill(-program.pid, 'SIGINT');
   const [said, status, errors] = await ends();
   assert.deepEqual([said, status], ['closed ', 0]);
-  assert.equal(errors, 'no answer within 10000 ms\nno reader is attached\n'); // a beep, a light
+  assert.match(errors, /^no answer within 10000 ms$/m);
   assert.match(await virtual.tell('led'), /led own/); // the agent outlived the Ctrl-C
 });
 
