@@ -1,4 +1,4 @@
-// The yardstick: what the agent's shape costs by itself. Like the agent it has a reading, a working
+// What the agent's shape costs by itself: as its twin, the yardstick of the agent. Like the agent it has a reading, a working
 // and a writing thread, two locks with a condition variable each, one item at a time through the
 // first and batches, written under the lock, through the second. It echoes lines and does nothing
 // else.
