@@ -171,10 +171,10 @@ public final class VirtualReader: Sendable {
     try await tell("expect no \(pattern)\(limit(seconds))")
   }
 
-  /// The entries of the record, the oldest first, each with its time in seconds and the number of
-  /// the agent that it concerns.
-  public func record() async throws -> [String] {
-    try await tell("record").split(separator: "\n").map(String.init)
+  /// The last entries of the record, the oldest first, each with its time in seconds and the number
+  /// of the agent that it concerns.
+  public func record(_ count: Int = 1_000_000) async throws -> [String] {
+    try await tell("record \(count)").split(separator: "\n").map(String.init)
   }
 
   private func limit(_ seconds: TimeInterval?) -> String {

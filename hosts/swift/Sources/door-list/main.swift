@@ -16,7 +16,7 @@ let reader = CardReader(path: CommandLine.arguments[1], options: options)
 let events = reader.events
 await reader.start()
 for await event in events {
-  do {  // a command that fails: the reader has gone, and the next state tells
+  do {
     switch event {
     case .state(let state, _, let reason):
       say("\(state) \(reason ?? "")")
@@ -29,5 +29,7 @@ for await event in events {
     case .cardGone: try await reader.setLed(.red)
     default: break
     }
-  } catch {}
+  } catch {
+    FileHandle.standardError.write(Data("\(error)\n".utf8))  // the next state tells more
+  }
 }

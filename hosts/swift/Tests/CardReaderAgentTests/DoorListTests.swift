@@ -8,7 +8,8 @@ final class DoorListTests: XCTestCase {
   func testTheDoorListsSayTheSame() async throws {
     let hosts = URL(fileURLWithPath: #filePath).pathComponents.dropLast(4).joined(separator: "/")
     let python = ["python3", "\(hosts)/python/examples/door_list.py", agentProgram]
-    for command in [[products + "/door-list", agentProgram], python] {
+    let node = ["node", "\(hosts)/node/examples/door-list.mjs", agentProgram]
+    for command in [[products + "/door-list", agentProgram], python, node] {
       let bench = try Bench()
       var env = bench.env
       env["PYTHONPATH"] = "\(hosts)/python"
