@@ -256,6 +256,7 @@ class _Process(asyncio.SubprocessProtocol):
         self.closing = False
         self.said = ""
         self._agent = agent
+        self._output: list[bytes] = []
         self._partial: list[bytes] = []  # the pieces of the line that is not complete yet
         self._decoder = codecs.getincrementaldecoder("utf-8")("replace")
         self._insisting: asyncio.TimerHandle | None = None
@@ -269,12 +270,20 @@ class _Process(asyncio.SubprocessProtocol):
             self.close_input()
 
     def write(self, data: bytes) -> None:
+        """What is written in one turn of the event loop goes out together: a flood costs less."""
+        if not self._output:
+            self.loop.call_soon(self._flush)
+        self._output.append(data)
+
+    def _flush(self) -> None:
         pipe = self._input()
         if pipe and not pipe.is_closing():  # or else the end is near, and fails this too
-            pipe.write(data)
+            pipe.write(b"".join(self._output))
+        self._output.clear()
 
     def close_input(self) -> None:
         self.closing = True
+        self._flush()
         if pipe := self._input():
             pipe.close()
 

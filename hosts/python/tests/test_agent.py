@@ -15,7 +15,7 @@ from bench import AGENT, VirtualReader, ends, runs
 from card_reader_agent import Attached, CardReaderAgent, Log, Replaced
 
 NOT_RUNNING = "AgentEndedError: the agent is not running"
-faulthandler.dump_traceback_later(110, exit=True)  # a test that hangs fails
+faulthandler.dump_traceback_later(300, exit=True)  # a test that hangs fails
 
 
 async def outcome(command):
@@ -110,7 +110,7 @@ class AgentTest(unittest.IsolatedAsyncioTestCase):
                 await asyncio.wait_for(wait, 0.01)
         texts = [str(i).ljust(50, ".") for i in range(10_000)]
         pings = outcomes(*map(agent.ping, texts))
-        await asyncio.sleep(0)  # they are sent
+        await asyncio.sleep(0.01)  # they are sent
         self.bench.tell("expect BeepNow", "replug", "release")
         self.assertEqual(await pings, texts)
         self.assertEqual(await agent.__anext__(), Replaced(agent.reader, old))
@@ -120,7 +120,7 @@ class AgentTest(unittest.IsolatedAsyncioTestCase):
     async def test_a_killed_agent(self):
         agent, _ = await self.start("hang BeepNow")
         pending = outcomes(agent.beep(agent.reader), agent.ping())
-        await asyncio.sleep(0)  # they are sent
+        await asyncio.sleep(0.01)  # they are sent
         self.bench.tell("expect BeepNow")
         os.kill(agent.pid, signal.SIGKILL)
         killed = "AgentEndedError: the agent was ended by SIGKILL"
