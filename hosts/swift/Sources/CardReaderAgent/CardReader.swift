@@ -58,6 +58,9 @@ public actor CardReader {
   /// The reason told with it.
   public private(set) var reason: String?
 
+  /// The ID of the card that is there.
+  public private(set) var card: String?
+
   /// All that happens from when this is read, a stream of its own for each who reads it. Events wait
   /// in memory for whoever iterates, over restarts, and end with the state `closed`.
   public nonisolated var events: AsyncStream<Event> { broadcast.stream() }
@@ -83,7 +86,6 @@ public actor CardReader {
   private var idleTimes = 0
 
   // Of the card that is there:
-  private var card: String?
   private var lastReport = DispatchTime.now()
   private var cardWatch: Task<Void, Never>?
 
@@ -163,7 +165,7 @@ public actor CardReader {
 
   /// Changes the reader's configuration. Throws `unknownSettings` for those that the agent does not
   /// know, once it has applied the others.
-  public func configure(_ settings: Settings, timeout: TimeInterval? = nil) async throws {
+  public func configure(_ settings: ReaderSettings, timeout: TimeInterval? = nil) async throws {
     try await run(.readerConfig(attached(), settings), timeout)
   }
 
@@ -178,8 +180,9 @@ public actor CardReader {
   }
 
   @discardableResult
-  private func run(_ line: CommandLine, _ timeout: TimeInterval?) async throws -> String {
+  private func run(_ line: AgentCommand, _ timeout: TimeInterval?) async throws -> String {
     guard let agent else { throw CardReaderError.notRunning }
+    try Task.checkCancellation()
     return try await agent.send(line, timeout: timeout ?? options.commandTimeout).outcome()
   }
 
@@ -222,7 +225,7 @@ public actor CardReader {
       return error as? CardReaderError ?? .notRunning
     }
     self.agent = agent
-    if let ping = try? CommandLine.ping("") { _ = agent.send(ping) }
+    if let ping = try? AgentCommand.ping("") { _ = agent.send(ping) }
     let watchdog = Task { await watch(agent) }
     defer { watchdog.cancel() }
     var end = CardReaderError.notRunning
@@ -265,13 +268,17 @@ public actor CardReader {
     onConnect = Task {
       do {
         try await function(self)
-        if number == connection && reader != nil { change(.ready) }
+        if isAttached(number) { change(.ready) }
       } catch {
-        if number == connection && reader != nil {
+        if isAttached(number) {
           broadcast.tell(.log("the on-connect function failed: \(error)"))
         }
       }
     }
+  }
+
+  private func isAttached(_ number: Int) -> Bool {
+    number == connection && reader != nil && !isClosing
   }
 
   // Without a reason, the agent has ended, and the next state is to be told by whoever knows why.
@@ -297,7 +304,7 @@ public actor CardReader {
       if left > 0 {
         _ = await sleeps(min(left, interval, timeout))
       } else if activity.waitsSince == nil {
-        if let ping = try? CommandLine.ping("") { _ = agent.send(ping) }
+        if let ping = try? AgentCommand.ping("") { _ = agent.send(ping) }
       } else if suspected != activity.waitsSince {
         // This program may have stood still itself, and not have read what came meanwhile.
         suspected = activity.waitsSince
@@ -388,6 +395,6 @@ private func secondsSince(_ time: DispatchTime) -> TimeInterval {
 
 /// Returns false when the task was cancelled before. A time that is too long to be told is a year.
 private func sleeps(_ seconds: TimeInterval) async -> Bool {
-  let nanoseconds = UInt64(min(max(seconds, 0), 366 * 86_400) * 1e9)
+  let nanoseconds = seconds > 0 ? UInt64(min(seconds, 366 * 86_400) * 1e9) : 0
   return (try? await Task.sleep(nanoseconds: nanoseconds)) != nil
 }

@@ -99,7 +99,7 @@ public final class CardReaderAgent: @unchecked Sendable {
   ///   - path: `CardReaderAgent.app`, or the program in it.
   ///   - env: the agent's, by default this program's.
   ///   - certain: whether a ping follows each command, so that no text of the reader's library can
-  ///     pass for an answer. It halves the speed of a flood of commands.
+  ///     pass for an answer. It costs a flood of commands a third of its speed.
   ///   - stderr: where the agent's standard error goes.
   ///   - trace: is told each line.
   public convenience init(
@@ -192,39 +192,44 @@ public final class CardReaderAgent: @unchecked Sendable {
   /// Returns the text, less white space at its end.
   @discardableResult
   public func ping(_ text: String = "") async throws -> String {
-    String(try await send(.ping(text)).outcome().dropFirst())  // the blank before comes back too
+    String(try await run(.ping(text)).dropFirst())  // the blank before comes back too
   }
 
   /// Sounds the beeper: 1 to 5 short beeps, or 1 to 2 long ones.
   public func beep(_ reader: ReaderName, _ count: Int = 1, _ length: BeepLength = .short)
     async throws
   {
-    _ = try await send(.beep(reader, count, length)).outcome()
+    _ = try await run(.beep(reader, count, length))
   }
 
   /// Takes the LED under the agent's control and sets its color.
   public func setLed(_ reader: ReaderName, _ color: LedColor) async throws {
-    _ = try await send(.setLed(reader, color)).outcome()
+    _ = try await run(.setLed(reader, color))
   }
 
   /// Gives control of the LED back to the reader.
   public func clearLed(_ reader: ReaderName) async throws {
-    _ = try await send(.clearLed(reader)).outcome()
+    _ = try await run(.clearLed(reader))
   }
 
   /// Changes the reader's configuration.
-  public func configure(_ reader: ReaderName, _ settings: Settings) async throws {
-    _ = try await send(.readerConfig(reader, settings)).outcome()
+  public func configure(_ reader: ReaderName, _ settings: ReaderSettings) async throws {
+    _ = try await run(.readerConfig(reader, settings))
   }
 
   /// Resets the reader to its factory settings.
   public func resetConfig(_ reader: ReaderName) async throws {
-    _ = try await send(.resetConfig(reader)).outcome()
+    _ = try await run(.resetConfig(reader))
+  }
+
+  private func run(_ command: AgentCommand) async throws -> String {
+    try Task.checkCancellation()
+    return try await send(command).outcome()
   }
 
   /// Sends a command, behind all that were sent before; from any thread. Its answer is late after so
   /// many seconds.
-  func send(_ line: CommandLine, timeout: TimeInterval? = nil) -> PendingCommand {
+  func send(_ line: AgentCommand, timeout: TimeInterval? = nil) -> PendingCommand {
     let seal = certain ? String(UInt64.random(in: 0 ... .max), radix: 36) : nil
     let command = PendingCommand(line, seal: seal, queue: queue)
     queue.async { [self] in

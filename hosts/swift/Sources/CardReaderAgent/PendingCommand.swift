@@ -4,7 +4,7 @@ import Foundation
 /// A command that was sent, for whoever waits for its answer: at most one. What is told of it once
 /// stays so; an answer that comes after the deadline or the cancellation is lost.
 final class PendingCommand: @unchecked Sendable {
-  let line: CommandLine
+  let line: AgentCommand
   /// The text of the ping behind the command, whose answer ends the wait for the command's.
   let seal: String?
   private let queue: DispatchQueue
@@ -15,7 +15,7 @@ final class PendingCommand: @unchecked Sendable {
   private var waiting: CheckedContinuation<String, any Error>?
   private var deadline: (any DispatchSourceTimer)?
 
-  init(_ line: CommandLine, seal: String?, queue: DispatchQueue) {
+  init(_ line: AgentCommand, seal: String?, queue: DispatchQueue) {
     self.line = line
     self.seal = seal
     self.queue = queue

@@ -22,7 +22,7 @@ public enum LedColor: String, Sendable {
 
 /// The settings of a reader to change: the type, then the name, to a value, for instance
 /// `["tsCfgFlags": ["bHaltKBSnd": true], "tsTimeParms": ["iIDHoldTO": 20]]`.
-public typealias Settings = [String: [String: SettingValue]]
+public typealias ReaderSettings = [String: [String: SettingValue]]
 
 /// A number or a truth value, written as either. The reader gets the low 16 bits.
 public struct SettingValue: Equatable, Sendable, ExpressibleByIntegerLiteral,
@@ -55,7 +55,7 @@ private let lineLimit = 1023
 
 /// A command as the agent reads it, less its line feed. Each maker throws `invalidArgument` for what
 /// would not arrive as it is.
-struct CommandLine {
+struct AgentCommand {
   let bytes: [UInt8]
   /// What the line asks to set, as `type.name`.
   private(set) var settings: [String] = []
@@ -80,27 +80,29 @@ struct CommandLine {
     try self.init(reader.bytes + Array(":\(command)".utf8))
   }
 
-  static func ping(_ text: String) throws -> CommandLine {
-    try CommandLine(Array("Global:Ping \(text)".utf8))
+  static func ping(_ text: String) throws -> AgentCommand {
+    try AgentCommand(Array("Global:Ping \(text)".utf8))
   }
 
-  static func beep(_ reader: ReaderName, _ count: Int, _ length: BeepLength) throws -> CommandLine {
-    try CommandLine(reader, "Beep \(length) \(count)")
+  static func beep(_ reader: ReaderName, _ count: Int, _ length: BeepLength) throws -> AgentCommand
+  {
+    try AgentCommand(reader, "Beep \(length) \(count)")
   }
 
-  static func setLed(_ reader: ReaderName, _ color: LedColor) throws -> CommandLine {
-    try CommandLine(reader, "SetLED \(color)")
+  static func setLed(_ reader: ReaderName, _ color: LedColor) throws -> AgentCommand {
+    try AgentCommand(reader, "SetLED \(color)")
   }
 
-  static func clearLed(_ reader: ReaderName) throws -> CommandLine {
-    try CommandLine(reader, "ClearLED")
+  static func clearLed(_ reader: ReaderName) throws -> AgentCommand {
+    try AgentCommand(reader, "ClearLED")
   }
 
-  static func resetConfig(_ reader: ReaderName) throws -> CommandLine {
-    try CommandLine(reader, "ResetConfig")
+  static func resetConfig(_ reader: ReaderName) throws -> AgentCommand {
+    try AgentCommand(reader, "ResetConfig")
   }
 
-  static func readerConfig(_ reader: ReaderName, _ settings: Settings) throws -> CommandLine {
+  static func readerConfig(_ reader: ReaderName, _ settings: ReaderSettings) throws -> AgentCommand
+  {
     var command = "ReaderConfig"
     var names: [String] = []
     for (type, values) in settings.sorted(by: { $0.key < $1.key }) {
@@ -114,7 +116,7 @@ struct CommandLine {
         names.append("\(type).\(name)")
       }
     }
-    var line = try CommandLine(reader, command)
+    var line = try AgentCommand(reader, command)
     line.settings = names
     return line
   }

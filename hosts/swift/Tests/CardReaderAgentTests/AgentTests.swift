@@ -23,9 +23,9 @@ final class AgentTests: XCTestCase {
 
   func testWhatCannotBeToldInALine() async throws {
     let reader = ReaderName(bytes: [UInt8(ascii: "R"), 0xe9])
-    XCTAssertEqual(try CommandLine.clearLed(reader).bytes, reader.bytes + Array(":ClearLED".utf8))
-    XCTAssertEqual(try CommandLine.ping(String(repeating: "x", count: 1011)).bytes.count, 1023)
-    let lines: [() throws -> CommandLine] = [
+    XCTAssertEqual(try AgentCommand.clearLed(reader).bytes, reader.bytes + Array(":ClearLED".utf8))
+    XCTAssertEqual(try AgentCommand.ping(String(repeating: "x", count: 1011)).bytes.count, 1023)
+    let lines: [() throws -> AgentCommand] = [
       { try .ping("a\nb") }, { try .ping("a\r\nb") }, { try .ping("a\0b") },
       { try .ping(String(repeating: "é", count: 506)) },
       { try .readerConfig(reader, ["a b": ["c": 1]]) },

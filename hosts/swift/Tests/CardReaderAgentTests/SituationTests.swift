@@ -209,7 +209,7 @@ private final class Situation {
     case "resetConfig": return done { try await $0.resetConfig(timeout: limit) }
     case "waitForReader": return done { try await $0.waitForReader(timeout: limit) }
     case "configure":
-      var settings: Settings = [:]
+      var settings: ReaderSettings = [:]
       for argument in arguments {
         let parts = argument.split { ".=".contains($0) }.map(String.init)
         settings[parts[0], default: [:]][parts[1]] = SettingValue(Int32(parts[2])!)
