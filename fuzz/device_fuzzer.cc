@@ -32,7 +32,7 @@ bool is_closed_by_peer(int socket) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static device reader(socket_path(), nullptr);
+  static device reader(socket_path());
   if (size == 0) return 0;
 
   const descriptor link(connect_to(socket_path()));

@@ -10,12 +10,10 @@ namespace {
 
 using namespace virtual_reader;
 
-std::string in_words(const device& reader) {
-  const device::state now = reader.look();
+std::string in_words(const reader& now) {
   std::ostringstream text;
   text << now.plugged << ' ' << now.queue.size() << ' ' << now.held.has_value() << ' '
-       << now.faults.size() << ' ' << static_cast<int>(now.traced) << ' '
-       << now.part_number.value_or("none");
+       << now.faults.list().size() << ' ' << now.part_number.value_or("none");
   return text.str();
 }
 
@@ -23,21 +21,38 @@ std::string in_words(const device& reader) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const scratch_folder folder;
-  static device reader(folder.path + "/socket", nullptr);
-  verbs interpreter(reader, [](const std::string& line) {
-    require(line.find('\n') == std::string::npos, "it prints line by line");
-  });
+  static device reader(folder.path + "/socket");
+  std::atomic<std::uint64_t> cursor{reader.happened.end()};
+  surroundings around;
+  around.answer = [](const std::string& line) {
+    require(line.find('\n') == std::string::npos, "it answers line by line");
+  };
+  around.quit = [] {};
+  around.is_interrupted = [] { return true; };  // for what no agent is here to do
+  const session told(reader, cursor, around);
 
   std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
   for (std::string line; std::getline(input, line);) {
-    // These wait for what no agent is here to do.
-    if (line.find("wait") != std::string::npos || line.find("expect") != std::string::npos)
-      continue;
-    const std::string before = in_words(reader);
-    const std::string error = interpreter.run(line);
-    require(error.find('\n') == std::string::npos, "an error is one line");
-    require(error.empty() || in_words(reader) == before, "a wrong verb changes nothing");
+    const std::string before = reader.look(in_words);
+    completions(line);
+    try {
+      told.carry_out(line);
+    } catch (const bad_line& error) {
+      require(std::string(error.what()).find('\n') == std::string::npos, "an error is one line");
+      require(reader.look(in_words) == before, "a wrong verb changes nothing");
+    } catch (const failed_expectation&) {
+    } catch (const interruption&) {
+    }
   }
-  reader.change([](device::state& state) { state = device::state(); });
+  for (const auto& entry : reader.happened.last(100, [](const auto&) { return true; })) {
+    require(entry.text.find('\n') == std::string::npos, "an entry is one line");
+    const auto read = parse_entry(to_text(static_cast<const entry_line&>(entry)));
+    require(read && read->text == entry.text && read->time == entry.time, "it can be read back");
+  }
+  reader.change([&](auto& now) {
+    now.unplug(), now.plug(), now.hold({});
+    now.queue.clear(), now.faults.clear();
+    now.part_number.reset();
+  });
   return 0;
 }

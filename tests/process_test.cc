@@ -144,20 +144,20 @@ TEST(Process, WakesForItsScansAlone) {
 TEST(Process, SearchesEveryTenSecondsAndPollsFourTimesASecond) {
   rig r({"unplug", "part none"});
   EXPECT_EQ(r.agent->ask("Global:Ping"), "Ok:");
-  ASSERT_TRUE(r.reader.wait_for_call("usbConnect", 1, patience));
+  ASSERT_TRUE(r.wait_for_call("usbConnect", 1));
   const auto first_search = clock::now();
   r.run("plug");
   r.agent->await_reader();
   const std::chrono::duration<double> between = clock::now() - first_search;
   EXPECT_NEAR(between.count(), 10, 0.5);
-  EXPECT_EQ(r.reader.call_count("usbConnect"), 2u);
+  EXPECT_EQ(r.call_count("usbConnect"), 2u);
 
-  ASSERT_TRUE(r.reader.wait_for_call("GetQueuedID", 1, patience));
+  ASSERT_TRUE(r.wait_for_call("GetQueuedID", 1));
   const auto first_poll = clock::now();
   auto poll = first_poll;
   clock::duration shortest = patience;  // a busy machine makes some pauses longer
   for (std::uint64_t polls = 2; polls <= 9; ++polls) {
-    ASSERT_TRUE(r.reader.wait_for_call("GetQueuedID", polls, patience));
+    ASSERT_TRUE(r.wait_for_call("GetQueuedID", polls));
     shortest = std::min(shortest, clock::now() - poll);
     poll = clock::now();
   }
@@ -170,12 +170,12 @@ TEST(Process, SearchesEveryTenSecondsAndPollsFourTimesASecond) {
 TEST(Process, CountsItsPausesFromTheEndOfTheScanBefore) {
   rig r({"part none", "hang usbConnect"}, QUICK_AGENT, {{"SEARCH_MS", "300"}, {"POLL_MS", "300"}});
   for (const std::string call : {"usbConnect", "GetQueuedID"}) {
-    ASSERT_TRUE(r.reader.wait_for_call(call, 1, patience));
+    ASSERT_TRUE(r.wait_for_call(call, 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(700));  // more than two pauses
     if (call == "usbConnect") r.run("unplug");
     const auto released = clock::now();
     r.run("release");
-    ASSERT_TRUE(r.reader.wait_for_call(call, 2, patience));
+    ASSERT_TRUE(r.wait_for_call(call, 2));
     EXPECT_GE(clock::now() - released, std::chrono::milliseconds(300)) << call;
     r.run("hang GetQueuedID");
     r.run("plug");
@@ -184,20 +184,20 @@ TEST(Process, CountsItsPausesFromTheEndOfTheScanBefore) {
 
 TEST(Process, PollsAtOnceAfterAConnection) {
   rig r({"part none"}, QUICK_AGENT, {{"POLL_MS", "60000"}});
-  EXPECT_TRUE(r.reader.wait_for_call("GetQueuedID", 1, patience));
+  EXPECT_TRUE(r.wait_for_call("GetQueuedID", 1));
 }
 
 TEST(Process, CarriesOutWhatIsQueuedAtItsEnd) {
   rig r({"part none", "hang GetQueuedID"});
   r.agent->await_reader();
-  ASSERT_TRUE(r.reader.wait_for_call("GetQueuedID", 1, patience));
+  ASSERT_TRUE(r.wait_for_call("GetQueuedID", 1));
   r.agent->close_input();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until the end is queued
   r.run("unplug");
   r.run("release");
   r.agent->remaining_lines();
   EXPECT_EQ(r.agent->wait(), 0);
-  EXPECT_EQ(r.reader.call_count("usbConnect"), 2u) << "the search that the failed poll asked for";
+  EXPECT_EQ(r.call_count("usbConnect"), 2u) << "the search that the failed poll asked for";
 }
 
 TEST(Process, AnswersBetweenPollsAtOnce) {
@@ -212,7 +212,7 @@ TEST(Process, AnswersBetweenPollsAtOnce) {
   }
   std::nth_element(times.begin(), times.begin() + 50, times.end());
   EXPECT_LT(times[50], std::chrono::milliseconds(5));
-  const auto polls = static_cast<std::int64_t>(r.reader.call_count("GetQueuedID"));
+  const auto polls = static_cast<std::int64_t>(r.call_count("GetQueuedID"));
   EXPECT_LE(polls, 2 + (clock::now() - first) / std::chrono::milliseconds(250)) << "no more polls";
 }
 
@@ -221,7 +221,7 @@ TEST(Process, TakesCommandsWhileTheLibraryIsBusy) {
   const std::string name = r.agent->await_reader();
   r.run("hang BeepNow");
   r.agent->send_line(name + ":Beep short 1");
-  ASSERT_TRUE(r.reader.wait_for_call("BeepNow", 1, patience));
+  ASSERT_TRUE(r.wait_for_call("BeepNow", 1));
   // More than any pipe holds: this returns only if the agent goes on reading.
   std::string flood;
   for (int i = 0; i < 20000; ++i) flood += "Global:Ping " + std::to_string(i) + "\n";

@@ -2,15 +2,13 @@
 
 #include <stdexcept>
 
-#include "verbs.h"
+#include "session.h"
 
 rig::rig(const std::vector<std::string>& verbs, const std::string& agent_executable,
          agent_process::environment agent_variables, const virtual_reader::rule& fault)
-    : executable(agent_executable),
-      variables(std::move(agent_variables)),
-      reader(socket(), nullptr) {
+    : executable(agent_executable), variables(std::move(agent_variables)), reader(socket()) {
   for (const std::string& verb : verbs) run(verb);
-  if (!fault.call.empty()) reader.add_rule(fault);
+  if (!fault.call.empty()) reader.change([&](auto& r) { r.faults.add(fault); });
   variables["VIRTUAL_READER_SOCKET"] = socket();
   start_agent();
 }
@@ -21,7 +19,46 @@ void rig::start_agent() {
 }
 
 void rig::run(const std::string& verb) {
-  virtual_reader::verbs interpreter(reader, [](const std::string&) {});
-  const std::string error = interpreter.run(verb);
-  if (!error.empty()) throw std::runtime_error(verb + ": " + error);
+  std::atomic<std::uint64_t> cursor{1};
+  virtual_reader::surroundings around;
+  around.answer = [](const std::string&) {};
+  const virtual_reader::session told(reader, cursor, around);
+  try {
+    told.carry_out(verb);
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(verb + ": " + error.what());
+  }
+}
+
+std::vector<std::string> rig::calls() const {
+  const std::string head = "call ";
+  std::vector<std::string> all;
+  for (std::uint64_t next = 1; next < reader.happened.end();) {
+    for (const auto& entry : reader.happened.read(next)) {
+      next = entry.end();
+      if (entry.text.rfind(head, 0) != 0) continue;
+      all.insert(all.end(), entry.count, entry.text.substr(head.size()));
+    }
+  }
+  return all;
+}
+
+std::uint64_t rig::call_count(const std::string& name) const {
+  std::uint64_t count = 0;
+  for (const std::string& call : calls()) count += call.substr(0, call.find(' ')) == name ? 1 : 0;
+  return count;
+}
+
+bool rig::wait_for_call(const std::string& name, std::uint64_t count) const {
+  const auto until = std::chrono::steady_clock::now() + patience;
+  const auto is_waiting = [&](const auto& r) {
+    std::uint64_t waiting = 0;
+    for (const auto& call : r.waiting) waiting += call.name == name ? 1 : 0;
+    return waiting;
+  };
+  for (;;) {
+    const std::uint64_t next = reader.happened.end();
+    if (call_count(name) + reader.look(is_waiting) >= count) return true;
+    if (!reader.happened.wait(next, until, nullptr)) return false;
+  }
 }

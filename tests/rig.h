@@ -18,6 +18,13 @@ class rig {
   // Carries out one verb of the virtual reader; it must be a right one.
   void run(const std::string& verb);
 
+  // Calls as the record has them, like "BeepNow 2 0 -> 1"; of those that are delayed only ended
+  // ones.
+  std::vector<std::string> calls() const;
+  std::uint64_t call_count(const std::string& name) const;
+  // Waits for so many, those included that are delayed. False if they do not come.
+  bool wait_for_call(const std::string& name, std::uint64_t count) const;
+
   // Where the virtual reader listens.
   std::string socket() const { return folder.path + "/socket"; }
 

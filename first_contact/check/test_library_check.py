@@ -179,7 +179,7 @@ class LibraryCheck(unittest.TestCase):
     def test_an_interrupted_check_puts_the_configuration_back(self):
         running = Run(WHOLE, "write")
         before = running.tell_configuration()
-        running.tell("hang ResetFactoryDflts", "expect ResetFactoryDflts within 20000")
+        running.tell("hang ResetFactoryDflts", "expect begins ResetFactoryDflts within 20000")
         running.check.send_signal(signal.SIGINT)
         running.tell("release")
         status, printed = running.play()

@@ -26,7 +26,7 @@ import threading
 from pathlib import Path
 
 PATIENCE = 20  # seconds for a line that must come
-DONE = "host -- done"  # what the virtual reader prints when it has carried out all verbs so far
+DONE = "= -- done"  # what the virtual reader prints when it has carried out all verbs so far
 
 
 def escaped(line):
@@ -73,7 +73,7 @@ def play(build, lines, environment):
     base = 0  # the number before that of the run's first name
 
     def tell(verb):
-        reader.send(verb.encode() + b'\nhost "-- done"')
+        reader.send(verb.encode() + b'\necho "-- done"')
         printed.extend(iter(reader.next, DONE))
 
     tell("")

@@ -4,23 +4,25 @@
 
 namespace virtual_reader {
 
-std::vector<std::string> to_text(const configuration& all) {
+std::vector<std::string> to_text(const configuration& all, bool with_reserved) {
   std::istringstream names(
-      "sIDBitCnts iLeadParityBitCnt iTrailParityBitCnt - iTotalBitCnt - - - - "
-      "sCfgFlags - bFrcBitCntEx - - - - bSndOnRx bHaltKBSnd "
-      "sTimeParms iBitStrmTO iIDHoldTO iIDLockOutTm - - - - - "
-      "sCfgFlags2 - - bWiegInvData bUseInvDataF bRevWiegBits bBeepID bRevBytes - "
-      "sLEDCtrl bAppCtrlsLED iRedLEDState iGrnLEDState - - - - -");
+      "tsIDBitCnts iLeadParityBitCnt iTrailParityBitCnt - iTotalBitCnt - - - - "
+      "tsCfgFlags - bFrcBitCntEx - - - - bSndOnRx bHaltKBSnd "
+      "tsTimeParms iBitStrmTO iIDHoldTO iIDLockOutTm - - - - - "
+      "tsCfgFlags2 - - bWiegInvData bUseInvDataF bRevWiegBits bBeepID bRevBytes - "
+      "tsLEDCtrl bAppCtrlsLED iRedLEDState iGrnLEDState - - - - -");
   std::vector<std::string> lines;
-  std::string name;
+  std::string type, name;
   for (std::size_t i = 0; i < all.size(); ++i) {
-    names >> name;
     if (i % 8 == 0) {
-      lines.push_back(name);
-      names >> name;
+      names >> type;
+      lines.emplace_back();
     }
+    names >> name;
+    if (name == "-" && !with_reserved) continue;
     if (name == "-") name = "reserved" + std::to_string(i % 8 * 2);
-    lines.back() += " " + name + "=" + std::to_string(all[i]);
+    if (!lines.back().empty()) lines.back() += ' ';
+    lines.back() += type + "." + name + "=" + std::to_string(all[i]);
   }
   return lines;
 }

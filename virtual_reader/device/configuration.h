@@ -19,7 +19,8 @@ constexpr configuration factory_defaults = {1,   1,    104,  26,  108, 110, 112,
                                             0,   0,    0,    506, 508, 510, 512, 514};
 constexpr std::size_t led_record = 32;  // where it begins
 
-// One line a record: its name, then each field's name and value.
-std::vector<std::string> to_text(const configuration&);
+// One text a record, TYPE.NAME=VALUE for each field, as hosts write it; fields without a known
+// meaning are reserved and their offset in bytes, and can be left out.
+std::vector<std::string> to_text(const configuration&, bool with_reserved);
 
 }  // namespace virtual_reader

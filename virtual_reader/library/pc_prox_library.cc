@@ -40,6 +40,7 @@ struct numbers {
 };
 
 struct answer {
+  bool came = false;  // from a virtual reader
   std::int64_t result = 0;
   std::vector<std::int64_t> values;
   std::optional<std::string> text;
@@ -78,14 +79,15 @@ void make_link() {
   if (!default_socket_path_is_private()) return;
   library.link.number = connect_to(default_socket_path());
   if (library.link.number < 0) return;
-  const auto version = exchange_greetings(library.link.number);
-  if (version == protocol_version) return;
+  const auto peer = exchange_greetings(library.link.number, agent_greeting);
+  if (peer && peer->version == protocol_version) return;
   drop_link();
-  if (!version) {
+  if (!peer) {
     library.next_attempt = in(message_limit);
   } else if (!std::exchange(library.mismatch_told, true)) {
-    const std::string text = "virtual reader speaks protocol version " + std::to_string(*version) +
-                             ", this library version " + std::to_string(protocol_version);
+    const std::string text = "virtual reader speaks protocol version " +
+                             std::to_string(peer->version) + ", this library version " +
+                             std::to_string(protocol_version);
     emit(text, static_cast<std::int64_t>(text.size()), false);
   }
 }
@@ -100,7 +102,7 @@ std::optional<answer> exchange(const message& question) {
     if (told.size() >= 4 && told[0] == reply_message) {
       if (told[1] == 0) library.last_error = told[2];
       library.id_questions_wanted = told[3] != 0;
-      answer result{told[1], {told.begin() + 4, told.end()}, {}};
+      answer result{true, told[1], {told.begin() + 4, told.end()}, {}};
       if (!texts.empty()) result.text = std::move(texts[0]);
       return result;
     }
@@ -171,8 +173,10 @@ status set_record(const char* name, record_index index, const T* given,
 extern "C" {
 
 void SetMarkerFunction(pc_prox::marker_function function) {
-  library.marker = function;
-  ask(__func__, no_result, {function != nullptr}, {}, no_error, true);
+  // Set before, since texts may come during this very call.
+  const pc_prox::marker_function before = std::exchange(library.marker, function);
+  const answer told = ask(__func__, no_result, {function != nullptr}, {}, no_error, true);
+  if (told.came && told.result == 0) library.marker = before;
 }
 void USBDisconnect() {
   library.configuration_read = false;

@@ -20,21 +20,22 @@ constexpr int send_flags = MSG_NOSIGNAL;
 constexpr int send_flags = 0;  // SO_NOSIGPIPE does it
 #endif
 
-struct greeting {
-  char magic[4];
-  std::uint32_t version;
-};
-constexpr greeting own_greeting = {{'V', 'R', 'd', 'r'}, protocol_version};
-
-bool receive_bytes(int socket, void* bytes, std::size_t size, moment until) {
+// Says why not, if it is asked.
+bool receive_bytes(int socket, void* bytes, std::size_t size, moment until, std::string* why) {
+  const auto fail = [&](const char* reason) {
+    if (why) *why = reason;
+    return false;
+  };
+  const std::size_t whole = size;
   for (char* place = static_cast<char*>(bytes); size > 0;) {
     const ssize_t count = recv(socket, place, size, 0);
     if (count > 0) {
       place += count;
       size -= static_cast<std::size_t>(count);
-    } else if (count == 0 || (errno != EINTR && errno != EAGAIN) ||
-               (errno == EAGAIN && !wait_for(socket, POLLIN, until))) {
-      return false;
+    } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+      return fail("it hung up");
+    } else if (errno == EAGAIN && !wait_for(socket, POLLIN, until)) {
+      return fail(size < whole ? "it fell silent halfway" : "it was silent");
     }
   }
   return true;
@@ -144,11 +145,14 @@ bool send_message(int socket, const message& message, moment until) {
   return send_bytes(socket, bytes.data(), bytes.size(), until);
 }
 
-std::optional<message> receive_message(int socket, std::size_t size_limit, moment until) {
+std::optional<message> receive_message(int socket, std::size_t size_limit, moment until,
+                                       std::string* why) {
   std::uint32_t size = 0;
-  if (!receive_bytes(socket, &size, sizeof size, until) || size > size_limit) return {};
+  if (!receive_bytes(socket, &size, sizeof size, until, why)) return {};
+  if (why) *why = "it sent no message";
+  if (size > size_limit) return {};
   std::vector<char> bytes(size);
-  if (!receive_bytes(socket, bytes.data(), size, until)) return {};
+  if (!receive_bytes(socket, bytes.data(), size, until, why)) return {};
 
   const char* place = bytes.data();
   std::size_t left = size;
@@ -166,15 +170,25 @@ std::optional<message> receive_message(int socket, std::size_t size_limit, momen
   return message;
 }
 
-std::optional<std::uint32_t> exchange_greetings(int socket) {
+std::optional<greeting> exchange_greetings(int socket, const char* role, std::string* why) {
   const moment until = in(greeting_limit);
-  greeting peer{};
-  if (!send_bytes(socket, &own_greeting, sizeof own_greeting, until) ||
-      !receive_bytes(socket, &peer, sizeof peer, until) ||
-      !std::equal(peer.magic, peer.magic + 4, own_greeting.magic)) {
+  struct {
+    char role[4];
+    std::uint32_t version;
+  } own{{}, protocol_version}, peer{};
+  std::copy(role, role + 4, own.role);
+  if (!send_bytes(socket, &own, sizeof own, until)) {
+    if (why) *why = "it hung up before the greeting";
     return {};
   }
-  return peer.version;
+  if (!receive_bytes(socket, &peer, sizeof peer, until, why)) {
+    if (why) *why += " instead of a greeting";
+    return {};
+  }
+  const std::string came(peer.role, 4);
+  if (came == agent_greeting || came == teller_greeting) return greeting{came, peer.version};
+  if (why) *why = "its greeting is none of a virtual reader's";
+  return {};
 }
 
 }  // namespace virtual_reader

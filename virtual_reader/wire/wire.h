@@ -1,6 +1,8 @@
-// What the library and the device say to each other. Both send a greeting first; then the library
-// sends a message for each call, and the device answers it with one reply, before which it may
-// send interim messages. Nothing here throws but std::bad_alloc.
+// What the library and the device say to each other, and those who tell a device what to do. Both
+// send a greeting first. Then the library sends a message for each call, and the device answers it
+// with one reply, before which it may send interim messages. One who tells verbs sends one message
+// with them, and gets the lines that they answer, a message each, and one with the outcome. Nothing
+// here throws but std::bad_alloc.
 #pragma once
 
 #include <sys/un.h>
@@ -50,10 +52,13 @@ enum message_kind : std::int64_t {
                       // ...; texts: the result, if the call returns a text that is not null
   patience_message = 1,  // the reply takes that many milliseconds longer than usual
   say_message = 2,       // length to tell, whether on a thread of its own; texts: what to say
+  line_message = 3,      // to one who tells verbs. texts: one or more lines that they answer
+  outcome_message = 4,   // to one who tells verbs: the status to end with; texts: why, line by line
 };
 
 // The most bytes of a call and of an answer; a peer that announces more is not listened to.
 constexpr std::size_t call_size_limit = 4096;
+constexpr std::size_t telling_size_limit = std::size_t{8} << 20;
 constexpr std::size_t answer_size_limit = std::size_t{1} << 21;
 
 // Closes what it holds.
@@ -83,14 +88,23 @@ int connect_to(const std::string& path);
 // Waits for what poll(2) calls `events`; false when that didn't come in time.
 bool wait_for(int socket, short events, moment until);
 
-// False when the peer has gone or did not take or give everything in time.
+// False when the peer has gone or did not take everything in time.
 bool send_bytes(int socket, const void* bytes, std::size_t size, moment until);
 bool send_message(int socket, const message& message, moment until);
 
-// Nothing when the peer has gone, was late, or sent what is no message.
-std::optional<message> receive_message(int socket, std::size_t size_limit, moment until);
+// Nothing when the peer has gone, was late, or sent what is no message; `why` then says so.
+std::optional<message> receive_message(int socket, std::size_t size_limit, moment until,
+                                       std::string* why = nullptr);
 
-// Sends a greeting and returns the version in the peer's; nothing when none came in time.
-std::optional<std::uint32_t> exchange_greetings(int socket);
+// How a greeting begins: that of agents and devices, and that of those who tell verbs.
+inline constexpr char agent_greeting[] = "VRdr";
+inline constexpr char teller_greeting[] = "VRtl";
+struct greeting {
+  std::string role;
+  std::uint32_t version;
+};
+// Sends a greeting and returns the peer's; nothing when none came in time, and `why` then says so.
+std::optional<greeting> exchange_greetings(int socket, const char* role,
+                                           std::string* why = nullptr);
 
 }  // namespace virtual_reader

@@ -13,9 +13,9 @@ export class VirtualReader {
     return self;
   }
   async tell(verb) {
-    this.process.stdin.write(`${verb}\nhost "-- done"\n`);
+    this.process.stdin.write(`${verb}\necho "-- done"\n`);
     const told = [];
-    for (let line; (line = (await this.lines.next()).value) !== 'host -- done'; ) told.push(line);
+    for (let line; (line = (await this.lines.next()).value) !== '= -- done'; ) told.push(line);
     return told.join('\n');
   }
   async close() {

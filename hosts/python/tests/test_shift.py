@@ -47,9 +47,9 @@ class ShiftTest(unittest.TestCase):
         says("searching", "ready")
         bench.tell("card hold 3AB1234/26")
         says("Ada, come in")
-        effects = bench.tell("expect BeepNow", "wait 1500", "card remove")
+        effects = bench.tell("expect call BeepNow", "wait 1500", "card remove")
         self.assertEqual(effects.count("beep short"), 1)  # however long she holds it
-        bench.tell("expect SetLEDCtrl 3")  # red at first, green, and red when she took it away
+        bench.tell("expect led red")  # as it was before she came
 
         bench.tell("replug")
         says("searching the reader was connected anew", "ready")
@@ -65,9 +65,9 @@ class ShiftTest(unittest.TestCase):
 
         bench.tell("hang BeepNow", "card queue 00")
         says("00: not listed")
-        bench.tell("expect BeepNow", "release", "card queue CDAB1234")
+        bench.tell("expect begins BeepNow", "release", "card queue CDAB1234")
         says("Grace, come in")
-        self.assertIn("led green", bench.tell("expect BeepNow"))
+        self.assertIn("led green", bench.tell("expect led green", "expect beep"))
 
         agent = child_of(example.pid)
         os.killpg(example.pid, signal.SIGINT)

@@ -90,7 +90,7 @@ final class Bench: Sendable {
   func tell(_ verb: String) async throws -> [String] {
     process.write("\(verb)\nbeeps\n")
     var told: [String] = []
-    while told.last?.hasPrefix("beeps ") != true { told.append(try await process.lines.next()) }
+    while told.last?.hasPrefix("= beeps ") != true { told.append(try await process.lines.next()) }
     return told.dropLast()
   }
 

@@ -1,9 +1,11 @@
 #include "words.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <numeric>
+#include <utility>
 
 namespace virtual_reader {
 
@@ -12,8 +14,6 @@ namespace {
 const std::string blanks = " \t\r";
 constexpr std::size_t longest_text = 1'000'000;
 const char hexadecimal[] = "0123456789ABCDEFabcdef";
-const std::string letters = "tnrvf\\\"";
-const std::string characters = "\t\n\r\v\f\\\"";
 
 std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t most) {
   char* end = nullptr;
@@ -26,46 +26,34 @@ std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t
                  std::to_string(most));
 }
 
-// Reads the text that begins with the quote at `*place`, and moves behind the closing one.
-std::string parse_quoted(const std::string& line, std::size_t* place) {
-  std::string text;
-  for (std::size_t i = *place + 1; i < line.size(); ++i) {
-    if (line[i] == '"') {
-      *place = i + 1;
-      return text;
-    }
-    if (line[i] != '\\') {
-      text += line[i];
-      continue;
-    }
-    const std::size_t known = letters.find(line[++i]);
-    if (known != std::string::npos) {
-      text += characters[known];
-    } else if (line[i] == 'x') {
-      text += static_cast<char>(to_number("0x" + line.substr(i + 1, 2), 0, 0xFF));
-      i += 2;
-    } else {
-      throw bad_line(R"(unknown escape; there are \t \n \r \v \f \\ \" and \xNN)");
+// How many letters to change, add or leave out, to make one of the other.
+std::size_t distance(const std::string& a, const std::string& b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < b.size(); ++j) {
+      const bool same = std::tolower(a[i] & 0xFF) == std::tolower(b[j] & 0xFF);
+      const std::size_t changed = diagonal + (same ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
     }
   }
-  throw bad_line("the closing quote is missing");
+  return row.back();
 }
 
 }  // namespace
 
-std::string quoted(const std::string& text) {
-  std::string all = "\"";
-  for (const char c : text) {
-    const std::size_t known = characters.find(c);
-    char code[5];
-    std::snprintf(code, sizeof code, "\\x%02X", c & 0xFF);
-    if (known != std::string::npos) {
-      all += {'\\', letters[known]};
-    } else {
-      all += c >= ' ' && c <= '~' ? std::string(1, c) : code;
-    }
+std::string suggestion(const std::string& written, const std::vector<std::string>& known) {
+  constexpr std::size_t longest = 40;  // of what is known, and so of what could be meant
+  std::size_t least = std::min<std::size_t>(written.size() / 2 + 1, 6);
+  std::string best;
+  for (const std::string& one : known) {
+    const std::size_t far = written.size() > longest ? longest : distance(written, one);
+    if (far < least) best = one;
+    least = std::min(far, least);
   }
-  return all + "\"";
+  return best.empty() ? "" : ", did you mean '" + best + "'?";
 }
 
 words::words(const std::string& line) {
@@ -130,7 +118,7 @@ card_id words::take_card() {
 
 std::string words::take_call() {
   const std::string name = take();
-  if (!is_call(name)) throw bad_line("'" + name + "' is no call; there are " + call_names);
+  if (!is_call(name)) throw bad_line("'" + name + "' is no call" + suggestion(name, call_names));
   return name;
 }
 

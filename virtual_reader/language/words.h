@@ -2,24 +2,19 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "device.h"
+#include "quoted.h"
+#include "reader.h"
 
 namespace virtual_reader {
 
-// One line that says what is wrong; without text when the verb's syntax says it all.
-struct bad_line : std::runtime_error {
-  using runtime_error::runtime_error;
-};
-
-// The text in quotes, with escapes wherever it needs them.
-std::string quoted(const std::string& text);
+// ", did you mean 'X'?" with the most similar of them, or nothing if none is.
+std::string suggestion(const std::string& written, const std::vector<std::string>& known);
 
 // The words of a line, taken one after the other. All members that take a word throw bad_line when
-// it is missing or another one.
+// it is missing or another one, without text when the verb's syntax says it all.
 class words {
  public:
   // Splits the line at blanks, up to a word that begins with '#'. A word in double quotes may hold
@@ -27,8 +22,10 @@ class words {
   explicit words(const std::string& line);
 
   bool at_end() const { return next == all.size(); }
+  std::size_t left() const { return all.size() - next; }
   void take_end() const;
   bool is_next(const std::string& keyword) const { return !at_end() && all[next] == keyword; }
+  bool is_quoted() const { return !at_end() && all[next][0] == '"'; }
   bool take_if(const std::string& keyword) { return is_next(keyword) && ++next; }
   std::string take();  // whatever is next, if it is not in quotes
   std::string take_quoted();

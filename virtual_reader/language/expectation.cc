@@ -1,0 +1,101 @@
+#include "expectation.h"
+
+#include <algorithm>
+
+namespace virtual_reader {
+
+namespace {
+
+// Where the whole word ends that is found from there on; npos if there is none.
+std::size_t find_word(const std::string& text, const std::string& word, std::size_t from) {
+  for (std::size_t at = text.find(word, from); at != text.npos; at = text.find(word, at + 1)) {
+    const std::size_t end = at + word.size();
+    const bool begins = at == 0 || text[at - 1] == ' ';
+    if (begins && (end == text.size() || text[end] == ' ')) return end;
+  }
+  return text.npos;
+}
+
+bool is_limit_next(const words& given) { return given.left() == 2 && given.is_next("within"); }
+
+std::chrono::milliseconds take_limit(words* given, std::chrono::milliseconds usual) {
+  if (is_limit_next(*given)) {
+    given->take();
+    usual = std::chrono::milliseconds(given->take_number(0, 86'400'000));
+  }
+  given->take_end();
+  return usual;
+}
+
+}  // namespace
+
+const std::vector<std::string>& pattern::kinds() {
+  static const std::vector<std::string> all = {
+      "agent", "beep", "begins", "call",    "card",  "config", "connected", "disconnected",
+      "fault", "host", "led",    "plugged", "reset", "says",   "unplugged", "verb"};
+  return all;
+}
+
+std::vector<std::string> pattern::details_of(const std::string& kind) {
+  if (kind == "agent") return {"came", "gone", "refused:"};
+  if (kind == "beep") return {"long", "short"};
+  if (kind == "begins" || kind == "call") return call_names;
+  if (kind == "fault") return {"delay", "fail", "hang", "vanish"};
+  if (kind == "host") return {"<", ">", "ended"};
+  if (kind == "led") return {"amber", "green", "off", "own", "red"};
+  if (kind == "plugged") return {"in"};
+  return {};
+}
+
+pattern::pattern(words* given) {
+  do {
+    if (given->is_quoted()) {
+      const std::string text = given->take_quoted();
+      if (text.empty()) throw bad_line("an empty text cannot be found");
+      all.push_back({without_controls(text), quoted(text)});
+    } else {
+      all.push_back({given->take(), {}});
+    }
+    const bool is_name = all.back().plain.find_first_not_of("->0123456789") != std::string::npos;
+    const auto known = all.size() == 1   ? kinds()
+                       : all.size() == 2 ? details_of(all[0].plain)
+                                         : std::vector<std::string>();
+    const std::string& written = all.back().plain;
+    if ((is_name || all.size() == 1) && (!known.empty() || all.size() == 1) &&
+        std::find(known.begin(), known.end(), written) == known.end()) {
+      throw bad_line("no entry of the record has '" + written + "' there" +
+                     suggestion(written, known));
+    }
+  } while (!given->at_end() && !is_limit_next(*given));
+}
+
+bool pattern::matches(const std::string& entry_text) const {
+  std::size_t place = 0;
+  for (const word& one : all) {
+    const std::size_t from = place;
+    place = find_word(entry_text, one.plain, from);
+    if (!one.quotes.empty()) place = std::min(place, find_word(entry_text, one.quotes, from));
+    if (place == entry_text.npos || (from == 0 && place != one.plain.size())) return false;
+  }
+  return true;
+}
+
+std::string pattern::text() const {
+  std::string text;
+  for (const word& one : all) {
+    text += (text.empty() ? "" : " ") + (one.quotes.empty() ? one.plain : one.quotes);
+  }
+  return text;
+}
+
+expectation::expectation(words* given)
+    : is_negative(given->take_if("no")),
+      wanted(given),
+      limit(take_limit(given, std::chrono::milliseconds(is_negative ? 500 : 5000))) {}
+
+std::string expectation::text() const {
+  return (is_negative ? "expected no " : "expected ") + wanted.text() + " within " +
+         std::to_string(limit.count()) + " ms";
+}
+
+}  // namespace virtual_reader

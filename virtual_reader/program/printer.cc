@@ -1,0 +1,133 @@
+#include "printer.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace virtual_reader {
+
+namespace {
+
+constexpr std::size_t most_bytes = 1 << 20;  // of pieces that wait
+
+bool begins_with_one_of(const std::string& text, const std::vector<std::string>& starts) {
+  return std::any_of(starts.begin(), starts.end(),
+                     [&](const std::string& start) { return text.rfind(start, 0) == 0; });
+}
+
+}  // namespace
+
+void write_all(int descriptor, const std::string& bytes) {
+  for (std::size_t written = 0; written < bytes.size();) {
+    const ssize_t count = write(descriptor, bytes.data() + written, bytes.size() - written);
+    if (count > 0) {
+      written += static_cast<std::size_t>(count);
+    } else if (count < 0 && errno == EAGAIN) {  // whoever shares it wants it so
+      pollfd entry{descriptor, POLLOUT, 0};
+      poll(&entry, 1, -1);
+    } else if (count == 0 || errno != EINTR) {
+      return;
+    }
+  }
+}
+
+printer::printer(const record& printed, channel of_entries, sink where, look_function look)
+    : happened(printed),
+      entries_go(of_entries),
+      put(std::move(where)),
+      look_of(std::move(look)),
+      worker([this] { print(); }) {}
+
+void printer::say(channel where, const std::string& lines) {
+  push({happened.end(), where, lines});
+}
+
+void printer::trace(tracing wanted) { push({happened.end(), channel::output, "", wanted}); }
+
+void printer::push(const piece& pushed) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (bytes + pushed.lines.size() > most_bytes && !pieces.empty()) {
+      ++left_out;
+    } else {
+      bytes += pushed.lines.size();
+      pieces.push_back(pushed);
+    }
+  }
+  happened.wake();
+}
+
+void printer::end(std::chrono::milliseconds limit) {
+  if (!worker.joinable()) return;
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    ending = true;
+  }
+  happened.wake();
+  std::unique_lock<std::mutex> lock(mutex);
+  const bool in_time = changed.wait_for(lock, limit, [this] { return ended; });
+  lock.unlock();
+  in_time ? worker.join() : worker.detach();
+}
+
+void printer::print() {
+  for (;;) {
+    std::unique_lock<std::mutex> lock(mutex);
+    const bool is_last = ending;
+    const std::size_t missing = pieces.empty() ? std::exchange(left_out, 0) : 0;
+    std::optional<piece> due;
+    if (!pieces.empty()) {
+      due = std::move(pieces.front());
+      pieces.pop_front();
+      bytes -= due->lines.size();
+    }
+    lock.unlock();
+    print_entries(due ? due->place : happened.end());
+    if (due && !due->lines.empty()) put(due->where, due->lines);
+    if (due && due->traced) traced = *due->traced;
+    if (missing > 0) {
+      put(channel::error, "(" + std::to_string(missing) + " answers were left out)\n");
+    }
+    if (due) continue;
+    if (is_last) break;
+    happened.wait(next, std::chrono::steady_clock::time_point::max(), [this] {
+      const std::lock_guard<std::mutex> asking(mutex);
+      return ending || !pieces.empty();
+    });
+  }
+  const std::lock_guard<std::mutex> lock(mutex);
+  ended = true;
+  changed.notify_all();
+}
+
+void printer::print_entries(std::uint64_t before) {
+  while (next < before) {
+    std::string lines;
+    for (const auto& entry : happened.read(next)) {
+      if (entry.number >= before) break;
+      if (entry.number > next) {
+        lines += "(" + std::to_string(entry.number - next) + " entries were left out)\n";
+      }
+      next = entry.end();
+      if (!is_wanted(entry)) continue;
+      const std::string times = " (" + std::to_string(entry.count) + " times)";
+      lines += look_of(entry.text) + (entry.count > 1 ? times : "") + "\n";
+    }
+    if (!lines.empty()) put(entries_go, lines);
+  }
+}
+
+bool printer::is_wanted(const record::entry& entry) const {
+  static const std::vector<std::string> effects = {
+      "agent refused", "beep", "card",       "config", "connected", "disconnected",
+      "host >",        "led",  "plugged in", "reset",  "unplugged"};
+  static const std::vector<std::string> calls = {"begins ", "call ", "says "};
+  return begins_with_one_of(entry.text, effects) ||
+         (traced != tracing::off && !(entry.is_idle && traced == tracing::quiet) &&
+          begins_with_one_of(entry.text, calls));
+}
+
+}  // namespace virtual_reader

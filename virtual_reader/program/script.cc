@@ -1,0 +1,64 @@
+#include "script.h"
+
+#include <fstream>
+#include <utility>
+
+#include "verbs.h"
+
+namespace virtual_reader {
+
+bool carry_out(const session& with, const std::string& line, const std::string& place,
+               const report_function& report) try {
+  with.carry_out(line);
+  return true;
+} catch (const bad_line& error) {
+  report(place + error.what() + "\n");
+  return false;
+} catch (const failed_expectation& failure) {
+  report(place + failure.text());
+  return false;
+}
+
+script::script(const std::string& file) : path(file) {
+  std::ifstream input(path);
+  for (std::string line; std::getline(input, line);) lines.push_back(line);
+  if (!input.eof()) throw std::runtime_error("cannot read " + path);
+}
+
+bool script::check(bool has_host, const report_function& report) const {
+  bool is_right = true, rests = false;
+  for (std::size_t i = 0; i < lines.size(); ++i) try {
+      const command told = parse(lines[i]);
+      rests |= told.rests;
+      if (is_verb(told, "again") && !rests) {
+        throw bad_line("without a `wait` before it, this would never rest");
+      }
+      if (is_verb(told, "host") && !has_host) {
+        throw bad_line("there is no host to send it; right would be: virtual-reader FILE -- AGENT");
+      }
+    } catch (const bad_line& error) {
+      report(path + ":" + std::to_string(i + 1) + ": " + error.what() + "\n");
+      is_right = false;
+    }
+  return is_right;
+}
+
+bool script::play(const session& with, const manner& how) {
+  bool held = true, has_waited = false;
+  for (number = 1; number <= lines.size() && !how.is_over(); ++number) {
+    const std::string& line = lines[number - 1];
+    const command told = parse(line);
+    if (is_verb(told, "again")) {
+      number = 0;
+      continue;
+    }
+    const bool waits = told.rests || is_verb(told, "expect") || is_verb(told, "host");
+    if (waits && !std::exchange(has_waited, true)) how.before_waiting();
+    held &= carry_out(with, line, place() + ": ", how.report);
+    if (!held && !how.keeps_going) return false;
+  }
+  if (!has_waited) how.before_waiting();
+  return held;
+}
+
+}  // namespace virtual_reader

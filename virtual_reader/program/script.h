@@ -1,0 +1,47 @@
+// Lines of verbs, one after the other.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "session.h"
+
+namespace virtual_reader {
+
+using report_function = std::function<void(const std::string& lines)>;
+
+// Carries out a line. What goes wrong is reported, after `place`, and then it returns false. Throws
+// interruption.
+bool carry_out(const session& with, const std::string& line, const std::string& place,
+               const report_function& report);
+
+// A file of verbs, whole.
+class script {
+ public:
+  // Throws std::runtime_error with one line when it cannot be read.
+  explicit script(const std::string& path);
+
+  // Reports every line that is wrong. True if there is none.
+  bool check(bool has_host, const report_function& report) const;
+
+  struct manner {
+    bool keeps_going;                      // after a line that went wrong
+    std::function<void()> before_waiting;  // called before the first line that waits for agents
+    std::function<bool()> is_over;         // asked before each line
+    report_function report;
+  };
+  // Plays it to its end, or to the first line that goes wrong. False if anything has gone wrong;
+  // throws interruption.
+  bool play(const session& with, const manner& how);
+
+  // FILE:LINE of the line that is carried out; for the thread that plays.
+  std::string place() const { return path + ":" + std::to_string(number); }
+
+ private:
+  const std::string path;
+  std::vector<std::string> lines;
+  std::size_t number = 0;
+};
+
+}  // namespace virtual_reader

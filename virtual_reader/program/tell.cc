@@ -1,0 +1,80 @@
+#include "tell.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iostream>
+#include <sstream>
+
+#include "printer.h"
+#include "verbs.h"
+#include "wire.h"
+
+namespace virtual_reader {
+
+namespace {
+
+int fail(const std::string& why) {
+  write_all(STDERR_FILENO, "virtual-reader: " + why + "\n");
+  return 2;
+}
+
+}  // namespace
+
+int tell(const std::string& socket_path, const std::string& verbs) {
+  signal(SIGPIPE, SIG_IGN);
+  const descriptor link(connect_to(socket_path));
+  if (link.number < 0) return fail("no virtual reader is on " + socket_path);
+  std::string why;
+  const auto peer = exchange_greetings(link.number, teller_greeting, &why);
+  if (!peer) return fail("no virtual reader is on " + socket_path + ": " + why);
+  if (peer->version != protocol_version) {
+    return fail("the one on " + socket_path + " is another version of the virtual reader");
+  }
+  if (!send_message(link.number, {{}, {verbs}}, in(message_limit))) {
+    return fail("the virtual reader has gone, or the verbs are too long");
+  }
+  // However long the verbs may take: the reader bounds that.
+  while (wait_for(link.number, POLLIN, never)) {
+    const auto given = receive_message(link.number, telling_size_limit, in(message_limit));
+    if (!given || given->numbers.empty()) break;
+    const bool is_line = given->numbers[0] == line_message;
+    std::string text;
+    for (const std::string& line : given->texts) text += line;
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    write_all(is_line ? STDOUT_FILENO : STDERR_FILENO, text);
+    if (!is_line) return given->numbers.size() == 2 && given->numbers[1] == 0 ? 0 : 1;
+  }
+  return fail("the virtual reader has gone before it was done");
+}
+
+void serve_teller(int socket, const std::function<bool()>& is_over, device& reader,
+                  std::atomic<std::uint64_t>& cursor, surroundings around) {
+  const auto given = receive_message(socket, telling_size_limit, in(message_limit));
+  if (!given || given->texts.size() != 1) return;
+  const auto send = [&](const message& told) {
+    return send_message(socket, told, in(message_limit));
+  };
+  around.may_follow = true;
+  around.is_interrupted = is_over;
+  around.answer = [&](const std::string& line) {
+    if (!send({{line_message}, {line}})) throw interruption();
+  };
+  session told(reader, cursor, std::move(around));
+  std::istringstream lines(given->texts[0]);
+  message outcome{{outcome_message, 0}, {}};
+  try {
+    for (std::string line; std::getline(lines, line);) told.carry_out(line);
+  } catch (const bad_line& error) {
+    outcome = {{outcome_message, 1}, {error.what()}};
+  } catch (const failed_expectation& failure) {
+    outcome = {{outcome_message, 1}, {failure.text()}};
+  } catch (const interruption&) {
+    outcome = {{outcome_message, 1}, {"interrupted"}};
+  }
+  send(outcome);
+}
+
+}  // namespace virtual_reader
