@@ -106,6 +106,32 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
             await asyncio.wait_for(reader.close(), 3)
             self.assertEqual(reader.state, "closed")
 
+    async def test_on_connect_is_for_one_connection_and_close_for_all_who_ask(self):
+        connections = []
+
+        async def on_connect(reader):
+            connections.append(reader.name)
+            try:
+                await asyncio.sleep(60 if len(connections) == 1 else 0)
+            except asyncio.CancelledError:
+                connections.append("cancelled")
+                raise
+
+        reader = CardReader(AGENT, env=self.bench.env, on_connect=on_connect)
+        await reader.start()
+        while not connections:
+            await asyncio.sleep(0.01)
+        self.bench.tell("replug")
+        await reader.wait_for_reader(timeout=5)
+        self.assertEqual(connections[1:], ["cancelled", reader.name])
+        self.bench.tell("delay BeepNow 300")
+        beep = asyncio.ensure_future(reader.beep())
+        await asyncio.sleep(0.05)
+        closing = asyncio.ensure_future(reader.close())
+        await asyncio.sleep(0.05)
+        await reader.close()
+        await asyncio.gather(closing, beep)  # it is carried out, however often one closes
+
     async def test_ctrl_c_lets_the_host_clean_up_first(self):
         command = [sys.executable, "-c", CLEANS_UP, AGENT]
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}

@@ -1,6 +1,7 @@
 """The door list of examples/, as it is, through all that can happen in a shift."""
 
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -13,13 +14,14 @@ from bench import AGENT, BUNDLE, VirtualReader, child_of, ends
 
 PACKAGE = Path(__file__).resolve().parents[1]
 EXAMPLE = PACKAGE / "examples/door_list.py"
+README = PACKAGE.parent / "README.md"
 
 
 class ShiftTest(unittest.TestCase):
-    def start(self, agent, env):
+    def start(self, agent, env, program=EXAMPLE):
         """The example, as the shell starts it: in a process group of its own."""
         example = subprocess.Popen(
-            [sys.executable, EXAMPLE, agent],
+            [sys.executable, program, agent],
             env={**env, "PYTHONPATH": str(PACKAGE)},
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -81,3 +83,18 @@ class ShiftTest(unittest.TestCase):
         self.assertTrue(errors.splitlines()[-1].startswith("the agent ended with status 127: "))
         self.assertNotIn("Traceback", errors)
         self.assertEqual(without_library.returncode, 1)
+
+    def test_the_program_that_hosts_readme_shows(self):
+        [text] = re.findall("```python\n(.*?)```", README.read_text("utf-8"), re.DOTALL)
+        program = Path(tempfile.mkdtemp()) / "cards.py"
+        program.write_text(text)
+        bench = VirtualReader()
+        self.addCleanup(bench.close)
+        bench.tell("card queue 3AB1234/26")
+        cards = self.start(AGENT, {**bench.env, "PYTHONUNBUFFERED": "1"}, program)
+        self.assertEqual(cards.stdout.readline(), "3AB1234\n")
+        os.killpg(cards.pid, signal.SIGINT)
+        self.assertEqual((cards.communicate(timeout=5), cards.returncode), (("", ""), 0))
+        nowhere = self.start("/nowhere/agent", os.environ, program)
+        message = "cannot start /nowhere/agent: ENOENT, No such file or directory\n"
+        self.assertEqual((nowhere.communicate(timeout=5), nowhere.returncode), (("", message), 1))
