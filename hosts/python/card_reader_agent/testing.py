@@ -153,9 +153,9 @@ class VirtualReader:
         """Raises VirtualReaderError when it comes within so many seconds."""
         self.tell(f"expect no {pattern} within {round(within * 1000)}")
 
-    def record(self, count: int | None = None) -> list[str]:
-        """The last entries of what has happened."""
-        return self.tell(f"record {'' if count is None else count}").splitlines()
+    def record(self, count: int = 1_000_000) -> list[str]:
+        """The last entries of what has happened, by default all."""
+        return self.tell(f"record {count}").splitlines()
 
     def _listen(self) -> None:
         """Takes what the program prints off its pipe, up to the end."""

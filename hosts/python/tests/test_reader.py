@@ -11,8 +11,9 @@ import time
 import unittest
 from pathlib import Path
 
-from bench import AGENT, VirtualReader, child_of, ends
+from bench import AGENT, child_of, ends
 from card_reader_agent import Card, CardGone, CardReader, CardReaderError, State
+from card_reader_agent.testing import VirtualReader
 
 PACKAGE = Path(__file__).resolve().parents[1]
 
@@ -46,7 +47,7 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
     async def asyncSetUp(self):
         asyncio.get_running_loop().set_debug(False)
         self.bench = VirtualReader()
-        self.addCleanup(lambda: self.assertEqual(self.bench.close(), 0))
+        self.addCleanup(self.bench.close)
 
     async def test_each_who_iterates_gets_all_from_then_on(self):
         async def listen(reader, kinds, until):
@@ -64,7 +65,7 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
             await reader.wait_for_reader(timeout=5)
             late = asyncio.ensure_future(listen(reader, Card, CardGone))
             await asyncio.sleep(0)
-            self.bench.tell("card queue 3AB1234/26")
+            self.bench.queue("3AB1234/26")
             cards = await asyncio.wait_for(late, 5)
         events = await asyncio.wait_for(early, 5)
         self.assertEqual([event.id for event in cards], ["3AB1234"])
@@ -74,7 +75,7 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
 
     async def test_a_host_that_stands_still_loses_no_card(self):
         async with CardReader(AGENT, env=self.bench.env, card_gone_after=0.2) as reader:
-            self.bench.tell("card hold 3AB1234/26")
+            self.bench.hold("3AB1234/26")
             events = reader.__aiter__()
             while not isinstance(await events.__anext__(), Card):
                 pass
@@ -121,10 +122,10 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         await reader.start()
         while not connections:
             await asyncio.sleep(0.01)
-        self.bench.tell("replug")
+        self.bench.replug()
         await reader.wait_for_reader(timeout=5)
         self.assertEqual(connections[1:], ["cancelled", reader.name])
-        self.bench.tell("delay BeepNow 300")
+        self.bench.delay("BeepNow", 0.3)
         beep = asyncio.ensure_future(reader.beep())
         await asyncio.sleep(0.05)
         closing = asyncio.ensure_future(reader.close())

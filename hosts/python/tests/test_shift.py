@@ -7,10 +7,12 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 from pathlib import Path
 
-from bench import AGENT, BUNDLE, VirtualReader, child_of, ends
+from bench import AGENT, BUNDLE, child_of, ends
+from card_reader_agent.testing import VirtualReader
 
 PACKAGE = Path(__file__).resolve().parents[1]
 EXAMPLE = PACKAGE / "examples/door_list.py"
@@ -47,29 +49,36 @@ class ShiftTest(unittest.TestCase):
                 self.assertEqual(example.stdout.readline().strip(), line)
 
         says("searching", "ready")
-        bench.tell("card hold 3AB1234/26")
+        bench.expect("led red")
+        bench.hold("3AB1234/26")
         says("Ada, come in")
-        effects = bench.tell("expect call BeepNow", "wait 1500", "card remove")
-        self.assertEqual(effects.count("beep short"), 1)  # however long she holds it
-        bench.tell("expect led red")  # as it was before she came
+        bench.expect("led green")
+        bench.expect("beep short 1")
+        bench.expect_no("beep", within=1.5)  # however long she holds it
+        bench.remove()
+        bench.expect("led red")
 
-        bench.tell("replug")
+        bench.replug()
         says("searching the reader was connected anew", "ready")
-        self.assertIn("red", bench.tell("led"))  # again
+        self.assertEqual(bench.tell("led"), "led red\n")  # again
 
-        bench.tell("unplug")
+        bench.unplug()
         says("searching the reader has gone")
-        bench.tell("wait 2000", "plug")
+        time.sleep(2)
+        bench.plug()
         says("ready")
 
         os.kill(child_of(example.pid), signal.SIGKILL)
         says("restarting the agent was ended by SIGKILL", "starting", "searching", "ready")
 
-        bench.tell("hang BeepNow", "card queue 00")
+        bench.hang("BeepNow")
+        bench.queue("00")
         says("00: not listed")
-        bench.tell("expect begins BeepNow", "release", "card queue CDAB1234")
+        bench.expect("begins BeepNow")
+        bench.release()
+        bench.queue("CDAB1234")
         says("Grace, come in")
-        self.assertIn("led green", bench.tell("expect led green", "expect beep"))
+        bench.expect("led green")
 
         agent = child_of(example.pid)
         os.killpg(example.pid, signal.SIGINT)
@@ -90,7 +99,7 @@ class ShiftTest(unittest.TestCase):
         program.write_text(text)
         bench = VirtualReader()
         self.addCleanup(bench.close)
-        bench.tell("card queue 3AB1234/26")
+        bench.queue("3AB1234/26")
         cards = self.start(AGENT, {**bench.env, "PYTHONUNBUFFERED": "1"}, program)
         self.assertEqual(cards.stdout.readline(), "3AB1234\n")
         os.killpg(cards.pid, signal.SIGINT)
