@@ -11,6 +11,7 @@
 #include "options.h"
 #include "outcome.h"
 #include "printer.h"
+#include "screen.h"
 #include "script.h"
 #include "socket_path.h"
 #include "tell.h"
@@ -96,6 +97,7 @@ int run(const options& chosen) {
   device reader(path, !chosen.unplugged, [&](int socket, const std::function<bool()>& is_over) {
     serve_teller(socket, is_over, reader, tellers_cursor, for_all);
   });
+  if (chosen.screen) start_screen(path);
   printer printed(reader.happened, channel::output, print, look_on(STDOUT_FILENO));
   printing = &printed;
   const auto report = [&](const std::string& lines) { printed.say(channel::error, lines); };

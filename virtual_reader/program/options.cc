@@ -20,6 +20,7 @@ const char usage[] =
     "  --stay           goes on after the end of the input, to a signal or COMMAND's end\n"
     "  --keep-going     goes on with FILE after an expectation that failed\n"
     "  --limit SECONDS  for the whole\n"
+    "  --screen         shows the reader on a page in the browser\n"
     "  --tell VERB      has a reader that runs carry the verb out\n"
     "  --version, --help\n"
     "Status 0: all held; 1: an expectation failed; 2: wrong usage or a wrong line in FILE;\n"
@@ -30,6 +31,7 @@ std::optional<options> parse_options(int count, char** arguments) {
   const option known[] = {{"help", no_argument, &chosen.help, 1},
                           {"keep-going", no_argument, &chosen.keep_going, 1},
                           {"limit", required_argument, nullptr, 'l'},
+                          {"screen", no_argument, &chosen.screen, 1},
                           {"socket", required_argument, nullptr, 's'},
                           {"stay", no_argument, &chosen.stay, 1},
                           {"tell", required_argument, nullptr, 't'},
@@ -61,7 +63,8 @@ std::optional<options> parse_options(int count, char** arguments) {
   if (optind < own_count) return fail("one FILE at a time");
   if (dashes != end && chosen.command.empty()) return fail("the COMMAND behind `--` is missing");
   const bool tells_alone = chosen.file.empty() && chosen.command.empty() && !chosen.unplugged &&
-                           !chosen.stay && !chosen.keep_going && chosen.limit.count() == 0;
+                           !chosen.stay && !chosen.screen && !chosen.keep_going &&
+                           chosen.limit.count() == 0;
   if (chosen.tell && !tells_alone) return fail("--tell goes with --socket alone");
   return chosen;
 }

@@ -9,7 +9,7 @@
 namespace virtual_reader {
 
 struct options {
-  int unplugged = 0, stay = 0, keep_going = 0, version = 0, help = 0;
+  int unplugged = 0, stay = 0, keep_going = 0, screen = 0, version = 0, help = 0;
   std::string socket, file;
   std::optional<std::string> tell;
   std::chrono::milliseconds limit{0};  // none if 0
