@@ -44,28 +44,29 @@ final class AgentTests: XCTestCase {
   }
 
   func testWhatCannotBeStarted() async throws {
-    let bench = try Bench()
-    let text = "\(bench.folder)/text"
+    let folder = try makeFolder()
+    defer { try? FileManager.default.removeItem(atPath: folder) }
+    let text = "\(folder)/text"
     XCTAssert(
       FileManager.default.createFile(
         atPath: text, contents: Data("no program".utf8), attributes: [.posixPermissions: 0o700]))
-    for (path, code) in [(text, ENOEXEC), ("\(text)/x", ENOTDIR), (bench.folder, EACCES)] {
+    for (path, code) in [(text, ENOEXEC), ("\(text)/x", ENOTDIR), (folder, EACCES)] {
       let reader = CardReader(path: path)
       await reader.start()
       do {
         try await reader.waitForReader(timeout: 5)
+        XCTFail(path)
       } catch CardReaderError.agentStart(code: code, _) {}
       await reader.close()
     }
     let error = CardReaderError.cannotStart("A", SystemError(code: 86), wrongProcessor: 86)
     XCTAssert("\(error)".contains("cannot start A: it runs under Rosetta"))
-    try await bench.end()
   }
 
   func testHundredThousandPings() async throws {
-    let bench = try Bench()
+    let virtual = try await startVirtualReader()
     for certain in [false, true] {
-      let agent = CardReaderAgent(path: agentProgram, env: bench.env, certain: certain)
+      let agent = CardReaderAgent(path: agentProgram, env: virtual.env, certain: certain)
       try agent.start()
       let start = Date()
       let answered = try await withThrowingTaskGroup(of: Int.self) { group in
@@ -79,7 +80,7 @@ final class AgentTests: XCTestCase {
             return answered
           }
         }
-        try await bench.tell("replug")
+        try await virtual.replug()
         return try await group.reduce(0, +)
       }
       XCTAssertEqual(answered, 100_000)
@@ -87,13 +88,13 @@ final class AgentTests: XCTestCase {
       let status = await agent.close()
       XCTAssertEqual(status, .exited(0))
     }
-    try await bench.end()
+    await virtual.close()
   }
 
   func testThousandCyclesLeakNothing() async throws {
-    let bench = try Bench()
+    let virtual = try await startVirtualReader()
     var options = CardReader.Options()
-    options.env = bench.env
+    options.env = virtual.env
     var alive: [Weak] = []
     var before = (descriptors: 0, threads: 0)
     for cycle in -50..<1000 {
@@ -116,19 +117,17 @@ final class AgentTests: XCTestCase {
     XCTAssertEqual(after.descriptors, before.descriptors)
     XCTAssertLessThanOrEqual(after.threads, before.threads + 2)
     XCTAssertEqual(alive.filter { $0.object != nil }.count, 0, "a task holds them")
-    try await bench.end()
+    await virtual.close()
   }
 
   func testAnAgentHasItsOwnSessionAndNoDescriptorOfAnothers() async throws {
-    let bench = try Bench()
+    let folder = try makeFolder()
+    defer { try? FileManager.default.removeItem(atPath: folder) }
+    let script = "\(folder)/script"
+    makeScript(script, "echo out of order >&2; exec cat >/dev/null")
     let said = Inbox<String>()
     signal(SIGTERM, SIG_IGN)
     defer { signal(SIGTERM, SIG_DFL) }
-    let script = "\(bench.folder)/script"
-    let text = "#!/bin/sh\necho out of order >&2; exec cat >/dev/null"
-    XCTAssert(
-      FileManager.default.createFile(
-        atPath: script, contents: Data(text.utf8), attributes: [.posixPermissions: 0o700]))
     let first = CardReaderAgent(path: script)
     let second = CardReaderAgent(
       path: script, stderr: .function { text in Task { await said.put(text) } },
@@ -137,7 +136,12 @@ final class AgentTests: XCTestCase {
     try second.start()
     let pid = await second.pid!
     XCTAssertEqual(getsid(pid), pid)
+    let limit = Task {
+      try await Task.sleep(nanoseconds: 10_000_000_000)
+      first.kill()
+    }
     let closed = await first.close()  // though the second one still runs
+    limit.cancel()
     XCTAssertEqual(closed, .exited(0))
     let heard = try await said.next()
     XCTAssertEqual(heard, "out of order\n")
@@ -152,7 +156,6 @@ final class AgentTests: XCTestCase {
       XCTAssertEqual(status, .signaled(SIGTERM))
       XCTAssertEqual(reason, "the agent was ended by SIGTERM: out of order")
     }
-    try await bench.end()
   }
 }
 

@@ -1,3 +1,4 @@
+import CardReaderAgentTesting
 import Dispatch
 import Foundation
 import XCTest
@@ -64,40 +65,25 @@ final class Program: Sendable {
     }
   }
 
-  func write(_ text: String) { queue.async { [process] in process.write(Array(text.utf8)) } }
-  func closeInput() { queue.async { [process] in process.closeInput() } }
   func kill() { queue.async { [process] in process.signal(SIGKILL) } }
 }
 
-/// A virtual reader that is told through its standard input.
-final class Bench: Sendable {
-  let folder: String
-  let env: [String: String]
-  private let process: Program
+/// A virtual reader, also for builds that are not on the path.
+func startVirtualReader(plugged: Bool = true) async throws -> VirtualReader {
+  try await VirtualReader.start(program: virtualReader, plugged: plugged)
+}
 
-  init() throws {
-    folder = NSTemporaryDirectory() + "/" + UUID().uuidString
-    try FileManager.default.createDirectory(
-      atPath: folder, withIntermediateDirectories: true, attributes: [.posixPermissions: 0o700])
-    var env = surroundings
-    env["VIRTUAL_READER_SOCKET"] = "\(folder)/reader.sock"
-    self.env = env
-    process = try Program([virtualReader], env: env)
-  }
+/// A folder for a test's own files, which it removes.
+func makeFolder() throws -> String {
+  let folder = FileManager.default.temporaryDirectory.appendingPathComponent(UUID().uuidString).path
+  try FileManager.default.createDirectory(atPath: folder, withIntermediateDirectories: true)
+  return folder
+}
 
-  /// Has the verb carried out, and returns what was printed since the one before.
-  @discardableResult
-  func tell(_ verb: String) async throws -> [String] {
-    process.write("\(verb)\nbeeps\n")
-    var told: [String] = []
-    while told.last?.hasPrefix("= beeps ") != true { told.append(try await process.lines.next()) }
-    return told.dropLast()
-  }
-
-  func end() async throws {
-    process.closeInput()
-    let status = try await process.status.next()
-    try FileManager.default.removeItem(atPath: folder)
-    if status != .exited(0) { throw Failure("the virtual reader: \(String(describing: status))") }
-  }
+/// Makes a shell script, or what can't be run.
+func makeScript(_ path: String, _ text: String, mode: Int = 0o700) {
+  let made = FileManager.default.createFile(
+    atPath: path, contents: Data("#!/bin/sh\n\(text)\n".utf8), attributes: [.posixPermissions: mode]
+  )
+  XCTAssert(made, path)
 }

@@ -10,8 +10,8 @@ final class DoorListTests: XCTestCase {
     let python = ["python3", "\(hosts)/python/examples/door_list.py", agentProgram]
     let node = ["node", "\(hosts)/node/examples/door-list.mjs", agentProgram]
     for command in [[products + "/door-list", agentProgram], python, node] {
-      let bench = try Bench()
-      var env = bench.env
+      let virtual = try await startVirtualReader()
+      var env = virtual.env
       env["PYTHONPATH"] = "\(hosts)/python"
       env["PYTHONDONTWRITEBYTECODE"] = "1"
       let example = try Program(["/usr/bin/env"] + command, env: env)
@@ -22,19 +22,21 @@ final class DoorListTests: XCTestCase {
         }
       }
       try await says("searching", "ready")
-      try await bench.tell("card hold 3AB1234/26")
+      try await virtual.hold("3AB1234/26")
       try await says("Ada, come in")
-      let effects = try await bench.tell("expect call BeepNow\nwait 1000\ncard remove")
-      XCTAssert(effects.contains("led green"))
-      XCTAssertEqual(
-        effects.filter { $0.hasPrefix("beep short") }.count, 1, "she held it only once")
-      try await bench.tell("expect led red\ncard queue 00")
+      try await virtual.expect("led green")
+      try await virtual.expect("beep short 1")
+      try await virtual.expectNo("beep", within: 1)  // however long she holds it
+      try await virtual.remove()
+      try await virtual.expect("led red")
+      try await virtual.queue("00")
       try await says("00: not listed")
-      try await bench.tell("expect call BeepNow\nunplug")
+      try await virtual.expect("beep short 2")
+      try await virtual.unplug()
       try await says("searching the reader has gone")
       example.kill()
       _ = try await example.status.next()
-      try await bench.end()
+      await virtual.close()
     }
   }
 }

@@ -1,3 +1,4 @@
+import CardReaderAgentTesting
 import Foundation
 import XCTest
 
@@ -59,7 +60,8 @@ extension CardReader {
 }
 
 private final class Situation {
-  private let bench: Bench
+  private let virtual: VirtualReader
+  private let folder: String
   private var options = CardReader.Options()
   private var program = agentProgram
   private var reader: CardReader?
@@ -70,12 +72,14 @@ private final class Situation {
   private var cancelled = 0
   private var lastPid: Int32?
 
-  init() throws {
-    bench = try Bench()
-    options.env = bench.env
+  init() async throws {
+    folder = try makeFolder()
+    virtual = try await startVirtualReader()
+    options.env = virtual.env
   }
 
   func play(_ lines: [(number: Int, text: String)]) async throws {
+    defer { try? FileManager.default.removeItem(atPath: folder) }
     do {
       for (number, line) in lines {
         do {
@@ -90,13 +94,13 @@ private final class Situation {
       }
     } catch {
       await reader?.close()
-      try? await bench.end()
+      await virtual.close()
       throw error
     }
     await reader?.close()
     await listener?.value
     if let lastPid, kill(lastPid, 0) == 0 { throw Failure("the agent is left") }
-    try await bench.end()
+    await virtual.close()
   }
 
   private func play(_ line: String) async throws {
@@ -106,7 +110,7 @@ private final class Situation {
     switch words[0] {
     case "option": try set(rest)
     case "agent": try choose(rest)
-    case "!": try await bench.tell(rest)
+    case "!": try await virtual.tell(rest)
     case "start": await start()
     case ">": try await begin(rest)
     case "cancel":
@@ -149,18 +153,14 @@ private final class Situation {
   }
 
   private func choose(_ kind: String) throws {
-    let scripts = [
-      "silent": "exec sleep 600", "dies": "echo no library here >&2; exit 13", "denied": "",
-    ]
-    program = "\(bench.folder)/\(kind)"
-    if kind == "bundle" {
-      program = bundle
-    } else if let script = scripts[kind] {
-      _ = FileManager.default.createFile(
-        atPath: program, contents: Data("#!/bin/sh\n\(script)\n".utf8),
-        attributes: [.posixPermissions: kind == "denied" ? 0o600 : 0o700])
-    } else if kind != "missing" {
-      throw Failure("no such agent")
+    program = "\(folder)/\(kind)"
+    switch kind {
+    case "bundle": program = bundle
+    case "missing": break
+    case "denied": makeScript(program, "", mode: 0o600)
+    case "silent": makeScript(program, "exec sleep 600")
+    case "dies": makeScript(program, "echo no library here >&2; exit 13")
+    default: throw Failure("no such agent")
     }
   }
 
