@@ -3,19 +3,28 @@
 
 set(PCPROX_API_LIBRARY "" CACHE FILEPATH
   "The reader maker's library, to bundle in place of the virtual reader's")
+option(CARD_READER_RECORDER "Record the library's calls: see docs/first-contact.md" OFF)
 set(CARD_READER_BUNDLE_IDENTIFIER "local.card-reader-agent" CACHE STRING
   "The bundle's identifier; who ships the agent puts theirs")
 
 get_filename_component(bundle ${BUNDLE_CONTENTS} DIRECTORY)
 get_filename_component(bundle_name ${bundle} NAME)
 set(bundled_library ${CMAKE_SHARED_LIBRARY_PREFIX}pcProxAPI${CMAKE_SHARED_LIBRARY_SUFFIX})
-set(bundled_library_path ${BUNDLE_CONTENTS}/Frameworks/${bundled_library})
+set(agents_library_path ${BUNDLE_CONTENTS}/Frameworks/${bundled_library})
+set(bundled_library_path ${agents_library_path})
+set(recorder_origin "")
+if(CARD_READER_RECORDER)
+  # The agent loads the recorder, and the recorder the library.
+  set(bundled_library_path ${BUNDLE_CONTENTS}/Frameworks/${RECORDED_LIBRARY})
+  set(recorder_origin "-recorder")
+endif()
 
 # Either library has the same name in the bundle, and when the new one is refused, the one that this
 # build folder was configured with before must not pass for it.
-if(NOT "${PCPROX_API_LIBRARY}" STREQUAL "${bundled_before}")
-  file(REMOVE ${bundled_library_path})
-  set(bundled_before "${PCPROX_API_LIBRARY}" CACHE INTERNAL "PCPROX_API_LIBRARY of the last run")
+if(NOT "${PCPROX_API_LIBRARY}${recorder_origin}" STREQUAL "${bundled_before}")
+  file(REMOVE ${agents_library_path} ${BUNDLE_CONTENTS}/Frameworks/${RECORDED_LIBRARY})
+  set(bundled_before "${PCPROX_API_LIBRARY}${recorder_origin}" CACHE INTERNAL
+    "What the last run bundled")
 endif()
 
 # The agent links with the virtual reader's library in either case: that one's own name is the path
@@ -23,6 +32,10 @@ endif()
 set(check_library ${CMAKE_COMMAND} -D NM=${CMAKE_NM} -D SYSTEM=${CMAKE_SYSTEM_NAME}
   -D ARCHITECTURES=${CMAKE_OSX_ARCHITECTURES} -D HEADER=${CMAKE_SOURCE_DIR}/src/pc_prox_api.h)
 set(check_library_script ${CMAKE_CURRENT_LIST_DIR}/check_reader_library.cmake)
+if(PCPROX_API_LIBRARY OR CARD_READER_RECORDER)
+  set_target_properties(pcProxAPI PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/link_interface)
+endif()
 if(PCPROX_API_LIBRARY)
   get_filename_component(library_to_bundle "${PCPROX_API_LIBRARY}" REALPATH
     BASE_DIR ${CMAKE_SOURCE_DIR})
@@ -32,8 +45,6 @@ if(PCPROX_API_LIBRARY)
   endif()
   set(library_origin "")
   message(STATUS "Bundling the reader library ${library_to_bundle}")
-  set_target_properties(pcProxAPI PROPERTIES
-    LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/link_interface)
   add_custom_target(bundle ALL
     COMMAND ${check_library} -D "LIBRARY=${library_to_bundle}" -P ${check_library_script}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${BUNDLE_CONTENTS}/Frameworks
@@ -42,10 +53,25 @@ if(PCPROX_API_LIBRARY)
 else()
   set(library_origin "-virtual-reader")
   message(STATUS "Bundling the virtual reader's library")
+  set(copy_library "")
+  if(CARD_READER_RECORDER)
+    set(copy_library COMMAND ${CMAKE_COMMAND} -E copy_if_different
+      $<TARGET_FILE:pcProxAPI> ${bundled_library_path})
+  endif()
   add_custom_target(bundle ALL
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${BUNDLE_CONTENTS}/Frameworks
+    ${copy_library}
     COMMAND ${check_library} -D LIBRARY=${bundled_library_path} -P ${check_library_script}
     COMMENT "Bundling the virtual reader's library" VERBATIM)
   add_dependencies(bundle pcProxAPI)
+endif()
+if(CARD_READER_RECORDER)
+  message(STATUS "Bundling the recorder in front of it")
+  add_custom_command(TARGET bundle POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different
+      $<TARGET_FILE:pcProxAPI-recorder> ${agents_library_path} VERBATIM)
+  add_dependencies(bundle pcProxAPI-recorder)
+  install(PROGRAMS ${agents_library_path} DESTINATION ${bundle_name}/Contents/Frameworks)
 endif()
 # So that building the agent alone also gives a bundle that runs.
 add_dependencies(card-reader-agent bundle)
@@ -63,7 +89,7 @@ if(APPLE)
 endif()
 set(CPACK_PACKAGE_NAME card-reader-agent)
 set(CPACK_PACKAGE_VENDOR "")
-set(CPACK_PACKAGE_FILE_NAME card-reader-agent-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}${library_origin})
+set(CPACK_PACKAGE_FILE_NAME card-reader-agent-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}${library_origin}${recorder_origin})
 set(CPACK_PACKAGE_CHECKSUM SHA256)
 set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
 include(CPack)
