@@ -6,7 +6,7 @@ import { chmodSync, mkdtempSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { test } from 'node:test';
 import { CardReaderAgent, CardReaderError } from 'card-reader-agent';
-import { VirtualReader } from './interim.mjs';
+import { VirtualReader } from 'card-reader-agent/testing';
 
 // A test with a virtual reader of its own, which has carried out `verbs`.
 function check(name, verbs, body) {
@@ -92,9 +92,9 @@ check('replugging amid 10,000 commands', ['hang BeepNow'], async ({ virtual, sta
   const replaced = once(agent, 'replaced');
   const texts = Array.from({ length: 10_000 }, (_, i) => `${i}`.padEnd(50, '.'));
   const answers = outcomes([agent.beep(old), ...texts.map((text) => agent.ping(text))]);
-  await virtual.tell('replug');
-  await virtual.tell('clear');
-  await virtual.tell('release');
+  await virtual.replug();
+  await virtual.clear();
+  await virtual.release();
   assert.match((await answers)[0], /^CommandError: (Beeping failed with error 1|Action was for)/);
   assert.deepEqual((await answers).slice(1), texts);
   assert.deepEqual(await replaced, [agent.reader, old]);

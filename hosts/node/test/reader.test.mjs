@@ -5,7 +5,7 @@ import { getEventListeners, once } from 'node:events';
 import { createRequire } from 'node:module';
 import { test } from 'node:test';
 import * as imported from 'card-reader-agent';
-import { VirtualReader } from './interim.mjs';
+import { VirtualReader } from 'card-reader-agent/testing';
 
 const { CardReader } = imported;
 
@@ -50,7 +50,7 @@ check('events, iterated over', {}, async (reader, virtual) => {
     for await (const event of reader) seen.push(event);
   })();
   const card = CardReader.once(reader, 'card');
-  await virtual.tell('card hold 3AB1234/26');
+  await virtual.hold('3AB1234/26');
   assert.deepEqual(await card, ['3AB1234']);
   assert.equal(reader.card, '3AB1234');
   await reader[Symbol.asyncDispose ?? Symbol.for('Symbol.asyncDispose')]();
@@ -71,7 +71,7 @@ check('events, iterated over', {}, async (reader, virtual) => {
 check('a busy host blames nobody', { cardGoneAfter: 200, watchdogTimeout: 300 }, async (reader, virtual) => {
   const seen = [];
   for (const event of ['state', 'card', 'cardGone']) reader.on(event, () => seen.push(event));
-  await virtual.tell('card hold 3AB1234/26');
+  await virtual.hold('3AB1234/26');
   await once(reader, 'poll');
   for (let i = 0; i < 3; i++) {
     const answer = reader.ping('one', { timeout: 100 });
@@ -108,4 +108,31 @@ check('pauses that grow', { path: '/usr/bin/false', restartDelay: 50, giveUpAfte
   assert.ok(took > 345 && took < 5000, `${took}`); // 50, 100 and 200
   assert.equal(reader.state, 'failed');
   await assert.rejects(reader.waitForReader(), /status 1/);
+});
+
+test('what changes while the host is at work', { timeout: 20_000 }, async () => {
+  const virtual = await VirtualReader.start();
+  let connected, finish;
+  const called = new Promise((resolve) => (connected = resolve));
+  const onConnect = () => {
+    connected();
+    return new Promise((resolve) => (finish = resolve));
+  };
+  const reader = new CardReader(process.env.AGENT, { env: virtual.env, restartDelay: 10, onConnect });
+  const seen = [];
+  reader.on('state', (state) => {
+    seen.push(state);
+    if (state === 'starting') reader.close(); // from within
+  });
+  reader.start();
+  await called;
+  await virtual.unplug();
+  await assert.rejects(reader.waitForReader({ timeout: 300 }), { name: 'DeadlineError' });
+  assert.equal(reader.reason, 'the reader has gone');
+  finish(); // too late: that reader has gone
+  await assert.rejects(reader.waitForReader({ timeout: 100 }), { name: 'DeadlineError' });
+  process.kill(reader.pid, 'SIGKILL');
+  await assert.rejects(reader.waitForReader(), /closed/);
+  assert.deepEqual([seen, reader.pid], [['searching', 'restarting', 'starting', 'closed'], undefined]);
+  await virtual.close();
 });

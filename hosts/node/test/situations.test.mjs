@@ -6,7 +6,7 @@ import { tmpdir } from 'node:os';
 import { describe, test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { CardReader } from 'card-reader-agent';
-import { VirtualReader } from './interim.mjs';
+import { VirtualReader } from 'card-reader-agent/testing';
 
 const PATIENCE = 20_000; // ms for what must come
 const folder = mkdtempSync(`${tmpdir()}/`);
