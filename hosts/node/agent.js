@@ -18,7 +18,8 @@ const STDERR_LIMIT = 4096; // bytes of it that an error tells
 const LAST_WORDS = 1000; // ms for output that another process keeps open after the agent's end
 const BAD_ARCHITECTURE = -86; // macOS: EBADARCH
 const ANSWER = /^(Ok|Error):(?: (.+))?$/s;
-const EVENT = /^(?:(Reader): (Global|Dev\d+(?:-[^\t-\r ]+)?)|(Card): ([\dA-F]{1,64})|(Log): (.*))$/s;
+const EVENT =
+  /^(?:(Reader): (Global|Dev\d+(?:-[^\t-\r ]+)?)|(Card): ([\dA-F]{1,64})|(Log): (.*))$/s;
 
 function decode(bytes) {
   if (isUtf8(bytes)) return bytes.toString();
@@ -41,6 +42,13 @@ function encode(text) {
   const unescape = (byte) => Buffer.of(byte.charCodeAt(0) - ESCAPE);
   const pieces = text.split(/([\udc80-\udcff])/u); // every second one is an escaped byte
   return Buffer.concat(pieces.map((piece, i) => (i % 2 ? unescape(piece) : Buffer.from(piece))));
+}
+
+// The agent's program, also where its bundle is named.
+function programOf(path) {
+  if (path instanceof URL) path = fileURLToPath(path);
+  if (!path || typeof path !== 'string') throw new TypeError(`Not the path of an agent: ${path}`);
+  return /\.app\/*$/.test(path) ? join(path, 'Contents/MacOS/card-reader-agent') : path;
 }
 
 // Calls what the host gave. An exception of its must not cost the lines behind: it is thrown later.
@@ -107,8 +115,7 @@ class CardReaderAgent extends EventEmitter {
 
   constructor(path, { env = process.env, stderr = 'inherit', trace, certain = false } = {}) {
     super();
-    path = path instanceof URL ? fileURLToPath(path) : path;
-    this.#path = /\.app\/*$/.test(path) ? join(path, 'Contents/MacOS/card-reader-agent') : path;
+    this.#path = programOf(path);
     this.#options = { env, stderr, trace };
     if (certain) this.#tokens = { secret: randomBytes(8).toString('hex'), last: 0 };
   }
@@ -342,5 +349,6 @@ module.exports = {
   CommandError,
   AgentStartError,
   AgentEndedError,
+  programOf,
   callBack,
 };

@@ -37,8 +37,8 @@ export class AgentEndedError extends CardReaderError {
 export class NoReaderError extends CardReaderError {}
 
 /**
- * Another reader was attached, or the same one anew, when the command's turn came. Nothing was done,
- * and what was set before on the LED or in the configuration may be lost.
+ * Another reader was attached, or the same one anew, when the command's turn came. Nothing was
+ * done, and what was set before on the LED or in the configuration may be lost.
  */
 export class ReaderChangedError extends CardReaderError {}
 
@@ -88,8 +88,9 @@ export interface ReaderOptions {
   /** A card that was not reported for so long is gone: 600. */
   cardGoneAfter?: number;
   /**
-   * Called on each connection of a reader, before `ready`; its commands go to that reader. If it
-   * rejects, a log event says why, and the state stays `searching` up to the next connection.
+   * Called on each connection of a reader, before `ready`. If it rejects, a log event says why, and
+   * the state stays `searching` up to the next connection. Whether it resolves no longer matters
+   * once that reader has gone.
    */
   onConnect?: ((reader: CardReader) => unknown) | null;
   /** The agent is killed when it has not ended so long after `close()`: 2,000. */
@@ -116,8 +117,8 @@ export interface ReaderEvents {
   /** A card appeared: its ID in upper-case hexadecimal digits. */
   card: [id: string];
   /**
-   * The card was not reported for `cardGoneAfter`, another one was, or reader or agent have gone: then
-   * before the event that tells so. The time that commands take does not count.
+   * The card was not reported for `cardGoneAfter`, another one was, or reader or agent have gone:
+   * then before the event that tells so. The time that commands take does not count.
    */
   cardGone: [id: string];
   /** A card was reported; one that is held there is again and again. */
@@ -145,10 +146,11 @@ export type ReaderEvent =
  * hangs, commands have deadlines, and cards come and go. Listeners are called in the order of what
  * happens; one that throws costs no other event.
  *
- * Commands go to the reader that is attached. They reject with `NoReaderError`, `ReaderChangedError`,
- * `ReaderFailedError`, `RejectedError`, `UnknownSettingsError`, `DeadlineError` or `AgentEndedError`;
- * or, with nothing sent, with `TypeError` or `RangeError` for arguments that can't be told in one line
- * of the protocol. One that is late or was cancelled leaves the answers of others as they are.
+ * Commands go to the reader that is attached. They reject with `NoReaderError`,
+ * `ReaderChangedError`, `ReaderFailedError`, `RejectedError`, `UnknownSettingsError`,
+ * `DeadlineError` or `AgentEndedError`; or, with nothing sent, with `TypeError` or `RangeError` for
+ * arguments that can't be told in one line of the protocol. One that is late or was cancelled
+ * leaves the answers of others as they are.
  */
 export class CardReader extends EventEmitter implements AsyncIterable<ReaderEvent> {
   constructor(path: AgentPath, options?: ReaderOptions);
@@ -187,12 +189,14 @@ export class CardReader extends EventEmitter implements AsyncIterable<ReaderEven
   resetConfig(limits?: Limits): Promise<void>;
 
   /**
-   * Resolves when the state is `ready`, at once if it is. Rejects when it is `failed`, with what led
-   * there, or `closed`. Has no deadline unless told.
+   * Resolves when the state is `ready`, at once if it is. Rejects when it is `failed`, with what
+   * led there, or `closed`. Has no deadline unless told.
    */
   waitForReader(limits?: Limits): Promise<void>;
 
-  /** The events from now on, in order, up to the state `failed` or `closed`. They wait in memory. */
+  /**
+   * The events from now on, in order, up to the state `failed` or `closed`. They wait in memory.
+   */
   [Symbol.asyncIterator](): AsyncIterableIterator<ReaderEvent>;
   /** Closes. */
   [Symbol.asyncDispose](): Promise<void>;
@@ -236,8 +240,8 @@ export interface AgentEvents {
   /** The agent ended and all its output was read; everything pending has failed. */
   end: [status: AgentStatus];
   /**
-   * The agent ended without `close()`. Told after `end`, and only if somebody listens, as `once` and
-   * `on` of `node:events` do, which thus reject.
+   * The agent ended without `close()`. Told after `end`, and only if somebody listens, as `once`
+   * and `on` of `node:events` do, which thus reject.
    */
   error: [error: AgentEndedError];
 }
@@ -251,8 +255,8 @@ export interface AgentEvents {
  * `RangeError`, with nothing sent, for arguments that can't be told in one line of the protocol: a
  * line feed or zero byte, a colon in a reader name, a lone surrogate that stands for no byte, white
  * space, a dot or an equals sign in a setting's name, a value that is no 32-bit integer, more than
- * 1023 bytes. Commands may be sent without waiting for the answers before; what the agent has not read
- * yet waits in memory.
+ * 1023 bytes. Commands may be sent without waiting for the answers before; what the agent has not
+ * read yet waits in memory.
  */
 export class CardReaderAgent extends EventEmitter {
   constructor(path: AgentPath, options?: AgentOptions);

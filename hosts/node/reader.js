@@ -1,6 +1,6 @@
 'use strict';
-// A card reader that is kept in use: the agent is started again when it ends or hangs, commands have
-// deadlines, and cards come and go.
+// A card reader that is kept in use: the agent is started again when it ends or hangs, commands
+// have deadlines, and cards come and go.
 
 const { EventEmitter } = require('node:events');
 const { Readable } = require('node:stream');
@@ -29,7 +29,7 @@ const LATE = Symbol('late');
 
 const ELSEWHERE = /^Action was for reader .*, but (there is no reader|the current reader is) /s;
 const FEEDBACK =
-  /^(?:Beeping|Setting LED state|Clearing LED state|Resetting card reader) failed with error (-?\d+)$/;
+  /^(?:Beeping|(?:Sett|Clear)ing LED state|Resetting card reader) failed with error (-?\d+)$/;
 const CONFIGURATION = /^(?:Failed to (?:read|write) reader config|Call to [GS]et\w+ failed; .*)$/;
 
 /** No reader is attached. */
@@ -136,7 +136,7 @@ class CardReader extends EventEmitter {
     if (!['inherit', 'ignore'].includes(stderr) && typeof stderr !== 'function') {
       throw new TypeError(`stderr can't be '${stderr}'`);
     }
-    this.#path = path;
+    this.#path = agents.programOf(path);
     this.#delay = this.#options.restartDelay;
   }
 
@@ -399,7 +399,9 @@ class CardReader extends EventEmitter {
     for (const events of this.#iterators) events.push(null);
     this.#iterators.clear();
     // For those who wait with once(): an error that nobody listens to would end the host.
-    if (state === 'failed' && this.listenerCount('error')) this.#tell('error', { error: this.#error });
+    if (state === 'failed' && this.listenerCount('error')) {
+      this.#tell('error', { error: this.#error });
+    }
   }
 
   #tellWaiters() {

@@ -8,16 +8,18 @@ export interface VirtualReaderOptions {
 }
 
 /**
- * A virtual reader for tests, one process with a private socket. It ends with `close()`, and with the
- * process that started it, whatever becomes of that.
+ * A virtual reader for tests, one process with a private socket. It ends with `close()`, and with
+ * the process that started it, whatever becomes of that.
  *
- * Each call is carried out when its promise resolves; it rejects with the reader's own words when the
- * verb is wrong or what was expected did not come.
+ * Each call is carried out when its promise resolves; it rejects with the reader's own words when
+ * the verb is wrong or what was expected did not come.
  */
 export class VirtualReader {
   static start(options?: VirtualReaderOptions): Promise<VirtualReader>;
 
-  /** The environment for the agent, or for the application under test, that is to find this reader. */
+  /**
+   * The environment for the agent, or for the application under test, that is to find this reader.
+   */
   readonly env: NodeJS.ProcessEnv;
 
   /** Has the reader carry out any verb, and resolves with what it answers. */
@@ -32,7 +34,9 @@ export class VirtualReader {
   /** Holds a card up until `remove()`. */
   hold(card: string): Promise<void>;
   remove(): Promise<void>;
-  /** The library's call fails: with this error number, and `once`, `times N`, `at K`, `always` ... */
+  /**
+   * The library's call fails: with this error number, and `once`, `times N`, `at K`, `always` ...
+   */
   fail(call: string, how?: { error?: number; when?: string }): Promise<void>;
   /** The library's next call of that name does not return until `release()`. */
   hang(call: string): Promise<void>;

@@ -16,7 +16,8 @@ class VirtualReader {
   #process;
   #closed = null;
 
-  static async start({ program = process.env.VIRTUAL_READER ?? 'virtual-reader', plugged = true } = {}) {
+  static async start({ program, plugged = true } = {}) {
+    program ??= process.env.VIRTUAL_READER ?? 'virtual-reader';
     const reader = new VirtualReader();
     reader.#program = program;
     reader.#folder = await mkdtemp(join(tmpdir(), 'reader-'));
@@ -33,7 +34,8 @@ class VirtualReader {
 
   // A pipe is its standard input, whose end ends it: a test that dies leaves none behind.
   async #launch(plugged) {
-    const options = ['--socket', this.env.VIRTUAL_READER_SOCKET, ...(plugged ? [] : ['--unplugged'])];
+    const options = ['--socket', this.env.VIRTUAL_READER_SOCKET];
+    if (!plugged) options.push('--unplugged');
     this.#process = spawn(this.#program, options, { stdio: ['pipe', 'pipe', 'inherit'] });
     await once(this.#process, 'spawn');
     const { stdin, stdout } = this.#process;

@@ -1,5 +1,5 @@
-// The door list tested as a host's own program: node --test door-list.test.mjs, with the programs of
-// the agent and the virtual reader in $AGENT and $VIRTUAL_READER.
+// The door list tested as a host's own program. $AGENT and $VIRTUAL_READER are the programs:
+//   node --test door-list.test.mjs
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';

@@ -140,7 +140,8 @@ test('programs that are no agent', { timeout: 20_000 }, async () => {
   const nowhere = new CardReaderAgent(new URL('file:///nowhere/A.app'));
   const answers = await outcomes([nowhere.start(), nowhere.ping(), nowhere.close()]);
   const program = '/nowhere/A.app/Contents/MacOS/card-reader-agent';
-  assert.equal(answers[0], `AgentStartError: cannot start ${program}: there is no such file (ENOENT)`);
+  const noFile = `AgentStartError: cannot start ${program}: there is no such file (ENOENT)`;
+  assert.equal(answers[0], noFile);
   await assert.rejects(nowhere.start(), { code: 'ENOENT' }); // and may be tried again
 });
 

@@ -46,7 +46,9 @@ test('installed it is complete', { skip: !npm && 'no npm', timeout: 110_000 }, a
     assert.equal(said, 'AgentStartError ENOENT\ntrue\nclosed function\n', name);
   }
   const installed = `${folder}/node_modules/card-reader-agent`;
-  for (const part of ['README.md', 'index.d.ts', 'testing.d.ts']) await readFile(`${installed}/${part}`);
+  for (const part of ['README.md', 'index.d.ts', 'testing.d.ts']) {
+    await readFile(`${installed}/${part}`);
+  }
   const { version } = JSON.parse(await readFile(`${installed}/package.json`));
   const project = await readFile(`${PACKAGE}/../../CMakeLists.txt`, 'utf8');
   assert.match(project, new RegExp(`\\bVERSION ${version.replaceAll('.', '\\.')}\\b`));

@@ -127,8 +127,10 @@ async function play(lines) {
     } else if (mark === '<') {
       const [, event, words = ''] = /^(.*?)(?:: (.*))?$/.exec(text);
       same(event, await events.next(PATIENCE), words, message);
-    } else if (mark === 'quiet') assert.equal(await events.next(Number(text)), undefined, message());
-    else if (mark === 'close') await reader.close();
+    } else if (mark === 'quiet') {
+      const came = await events.next(Number(text));
+      assert.equal(came, undefined, message(came?.[0]));
+    } else if (mark === 'close') await reader.close();
     else {
       const signal = { kill: 'SIGKILL', stop: 'SIGSTOP', continue: 'SIGCONT' }[mark];
       process.kill(reader.pid, signal);
