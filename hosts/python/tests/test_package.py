@@ -19,7 +19,7 @@ def run(*command, **options):
 def builder():
     """A Python that needs nothing from an index to build a package, or None."""
     for python in sys.executable, "/usr/bin/python3":
-        if not subprocess.call([python, "-c", "import setuptools, wheel"], stderr=subprocess.DEVNULL):
+        if not subprocess.call([python, "-c", "import pip, setuptools, wheel"], stderr=subprocess.DEVNULL):
             return python
     return None
 
@@ -30,8 +30,9 @@ class PackageTest(unittest.TestCase):
         source = folder / "a source"
         shutil.copytree(PACKAGE, source)  # to build it leaves files there
         python = builder()
-        run(python or sys.executable, "-m", "venv", "--system-site-packages", folder / "venv")
-        pip = [folder / "venv/bin/python", "-m", "pip", "install", "--quiet"]
+        pip_is_there = ["--system-site-packages", "--without-pip"] if python else []
+        run(python or sys.executable, "-m", "venv", *pip_is_there, folder / "venv")
+        pip = [folder / "venv/bin/python", "-m", "pip", "install", "--quiet", "--no-compile"]
         environment = {**os.environ, "PIP_DISABLE_PIP_VERSION_CHECK": "1"}
         environment.pop("PYTHONPATH", None)
         run(*pip, *(["--no-build-isolation", "--no-index"] if python else []), source, env=environment)
