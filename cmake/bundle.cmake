@@ -4,7 +4,8 @@
 set(PCPROX_API_LIBRARY "" CACHE FILEPATH
   "The reader maker's library, to bundle in place of the virtual reader's")
 option(CARD_READER_RECORDER "Record the library's calls: see docs/first-contact.md" OFF)
-set(CARD_READER_BUNDLE_IDENTIFIER "local.card-reader-agent" CACHE STRING
+set(example_identifier local.card-reader-agent)
+set(CARD_READER_BUNDLE_IDENTIFIER ${example_identifier} CACHE STRING
   "The bundle's identifier; who ships the agent puts theirs")
 
 get_filename_component(bundle ${BUNDLE_CONTENTS} DIRECTORY)
@@ -19,10 +20,40 @@ if(CARD_READER_RECORDER)
   set(recorder_origin "-recorder")
 endif()
 
+set(library_to_bundle "")
+set(library_origin "-virtual-reader")
+if(PCPROX_API_LIBRARY)
+  get_filename_component(library_to_bundle "${PCPROX_API_LIBRARY}" REALPATH
+    BASE_DIR ${CMAKE_SOURCE_DIR})
+  get_filename_component(folder "${library_to_bundle}" DIRECTORY)
+  get_filename_component(frameworks ${BUNDLE_CONTENTS}/Frameworks REALPATH)
+  # An indented line is printed as it is, however long.
+  if(NOT EXISTS "${library_to_bundle}" OR IS_DIRECTORY "${library_to_bundle}")
+    message(FATAL_ERROR "  PCPROX_API_LIBRARY: there is no such file: ${PCPROX_API_LIBRARY}")
+  elseif(folder STREQUAL frameworks)
+    message(FATAL_ERROR "  PCPROX_API_LIBRARY: this is where the library is copied to, so keep it "
+      "elsewhere: ${PCPROX_API_LIBRARY}")
+  endif()
+  # It is none but the virtual reader's, however it comes into the bundle.
+  file(STRINGS "${library_to_bundle}" virtual_reader REGEX VIRTUAL_READER_SOCKET LIMIT_COUNT 1)
+  if(NOT virtual_reader)
+    set(library_origin "")
+    if(CARD_READER_BUNDLE_IDENTIFIER STREQUAL example_identifier)
+      message(WARNING "  the bundle's identifier is still the example, ${example_identifier}; "
+        "yours goes here: -DCARD_READER_BUNDLE_IDENTIFIER=...")
+    endif()
+  endif()
+endif()
+
 # Either library has the same name in the bundle, and when the new one is refused, the one that this
-# build folder was configured with before must not pass for it.
+# build folder was configured with before must not pass for it. It is put aside, since it may have
+# been put there by hand.
 if(NOT "${PCPROX_API_LIBRARY}${recorder_origin}" STREQUAL "${bundled_before}")
-  file(REMOVE ${agents_library_path} ${BUNDLE_CONTENTS}/Frameworks/${RECORDED_LIBRARY})
+  foreach(name IN ITEMS ${bundled_library} ${RECORDED_LIBRARY})
+    if(EXISTS ${BUNDLE_CONTENTS}/Frameworks/${name})
+      file(RENAME ${BUNDLE_CONTENTS}/Frameworks/${name} ${CMAKE_BINARY_DIR}/replaced-${name})
+    endif()
+  endforeach()
   set(bundled_before "${PCPROX_API_LIBRARY}${recorder_origin}" CACHE INTERNAL
     "What the last run bundled")
 endif()
@@ -30,20 +61,21 @@ endif()
 # The agent links with the virtual reader's library in either case: that one's own name is the path
 # in the bundle, and whatever file lies there is loaded, under whatever name its maker gave it.
 set(check_library ${CMAKE_COMMAND} -D NM=${CMAKE_NM} -D SYSTEM=${CMAKE_SYSTEM_NAME}
-  -D ARCHITECTURES=${CMAKE_OSX_ARCHITECTURES} -D HEADER=${CMAKE_SOURCE_DIR}/src/pc_prox_api.h)
+  -D HEADER=${CMAKE_SOURCE_DIR}/src/pc_prox_api.h)
+if(APPLE)
+  find_program(OTOOL NAMES otool llvm-otool REQUIRED)
+  list(JOIN CMAKE_OSX_ARCHITECTURES "$<SEMICOLON>" architectures)
+  list(APPEND check_library -D OTOOL=${OTOOL} -D MINIMUM=${CMAKE_OSX_DEPLOYMENT_TARGET}
+    -D ARCHITECTURES=${architectures})
+else()
+  list(APPEND check_library -D LIKE=$<TARGET_FILE:pcProxAPI>)
+endif()
 set(check_library_script ${CMAKE_CURRENT_LIST_DIR}/check_reader_library.cmake)
-if(PCPROX_API_LIBRARY OR CARD_READER_RECORDER)
+if(library_to_bundle OR CARD_READER_RECORDER)
   set_target_properties(pcProxAPI PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/link_interface)
 endif()
-if(PCPROX_API_LIBRARY)
-  get_filename_component(library_to_bundle "${PCPROX_API_LIBRARY}" REALPATH
-    BASE_DIR ${CMAKE_SOURCE_DIR})
-  if(NOT EXISTS "${library_to_bundle}" OR IS_DIRECTORY "${library_to_bundle}")
-    # An indented line is printed as it is, however long.
-    message(FATAL_ERROR "  PCPROX_API_LIBRARY: there is no such file: ${PCPROX_API_LIBRARY}")
-  endif()
-  set(library_origin "")
+if(library_to_bundle)
   message(STATUS "Bundling the reader library ${library_to_bundle}")
   add_custom_target(bundle ALL
     COMMAND ${check_library} -D "LIBRARY=${library_to_bundle}" -P ${check_library_script}
@@ -51,7 +83,6 @@ if(PCPROX_API_LIBRARY)
     COMMAND ${CMAKE_COMMAND} -E copy_if_different "${library_to_bundle}" ${bundled_library_path}
     COMMENT "Bundling the reader library ${library_to_bundle}" VERBATIM)
 else()
-  set(library_origin "-virtual-reader")
   message(STATUS "Bundling the virtual reader's library")
   set(copy_library "")
   if(CARD_READER_RECORDER)
@@ -63,8 +94,9 @@ else()
     ${copy_library}
     COMMAND ${check_library} -D LIBRARY=${bundled_library_path} -P ${check_library_script}
     COMMENT "Bundling the virtual reader's library" VERBATIM)
-  add_dependencies(bundle pcProxAPI)
 endif()
+# To be bundled, or to compare with.
+add_dependencies(bundle pcProxAPI)
 if(CARD_READER_RECORDER)
   message(STATUS "Bundling the recorder in front of it")
   add_custom_command(TARGET bundle POST_BUILD
@@ -82,14 +114,20 @@ install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents)
 install(TARGETS card-reader-agent RUNTIME DESTINATION ${bundle_name}/Contents/MacOS)
 # As a program, so that a maker's library keeps every byte, and with it its signature.
 install(PROGRAMS ${bundled_library_path} DESTINATION ${bundle_name}/Contents/Frameworks)
+install(CODE "set(FOLDER \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${bundle_name}\")")
+install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/open_folders.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/open_folders.cmake)
 
 set(CPACK_GENERATOR TGZ)
+set(processors ${CMAKE_SYSTEM_PROCESSOR})
 if(APPLE)
   set(CPACK_GENERATOR ZIP)
+  # What the bundle is for, and not where it was built.
+  list(JOIN CMAKE_OSX_ARCHITECTURES "-" processors)
 endif()
 set(CPACK_PACKAGE_NAME card-reader-agent)
 set(CPACK_PACKAGE_VENDOR "")
-set(CPACK_PACKAGE_FILE_NAME card-reader-agent-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}${library_origin}${recorder_origin})
+set(CPACK_PACKAGE_FILE_NAME card-reader-agent-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${processors}${library_origin}${recorder_origin})
 set(CPACK_PACKAGE_CHECKSUM SHA256)
 set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
 include(CPack)

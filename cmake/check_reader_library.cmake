@@ -1,12 +1,28 @@
-# Fails unless a reader library has every function that the agent calls, and names those it lacks.
+# Fails unless LIBRARY is a shared library for the agent's system, architectures and oldest macOS,
+# and has every function that the agent calls; names those it lacks.
 #
-#   cmake -D LIBRARY=FILE -D HEADER=FILE -D NM=COMMAND -D SYSTEM=Linux|Darwin
-#         [-D ARCHITECTURES=x86_64] -P check_reader_library.cmake
+#   cmake -D LIBRARY=FILE -D HEADER=FILE -D NM=COMMAND -D SYSTEM=Linux -D LIKE=FILE
+#         -P check_reader_library.cmake
+#   cmake -D LIBRARY=FILE -D HEADER=FILE -D NM=COMMAND -D SYSTEM=Darwin -D OTOOL=COMMAND
+#         -D ARCHITECTURES=x86_64 -D MINIMUM=10.11 -P check_reader_library.cmake
 #
-# HEADER is the agent's declaration of the library.
+# HEADER is the agent's declaration of the library; LIKE a shared library that the agent can load.
 
 include(${CMAKE_CURRENT_LIST_DIR}/reader_library_functions.cmake)
 reader_library_functions("${HEADER}" functions)
+
+# refuse(WHAT): an indented line is printed as it is, however long.
+function(refuse)
+  list(JOIN ARGV "" why)
+  message(FATAL_ERROR "  not a reader library: ${LIBRARY}: ${why}")
+endfunction()
+
+# elf_kind(FILE RESULT): class and byte order, file type and machine, as they stand in the file.
+function(elf_kind FILE RESULT)
+  file(READ "${FILE}" header LIMIT 20 HEX)
+  string(REGEX REPLACE "^(7f454c46....)....................(........)$" "\\1 \\2" kind "${header}")
+  set(${RESULT} "${kind}" PARENT_SCOPE)
+endfunction()
 
 set(options -g)
 set(prefix "")
@@ -14,14 +30,38 @@ if(SYSTEM STREQUAL "Darwin")
   set(prefix "_")
   foreach(architecture IN LISTS ARCHITECTURES)
     list(APPEND options -arch ${architecture})
+    execute_process(COMMAND ${OTOOL} -arch ${architecture} -h -l "${LIBRARY}"
+      OUTPUT_VARIABLE commands ERROR_VARIABLE complaint RESULT_VARIABLE status)
+    if(NOT status EQUAL 0)
+      refuse("${complaint}")
+    endif()
+    # 6 is a library that is loaded; an object file, in an archive too, says 1.
+    if(NOT commands MATCHES "\n *0xfeedfac[ef] +[0-9]+ +[0-9]+ +0x[0-9a-f]+ +6 ")
+      refuse("it cannot be loaded on ${architecture}, being no dynamic library for it")
+    endif()
+    set(old "LC_VERSION_MIN_MACOSX\n[^\n]*\n +version")
+    set(new "LC_BUILD_VERSION\n[^\n]*\n +platform (1|MACOS)\n +minos")
+    if(NOT commands MATCHES "(${old}|${new}) ([0-9.]+)")
+      refuse("it does not say that it is for macOS")
+    endif()
+    set(needed ${CMAKE_MATCH_3})
+    if(needed VERSION_GREATER MINIMUM)
+      refuse("it needs macOS ${needed}, and the agent is for ${MINIMUM} and later; "
+        "for later ones alone: -DCMAKE_OSX_DEPLOYMENT_TARGET=${needed}")
+    endif()
   endforeach()
 else()
   list(APPEND options -D)
+  elf_kind("${LIBRARY}" kind)
+  elf_kind("${LIKE}" needed)
+  if(NOT kind STREQUAL needed)
+    refuse("it is no shared library for the architecture of the agent")
+  endif()
 endif()
 execute_process(COMMAND ${NM} ${options} "${LIBRARY}"
   OUTPUT_VARIABLE symbols ERROR_VARIABLE complaint RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
-  message(FATAL_ERROR "  not a reader library: ${LIBRARY}: ${complaint}")
+  refuse("${complaint}")
 endif()
 
 set(missing "")
@@ -32,6 +72,5 @@ foreach(function IN LISTS functions)
 endforeach()
 if(missing)
   list(JOIN missing ", " missing)
-  # An indented line is printed as it is, however long.
   message(FATAL_ERROR "  ${LIBRARY} lacks functions of the reader library: ${missing}")
 endif()

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <system_error>

@@ -65,28 +65,31 @@ add_missing() {
   esac
 }
 
+need_brew() {
+  command -v brew >/dev/null 2>&1 ||
+    fail "Homebrew is missing: type the line that its home page, brew.sh, shows; then this again"
+}
+
+# shellcheck disable=SC2086 # packages and commands of several words
 install_missing() {
   [ -n "$missing" ] || return 0
   case $(uname -s) in
-    Darwin) installer="brew install$missing" ;;
-    *) installer="apt-get install -y --no-install-recommends$missing" ;;
-  esac
-  command -v "${installer%% *}" >/dev/null 2>&1 || case $installer in
-    brew*) fail "Homebrew is missing; its home page, brew.sh, installs it; then type: $installer" ;;
-    *) fail "this needs, please install by hand:$missing" ;;
-  esac
-  say "installing:$missing"
-  # shellcheck disable=SC2086
-  case $installer in
-    brew*) $installer >&2 || fail "brew could not install:$missing" ;;
+    Darwin)
+      need_brew
+      say "installing:$missing"
+      brew install $missing >&2 || fail "brew could not install:$missing"
+      ;;
     *)
+      command -v apt-get >/dev/null 2>&1 || fail "please install by hand:$missing"
+      installer="apt-get install -y --no-install-recommends$missing"
       as_root=''
       if [ "$(id -u)" != 0 ]; then
         command -v sudo >/dev/null 2>&1 ||
           fail "there is no sudo; type as root: apt-get update && $installer"
         as_root=sudo
       fi
-      # Another run may be installing too. Old lists do no harm, as long as all is found.
+      say "installing:$missing"
+      # Another run may be at it too. Old lists do no harm, as long as all is found.
       $as_root apt-get update >"$scratch/update.log" 2>&1 || cat "$scratch/update.log" >&2
       quietly $as_root env DEBIAN_FRONTEND=noninteractive $installer -o DPkg::Lock::Timeout=600
       ;;
@@ -112,9 +115,16 @@ need_clang() {
   need_file '/usr/lib/llvm-*/lib/clang/*/lib/*/libclang_rt.fuzzer*' libclang-rt-dev -
 }
 
+# GoogleTest's sources, where cmake/googletest.cmake looks for them.
 need_googletest() {
-  header=include/gtest/gtest.h
-  need_file "/usr/$header /usr/local/$header /opt/homebrew/$header" libgtest-dev googletest
+  if [ "$(uname -s)" != Darwin ]; then
+    need_file /usr/src/googletest/googletest/src/gtest-all.cc googletest -
+  elif [ ! -d build/googletest ]; then
+    # What Homebrew installs of it is compiled for the Mac's own processor.
+    need_brew
+    quietly brew unpack --destdir="$scratch" googletest
+    mkdir -p build && mv "$scratch"/googletest-* build/googletest || fail "cannot write to $PWD/build"
+  fi
 }
 
 # hold FOLDER: makes a build folder, and waits until no other of these scripts builds in it; until
