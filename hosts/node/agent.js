@@ -17,9 +17,9 @@ const ESCAPE = 0xdc00;
 const STDERR_LIMIT = 4096; // bytes of it that an error tells
 const LAST_WORDS = 1000; // ms for output that another process keeps open after the agent's end
 const BAD_ARCHITECTURE = -86; // macOS: EBADARCH
-const ANSWER = /^(Ok|Error):(?: (.+))?$/s;
+const ANSWER = /^(Ok|Error):(?: ([^\0]+))?$/;
 const EVENT =
-  /^(?:(Reader): (Global|Dev\d+(?:-[^\t-\r ]+)?)|(Card): ([\dA-F]{1,64})|(Log): (.*))$/s;
+  /^(?:(Reader): (Global|Dev\d+(?:-[^\0\t-\r ]+)?)|(Card): ([\dA-F]{1,64})|(Log): (.*))$/s;
 
 function decode(bytes) {
   if (isUtf8(bytes)) return bytes.toString();
