@@ -19,7 +19,7 @@ def run(*command, **options):
 def builder():
     """A Python that needs nothing from an index to build a package, or None."""
     for python in sys.executable, "/usr/bin/python3":
-        if not subprocess.call([python, "-c", "import pip, setuptools, wheel"], stderr=subprocess.DEVNULL):
+        if not subprocess.call([python, "-c", "import setuptools, wheel, pip"], stderr=subprocess.DEVNULL):
             return python
     return None
 
