@@ -1,7 +1,7 @@
-// What the agent's shape costs by itself: as its twin, the yardstick of the agent. Like the agent it has a reading, a working
-// and a writing thread, two locks with a condition variable each, one item at a time through the
-// first and batches, written under the lock, through the second. It echoes lines and does nothing
-// else.
+// What the agent's shape costs by itself: as its twin, the yardstick of the agent. Like the agent
+// it has a reading, a working and a writing thread, two locks with a condition variable each, one
+// item at a time through the first and batches, written under the lock, through the second. It
+// echoes lines and does nothing else.
 //
 //   relay         takes one item at a time and notifies for every line
 //   relay twin    hands over as the agent does: it takes all items that wait at once, notifies for

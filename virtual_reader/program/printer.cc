@@ -41,9 +41,7 @@ printer::printer(const record& printed, channel of_entries, sink where, look_fun
       look_of(std::move(look)),
       worker([this] { print(); }) {}
 
-void printer::say(channel where, const std::string& lines) {
-  push({happened.end(), where, lines});
-}
+void printer::say(channel where, const std::string& lines) { push({happened.end(), where, lines}); }
 
 void printer::trace(tracing wanted) { push({happened.end(), channel::output, "", wanted}); }
 

@@ -1,6 +1,7 @@
 // Lines of verbs, one after the other.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@ class script {
  public:
   // Throws std::runtime_error with one line when it cannot be read.
   explicit script(const std::string& path);
+  script(script&& other) noexcept : path(other.path), lines(std::move(other.lines)) {}
 
   // Reports every line that is wrong. True if there is none.
   bool check(bool has_host, const report_function& report) const;
@@ -35,13 +37,13 @@ class script {
   // throws interruption.
   bool play(const session& with, const manner& how);
 
-  // FILE:LINE of the line that is carried out; for the thread that plays.
+  // FILE:LINE of the line that is carried out; from any thread.
   std::string place() const { return path + ":" + std::to_string(number); }
 
  private:
   const std::string path;
   std::vector<std::string> lines;
-  std::size_t number = 0;
+  std::atomic<std::size_t> number{0};
 };
 
 }  // namespace virtual_reader

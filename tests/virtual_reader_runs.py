@@ -1,0 +1,171 @@
+#!/usr/bin/env python3
+"""The virtual reader runs a host: what it says of each, and what it leaves behind.
+
+    tests/virtual_reader_runs.py BUILD_DIR
+
+AGENT in the environment names the agent that the hosts here start.
+"""
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from pathlib import Path
+
+BUILD = Path(sys.argv.pop(1)).resolve()
+READER = BUILD / "virtual-reader"
+
+# A host: starts the agent, and sends what `answer` has for a card.
+HOST = """
+import os, subprocess, sys, threading
+threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
+pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
+agent = subprocess.Popen([os.environ["AGENT"]], **pipes)
+for line in agent.stdout:
+    word, _, rest = line.strip().partition(": ")
+    if word == "Reader":
+        name = rest
+        print("ready", flush=True)
+    if word == "Card":
+        for command in %r:
+            agent.stdin.write(f"{name}:{command}\\n")
+        agent.stdin.flush()
+"""
+RIGHT = HOST % ["SetLED green", "Beep short 1"]
+SCENARIO = """
+expect connected
+card queue 3AB1234/26
+expect led green within 500
+expect beep short 1 within 500
+expect no beep within 100
+"""
+
+
+class Runs(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.env = {**os.environ, "TMPDIR": self.folder, "MARK": self.folder}
+        self.addCleanup(self.nothing_is_left)
+
+    def nothing_is_left(self):
+        """No process that had this environment, and no folder of a run's."""
+        deadline = time.monotonic() + 8
+        while (left := self.left()) and time.monotonic() < deadline:
+            time.sleep(0.05)
+        self.assertEqual(left, [])
+
+    def left(self):
+        found = [name for name in os.listdir(self.folder) if name.startswith("virtual-reader-")]
+        for process in Path("/proc").glob("[0-9]*"):
+            try:
+                mine = f"MARK={self.folder}\0".encode() in (process / "environ").read_bytes()
+                command = (process / "cmdline").read_bytes()
+            except OSError:
+                continue
+            if mine and command:
+                found.append(command)
+        return found
+
+    def start(self, scenario, *command, options=()):
+        path = f"{self.folder}/a scenario.txt"
+        Path(path).write_text(scenario, encoding="utf-8")
+        pipes = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
+        line = [READER, *options, path, "--", *command]
+        return subprocess.Popen(line, env=self.env, text=True, **pipes)
+
+    def run_host(self, scenario, program, options=()):
+        """The status, the last line on standard error, and all of both outputs."""
+        run = self.start(scenario, sys.executable, "-c", program, options=options)
+        out, err = run.communicate(timeout=30)
+        return run.returncode, err.splitlines()[-1].replace(f"{self.folder}/", ""), out, err
+
+    def test_each_fault_of_a_host_has_its_verdict(self):
+        say = "virtual-reader: "
+        place = "a scenario.txt:"
+        rows = [
+            # scenario, host, status, verdict
+            (SCENARIO, RIGHT, 0, say + "passed"),
+            (SCENARIO, HOST % ["SetLED red", "Beep short 1"], 1,
+             say + f"FAILED: {place}4: expected led green within 500 ms"),
+            (SCENARIO, HOST % ["SetLED green", "Beep short 5"], 1,
+             say + f"FAILED: {place}5: expected beep short 1 within 500 ms"),
+            (SCENARIO, HOST % ["SetLED green", "Beep short 1", "Beep short 1"], 1,
+             say + f"FAILED: {place}6: expected no beep within 100 ms"),
+            (SCENARIO, "raise SystemExit(7)", 3,
+             say + f"the HOST FAILED: the host ended with status 7 at {place}2, before all was "
+             "played (no agent has come)"),
+            (SCENARIO, "import os; os.abort()", 3,
+             say + f"the HOST FAILED: the host ended with signal 6 at {place}2, before all was "
+             "played (no agent has come)"),
+            ("expect connected within 500", "import time; time.sleep(60)", 1,
+             say + f"FAILED: {place}1: expected connected within 500 ms; nothing has happened "
+             "since (no agent has come)"),
+            ("wait 10\nexpect conected", RIGHT, 2, say + "wrong: nothing was run"),
+            ("wait 60000", RIGHT, 4, say + f"CUT OFF: the limit of 300 ms ran out at {place}1"),
+        ]
+        for scenario, program, status, verdict in rows:
+            options = ["--limit", "0.3"] if status == 4 else []
+            got = self.run_host(scenario, program, options)
+            self.assertEqual(got[:2], (status, verdict), got[3])
+
+    def test_the_host_is_given_what_it_needs_and_asked_to_end(self):
+        stubborn = "import signal, time; signal.signal(15, signal.SIG_IGN); print(1, flush=True); "
+        rows = [
+            ("wait 300", "import sys; sys.stdin.read(); print('ended')", 0, "ended\n"),
+            ("wait 300", "import sys; sys.stdin.read(); raise SystemExit(5)", 3, ""),
+            ("wait 300", "import time; time.sleep(60)", 0, ""),
+            ("wait 300", stubborn + "time.sleep(60)", 3, "1\n"),
+            # What it started ends with it.
+            ("wait 300", "import os, time; os.fork(); time.sleep(60)", 0, ""),
+            ("expect host < \xe4 b", "import sys; sys.stdout.buffer.write(b'\\xc3\\xa4 b\\nrest');"
+             "sys.stdout.flush(); sys.stdin.read()", 0, "\xe4 b\nrest"),
+        ]
+        for scenario, program, status, output in rows:
+            got = self.run_host(scenario, program)
+            self.assertEqual((got[0], got[2]), (status, output), got[3])
+
+    def test_nothing_is_left_of_an_interrupted_run(self):
+        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL:
+            run = self.start("expect connected\nwait 60000", sys.executable, "-c", RIGHT)
+            self.assertEqual(run.stdout.readline(), "ready\n")
+            run.send_signal(number)
+            _, err = run.communicate(timeout=20)
+            if number == signal.SIGKILL:
+                self.assertEqual(run.returncode, -signal.SIGKILL)
+            else:
+                self.assertEqual(run.returncode, 4, err)
+                self.assertRegex(err, r"CUT OFF: interrupted at .*:2\n$")
+            self.nothing_is_left()
+
+    def test_it_is_the_host_of_an_agent(self):
+        rows = [
+            ('host "Beep short 2" "Ok:"\nexpect beep short 2\nexpect host < Ok:', 0, ""),
+            ('host "Beep short 9" "Ok:"\nwait 5000', 1,
+             "expected the answer 'Ok:' to 'Beep short 9', but it was "
+             "'Error: Invalid number of beeps: '9''"),
+            # What a library says passes for no answer, and moves none.
+            ('say BeepNow "x\\nError: no\\nOk:"\nhost "Beep short 1" "Ok:"\n'
+             'host "Global:Ping a" "Ok:  a"', 0, ""),
+            ('fail BeepNow\nsay GetLastLibErr "x\\nOk:"\nhost "Beep short 1" "Ok:"\nwait 5000', 1,
+             "'Error: Beeping failed with error 1'"),
+            ('card raw 300 1\ncard queue 3/2\nexpect host < Card: 3', 0, ""),
+            ('host "Global:Ping gr\xfc\xdfe" "Ok:  gr\xfc\xdfe"', 0, ""),
+            ("again\nwait 1", 2, "without a `wait` before it"),
+        ]
+        for scenario, status, words in rows:
+            run = self.start("expect connected\n" + scenario, os.environ["AGENT"])
+            _, err = run.communicate(timeout=20)
+            self.assertEqual(run.returncode, status, err)
+            self.assertIn(words, err)
+        run = self.start('host "Global:Ping" "Ok:"', "cat")  # which answers nothing
+        _, err = run.communicate(timeout=20)
+        self.assertEqual(run.returncode, 1, err)
+        self.assertIn("`host` lines are for the agent itself", err)
+
+
+if __name__ == "__main__":
+    unittest.main()

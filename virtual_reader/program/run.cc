@@ -1,0 +1,269 @@
+#include "run.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <thread>
+
+#include "host.h"
+#include "line_host.h"
+#include "outcome.h"
+#include "printer.h"
+#include "screen.h"
+#include "script.h"
+#include "socket_path.h"
+#include "tell.h"
+
+namespace virtual_reader {
+
+namespace {
+
+using channel = printer::channel;
+
+// The LED in its colour.
+std::string coloured(const std::string& text) {
+  static const std::map<std::string, std::string> colours = {{"led red", "31"},
+                                                             {"led green", "32"},
+                                                             {"led amber", "33"},
+                                                             {"led off", "90"},
+                                                             {"led own", "90"}};
+  const auto colour = colours.find(text);
+  return colour == colours.end() ? text : "\x1b[" + colour->second + "m\u25CF\x1b[0m " + text;
+}
+
+// On a terminal where another program speaks too, the reader's lines are marked and stand back.
+std::string marked(const std::string& text) { return "\x1b[2m  reader \u2502 " + text + "\x1b[0m"; }
+std::string marked_and_coloured(const std::string& text) {
+  const std::string shown = coloured(text);
+  return shown == text ? marked(text) : "\x1b[2m  reader \u2502 \x1b[0m" + shown;
+}
+
+printer::look_function look_on(int descriptor, bool alone) {
+  const char* const no_colour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
+  const bool is_plain = !isatty(descriptor) || (no_colour && *no_colour);
+  if (is_plain) return [](const std::string& text) { return text; };
+  return alone ? coloured : marked_and_coloured;
+}
+
+void print(channel where, const std::string& lines) {
+  write_all(where == channel::output ? STDOUT_FILENO : STDERR_FILENO, lines);
+}
+
+// Blocked in every thread, for one to wait for.
+void handle_signals(outcome* end, int status_of_a_signal) {
+  static sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  std::thread([end, status_of_a_signal] {
+    for (int number = 0; sigwait(&signals, &number) == 0;) {
+      end->set(status_of_a_signal, "interrupted");
+    }
+  }).detach();
+}
+
+// What belongs together while it runs. Members are used by threads that are never joined, so that
+// an object is never destroyed: the process ends.
+class running {
+ public:
+  running(const options& options_given, std::optional<script> played)
+      : chosen(options_given),
+        has_host(!chosen.command.empty()),
+        file(std::move(played)),
+        watching(has_host ? std::make_unique<guardian>(make_private_folder()) : nullptr),
+        path(has_host && chosen.socket.empty() ? watching->socket_path()
+                                               : chosen_socket_path(chosen, true)) {}
+
+  [[noreturn]] void run();
+
+ private:
+  session make_session();
+  void carry_out_all();
+  bool carry_out_input(const session& told);
+  void start_host();
+  std::string place() const { return file ? file->place() : "standard input"; }
+  void fail(const std::string& lines);
+  void say_verdict(const verdict& said);
+
+  const options chosen;
+  const bool has_host;
+  std::optional<script> file;
+  std::unique_ptr<guardian> watching;
+  const std::string path;
+  outcome end;
+  std::atomic<bool> has_played{false};
+  std::atomic<std::uint64_t> tellers_cursor{1}, own_cursor{1};
+  std::unique_ptr<device> reader;
+  std::unique_ptr<printer> printed;
+  std::unique_ptr<line_host> lines_of_host;
+  std::mutex mutex;
+  // Guarded by mutex:
+  std::unique_ptr<host> started;
+  std::string first_failure;
+};
+
+void running::fail(const std::string& lines) {
+  printed->say(channel::error, lines);
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (!first_failure.empty()) return;
+  // Its first line, but for what leads to the next, and the word that the verdict has.
+  first_failure = lines.substr(0, std::min(lines.find('\n'), lines.find("; since then:")));
+  const std::string word = "FAILED: ";
+  const std::size_t at = first_failure.find(word);
+  if (at != first_failure.npos) first_failure.erase(at, word.size());
+}
+
+void running::start_host() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (!has_host || started || end.is_set()) return;
+  const auto on_line = [this](const std::string& line) {
+    if (lines_of_host->take(line)) reader->happened.add(0, "host < " + without_controls(line));
+  };
+  const auto on_end = [this](int status) {
+    reader->happened.add(0, "host ended with " + status_text(status));
+    if (has_played && status == 0) return end.set(passed, "");
+    end.set(host_failed, "the host ended with " + status_text(status) +
+                             (has_played ? "" : " at " + place() + ", before all was played"));
+  };
+  started = std::make_unique<host>(chosen.command, path, *watching, on_line, on_end);
+}
+
+session running::make_session() {
+  surroundings around;
+  around.answer = [this](const std::string& line) {
+    printed->say(has_host ? channel::error : channel::output, "= " + line + "\n");
+  };
+  around.is_interrupted = [this] { return end.is_set(); };
+  around.trace = [this](tracing wanted) { printed->trace(wanted); };
+  around.quit = [this] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    end.set(first_failure.empty() ? passed : expectation_failed, first_failure);
+  };
+  if (has_host) {
+    around.host = [this](const std::string& command, const std::string& answer) {
+      lines_of_host->send(place(), command, answer, [this] { return end.is_set(); });
+    };
+  }
+  return {*reader, own_cursor, around};
+}
+
+// What comes on standard input, whatever becomes of it. Returns whether all went well.
+bool running::carry_out_input(const session& told) {
+  bool held = true;
+  int number = 0;
+  start_host();
+  for (std::string line; !end.is_set() && std::getline(std::cin, line);) {
+    held &= carry_out(told, line, "line " + std::to_string(++number) + ": ",
+                      [this](const std::string& lines) { fail(lines); });
+  }
+  return held;
+}
+
+void running::carry_out_all() try {
+  const session told = make_session();
+  const auto is_over = [this] { return end.is_set(); };
+  const auto report = [this](const std::string& lines) { fail(lines); };
+  const auto start = [this] { start_host(); };
+  const bool held = file ? file->play(told, {chosen.keep_going != 0, start, is_over, report})
+                         : carry_out_input(told);
+  if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
+  const bool all_held = held && first_failure.empty();
+  has_played = true;
+  if (all_held && chosen.stay) return;
+  end.set(all_held ? passed : expectation_failed, first_failure);
+} catch (const interruption&) {
+} catch (const std::runtime_error& error) {
+  end.set(host_failed, error.what());
+}
+
+void running::say_verdict(const verdict& said) {
+  static const char* const words[] = {"passed", "FAILED", "wrong", "the HOST FAILED", "CUT OFF"};
+  std::string line = std::string("virtual-reader: ") + words[said.status];
+  if (!said.why.empty()) line += ": " + said.why;
+  const bool nobody_came =
+      reader->happened.last(1, [](const auto& e) { return e.text == "agent came"; }).empty();
+  if (said.status != passed && said.status != cut_off && nobody_came) line += " (no agent has come)";
+  printed->say(channel::error, line + "\n");
+}
+
+void running::run() {
+  // A file that is cut off has not held; all else goes on until it is ended somehow.
+  handle_signals(&end, file || has_host ? (chosen.stay && !has_host ? passed : cut_off) : passed);
+  surroundings of_tellers;
+  std::atomic<printer*> printing{nullptr};
+  of_tellers.trace = [&](tracing wanted) {
+    if (printer* const p = printing) p->trace(wanted);
+  };
+  of_tellers.quit = [this] { end.set(file ? cut_off : passed, "told to quit"); };
+  reader = std::make_unique<device>(
+      path, !chosen.unplugged, [&](int socket, const std::function<bool()>& is_over) {
+        serve_teller(socket, is_over, *reader, tellers_cursor, of_tellers);
+      });
+  if (chosen.screen) start_screen(path);
+  const bool is_terminal = !file && isatty(STDIN_FILENO);
+  const channel own = has_host ? channel::error : channel::output;
+  printed = std::make_unique<printer>(
+      reader->happened, own, print,
+      look_on(has_host ? STDERR_FILENO : STDOUT_FILENO, is_terminal && !has_host));
+  printing = printed.get();
+  lines_of_host = std::make_unique<line_host>(
+      *reader, [this](const std::string& bytes) { return started->send(bytes); },
+      [this](const std::string& where, const std::string& what) {
+        fail(where + ": FAILED: " + what + "\n");
+        if (!chosen.keep_going) end.set(expectation_failed, first_failure);
+      });
+  if (is_terminal) {
+    printed->say(own, "A virtual reader is on " + path +
+                          (chosen.unplugged ? ", unplugged." : ", plugged in.") +
+                          " Try `card queue 3AB1234/26`; `help` lists all, ^D ends.\n");
+  }
+  std::thread([this] { carry_out_all(); }).detach();
+  const std::string limit = std::to_string(chosen.limit.count()) + " ms";
+  const auto first = end.wait(chosen.limit);
+  verdict last = first ? *first : verdict{cut_off, "the limit of " + limit + " ran out"};
+  if (!first) end.set(last.status, last.why);
+  if (last.status == cut_off) last.why += " at " + place();
+  std::unique_lock<std::mutex> lock(mutex);
+  if (started) {
+    lock.unlock();
+    const std::string fault = started->end();
+    if (last.status == passed && !fault.empty()) last = {host_failed, fault};
+  }
+  reader->end();
+  if (has_host) say_verdict(last);
+  printed->end(std::chrono::seconds(2));
+  watching.reset();
+  // At once: other threads may be waiting for input, and hold on to all of the above.
+  _exit(last.status);
+}
+
+}  // namespace
+
+std::string chosen_socket_path(const options& chosen, bool makes_folder) {
+  if (!chosen.socket.empty()) return chosen.socket;
+  if (makes_folder) make_default_socket_folder();
+  if (default_socket_path_is_private()) return default_socket_path();
+  throw std::runtime_error(default_socket_path() +
+                           ": its folder must exist and be yours alone (mode 700)");
+}
+
+int run(const options& chosen) {
+  std::optional<script> file;
+  if (!chosen.file.empty()) {
+    file.emplace(chosen.file);
+    const bool is_right =
+        file->check(!chosen.command.empty(), [](const std::string& l) { print(channel::error, l); });
+    if (!is_right && !chosen.command.empty()) {
+      print(channel::error, "virtual-reader: wrong: nothing was run\n");
+    }
+    if (!is_right) return wrong_usage;
+  }
+  running(chosen, std::move(file)).run();
+}
+
+}  // namespace virtual_reader
