@@ -41,7 +41,8 @@ package final class AgentProcess: @unchecked Sendable {
   private var waitsForRoom = false
   private var inputIsOpen = true
   private var closesInput = false
-  private var unsent: ArraySlice<UInt8> = []
+  private var outgoing: [UInt8] = []
+  private var sent = 0  // of these
   private var output: Inflow?
   private var errorOutput: Inflow?
   private var unfinishedLine: [UInt8] = []
@@ -82,14 +83,18 @@ package final class AgentProcess: @unchecked Sendable {
   /// Sends bytes, or keeps them until there is room. After the child's end they are lost.
   package func write(_ bytes: [UInt8]) {
     guard inputIsOpen && !closesInput else { return }
-    if unsent.isEmpty { unsent = bytes[...] } else { unsent += bytes }
+    if sent * 2 > outgoing.count {
+      outgoing.removeFirst(sent)
+      sent = 0
+    }
+    outgoing += bytes
     if !waitsForRoom { flush() }
   }
 
   /// Closes the child's standard input, once all before is sent.
   package func closeInput() {
     closesInput = true
-    if unsent.isEmpty { cutInput() }
+    if outgoing.isEmpty { cutInput() }
   }
 
   /// Sends a signal to the child and all of its own children. Does nothing after its end.
@@ -98,13 +103,15 @@ package final class AgentProcess: @unchecked Sendable {
   }
 
   private func flush() {
-    while !unsent.isEmpty {
-      switch sendToChild(input, unsent) {
-      case .success(let count): unsent = unsent.dropFirst(count)
+    while sent < outgoing.count {
+      switch sendToChild(input, outgoing[sent...]) {
+      case .success(let count): sent += count
       case .failure(let error) where error.code == EAGAIN: return waitForRoom(true)
       case .failure: return cutInput()  // nobody reads it any more; the end is near
       }
     }
+    outgoing.removeAll(keepingCapacity: outgoing.count < 65_536)
+    sent = 0
     waitForRoom(false)
     if closesInput { cutInput() }
   }
@@ -118,7 +125,8 @@ package final class AgentProcess: @unchecked Sendable {
   private func cutInput() {
     if !inputIsOpen { return }
     inputIsOpen = false
-    unsent = []
+    outgoing = []
+    sent = 0
     waitForRoom(true)  // a source that is not active can't be cancelled to its end
     inputHasRoom.cancel()
   }

@@ -91,6 +91,45 @@ final class AgentTests: XCTestCase {
     await virtual.close()
   }
 
+  func testAnAgentThatStopsReadingLosesNothing() async throws {
+    let virtual = try await startVirtualReader()
+    let agent = CardReaderAgent(path: agentProgram, env: virtual.env)
+    try agent.start()
+    try await agent.ping()
+    let pid = await agent.pid!
+    kill(pid, SIGSTOP)
+    let texts = (0..<1000).map { String($0) + String(repeating: ".", count: 1000) }
+    let commands = try texts.map { agent.send(try .ping($0)) }
+    let closed = Task { await agent.close() }
+    try await Task.sleep(nanoseconds: 300_000_000)
+    kill(pid, SIGCONT)
+    for (command, text) in zip(commands, texts) {
+      let answer = try await command.outcome()
+      XCTAssertEqual(answer, " " + text)
+    }
+    let status = await closed.value
+    XCTAssertEqual(status, .exited(0))
+    await virtual.close()
+
+    let folder = try makeFolder()
+    defer { try? FileManager.default.removeItem(atPath: folder) }
+    makeScript("\(folder)/deaf", "exec <&-; echo deaf >&2; exec sleep 600")
+    let said = Inbox<String>()
+    let deaf = CardReaderAgent(
+      path: "\(folder)/deaf", stderr: .function { text in Task { await said.put(text) } })
+    try deaf.start()
+    _ = try await said.next()
+    let ping = Task { try await deaf.ping() }  // whose signal would end this program
+    try await Task.sleep(nanoseconds: 100_000_000)
+    deaf.kill()
+    let result = await ping.result
+    XCTAssertThrowsError(try result.get()) { error in
+      guard case CardReaderError.agentEnded(.signaled(SIGKILL)?, _) = error else {
+        return XCTFail("\(error)")
+      }
+    }
+  }
+
   func testThousandCyclesLeakNothing() async throws {
     let virtual = try await startVirtualReader()
     var options = CardReader.Options()
@@ -149,6 +188,11 @@ final class AgentTests: XCTestCase {
     let traced = try await said.next()
     XCTAssertEqual(traced, "> Global:Ping x")
     kill(pid, SIGTERM)  // which it does not ignore, as this program does
+    let end = Task {
+      try await Task.sleep(nanoseconds: 10_000_000_000)
+      second.kill()
+    }
+    defer { end.cancel() }
     do {
       _ = try await ping.value
       XCTFail("an answer")
