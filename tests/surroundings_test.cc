@@ -52,18 +52,18 @@ TEST(Surroundings, HaveAStatedOutcome) {
       {"standard input empty", "\"$A\" </dev/null", "", 0},
       {"standard output closed", "echo Global:Ping | \"$A\" >&-", "", 0},
       {"both closed", "\"$A\" <&- >&-", "", 0},
-      {"standard output full", "yes Global:Ping | head -n 9999 | \"$A\" >/dev/full", "", 0},
       {"a library that prints", "echo Global:Ping | \"$P\" 2>/dev/null", "Ok:\n", 0},
       {"the same, standard error closed", "echo Global:Ping | \"$P\" 2>&-", "Ok:\n", 0},
       {"the same, both closed", "echo Global:Ping | \"$P\" >&- 2>&-", "", 0},
       {"where it prints", "\"$P\" 2>&1 </dev/null >/dev/null | sort -u", "bare\nprintf\nstream\n",
        0},
 #ifdef __linux__
+      {"standard output full", "yes Global:Ping | head -n 9999 | \"$A\" >/dev/full", "", 0},
       {"the places of outputs that are closed",
-       "F=$(mktemp -u); mkfifo $F; \"$A\" <>$F >&- 2>&- & for i in $(seq 1000); do "
+       "F=$(mktemp -u); mkfifo \"$F\"; \"$A\" <>\"$F\" >&- 2>&- & for i in $(seq 1000); do "
        "P=$(readlink /proc/$!/fd/1 /proc/$!/fd/2); [ \"$P\" = \"$(printf "
        "'/dev/null\\n/dev/null')\" ] && break; done; "
-       "echo \"$P\"; kill $!; rm $F",
+       "echo \"$P\"; kill $!; rm \"$F\"",
        "/dev/null\n/dev/null\n", 0},
 #endif
       {"arguments and variables", "echo Global:Ping | POLL_MS=x \"$A\" --help -- x", "Ok:\n", 0},
