@@ -166,6 +166,23 @@ class Runs(unittest.TestCase):
         self.assertEqual(run.returncode, 1, err)
         self.assertIn("`host` lines are for the agent itself", err)
 
+    def test_an_agent_is_sent_what_several_tell_at_once(self):
+        socket = f"{self.folder}/reader.sock"
+        run = self.start("expect no reset within 60000", os.environ["AGENT"],
+                         options=["--socket", socket])
+        self.assertTrue(run.stdout.readline().startswith("Reader: "))
+        tell = [READER, "--socket", socket, "--tell"]
+        words = [f"word{number}" for number in range(12)]
+        for each in [subprocess.Popen([*tell, f'host "Global:Ping {word}"']) for word in words]:
+            self.assertEqual(each.wait(timeout=20), 0)
+        subprocess.check_call([*tell, 'host "Beep short 1"\nexpect beep short 1'])
+        answers = subprocess.check_output([*tell, "record 1000"], text=True)
+        self.assertEqual(sorted(line.split()[-1] for line in answers.splitlines()
+                                if "host < Ok:  " in line), sorted(words))
+        self.assertEqual(subprocess.run([*tell, 'host "ResetConfig" "Ok:"']).returncode, 0)
+        _, err = run.communicate(timeout=20)
+        self.assertIn("expected no reset", err)
+
 
 if __name__ == "__main__":
     unittest.main()

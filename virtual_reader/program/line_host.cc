@@ -19,6 +19,7 @@ bool begins_with(const std::string& text, const std::string& start) {
 // Sends the line, if there is one, and the ping behind it.
 void line_host::push(pending added, const std::string& line) {
   std::string bytes = line.empty() ? "" : line + "\n";
+  const std::lock_guard<std::mutex> in_order(sending);
   {
     const std::lock_guard<std::mutex> lock(mutex);
     const std::string mark = "virtual-reader " + std::to_string(++pings);

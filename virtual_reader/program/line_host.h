@@ -44,6 +44,7 @@ class line_host {
   device& reader;
   const send_function put;
   const failure_function failed;
+  std::mutex sending;  // taken before the other one: what is unsettled is in the order of the pipe
   std::mutex mutex;
   std::condition_variable changed;
   // Guarded by mutex:

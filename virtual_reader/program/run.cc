@@ -86,6 +86,8 @@ class running {
   void carry_out_all();
   bool carry_out_input(const session& told);
   void start_host();
+  void send_to_host(const std::string& where, const std::string& command,
+                    const std::string& answer);
   std::string place() const { return file ? file->place() : "standard input"; }
   void fail(const std::string& lines);
   void say_verdict(const verdict& said);
@@ -133,6 +135,18 @@ void running::start_host() {
   started = std::make_unique<host>(chosen.command, path, *watching, on_line, on_end);
 }
 
+// From any thread. It is started if it was not yet.
+void running::send_to_host(const std::string& where, const std::string& command,
+                           const std::string& answer) {
+  try {
+    start_host();
+  } catch (const std::runtime_error& error) {
+    end.set(host_failed, error.what());
+    throw interruption();
+  }
+  lines_of_host->send(where, command, answer, [this] { return end.is_set(); });
+}
+
 session running::make_session() {
   surroundings around;
   around.answer = [this](const std::string& line) {
@@ -146,7 +160,7 @@ session running::make_session() {
   };
   if (has_host) {
     around.host = [this](const std::string& command, const std::string& answer) {
-      lines_of_host->send(place(), command, answer, [this] { return end.is_set(); });
+      send_to_host(place(), command, answer);
     };
   }
   return {*reader, own_cursor, around};
@@ -200,6 +214,12 @@ void running::run() {
     if (printer* const p = printing) p->trace(wanted);
   };
   of_tellers.quit = [this] { end.set(file ? cut_off : passed, "told to quit"); };
+  if (has_host) {
+    of_tellers.host = [this](const std::string& command, const std::string& answer) {
+      send_to_host("--tell", command, answer);
+    };
+  }
+  std::unique_lock<std::mutex> lock(mutex);  // until all is there that a teller may use
   reader = std::make_unique<device>(
       path, !chosen.unplugged, [&](int socket, const std::function<bool()>& is_over) {
         serve_teller(socket, is_over, *reader, tellers_cursor, of_tellers);
@@ -212,11 +232,12 @@ void running::run() {
       look_on(has_host ? STDERR_FILENO : STDOUT_FILENO, is_terminal && !has_host));
   printing = printed.get();
   lines_of_host = std::make_unique<line_host>(
-      *reader, [this](const std::string& bytes) { return started->send(bytes); },
+      *reader, [this](const std::string& bytes) { return started && started->send(bytes); },
       [this](const std::string& where, const std::string& what) {
         fail(where + ": FAILED: " + what + "\n");
         if (!chosen.keep_going) end.set(expectation_failed, first_failure);
       });
+  lock.unlock();
   if (is_terminal) {
     printed->say(own, "A virtual reader is on " + path +
                           (chosen.unplugged ? ", unplugged." : ", plugged in.") +
@@ -228,7 +249,7 @@ void running::run() {
   verdict last = first ? *first : verdict{cut_off, "the limit of " + limit + " ran out"};
   if (!first) end.set(last.status, last.why);
   if (last.status == cut_off) last.why += " at " + place();
-  std::unique_lock<std::mutex> lock(mutex);
+  lock.lock();
   if (started) {
     lock.unlock();
     const std::string fault = started->end();

@@ -8,9 +8,14 @@ export async function tell(verb) {
   return text;
 }
 
-// The same for a control: what is wrong is shown.
+// The same for a control: what is wrong is shown. Verbs are carried out in the order in which they
+// were asked for, but a slow one holds up the next only for a moment.
+let before = Promise.resolve();
 export async function act(verb) {
-  const answer = await tell(verb).catch((error) => error);
+  const told = before.then(() => tell(verb)).catch((error) => error);
+  const moment = before.then(() => new Promise((pass) => { setTimeout(pass, 500); }));
+  before = Promise.race([told, moment]);
+  const answer = await told;
   at('trouble').textContent = answer.message ?? '';
   return answer;
 }

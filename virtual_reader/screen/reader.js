@@ -3,6 +3,7 @@ import { act, at, element, tell } from './link.js';
 
 let isAsking = false;
 let askAgain = false;
+let shownFaults = '';
 
 async function look() {
   askAgain = isAsking;
@@ -33,14 +34,17 @@ function draw(answer) {
   at('shown').classList.toggle('held', Boolean(held));
   if (held) at('shown').textContent = held;
   for (const { id, lastChild: hold } of at('cards').children) hold.ariaPressed = id === held;
-  const waiting = lines.filter((line) => / (hangs|is delayed) since /.test(line));
+  const waiting = lines.filter((line) => / (hangs|is delayed) since /.test(line))
+    .map((line) => line.replace(/ since .*/, ''));
   const rules = lines.filter((line) => /^(fail|vanish|delay|hang|say) /.test(line));
-  at('faults').replaceChildren(...[...waiting, ...rules].map((line) => {
+  const faults = [...waiting, ...rules];
+  if (faults.join() === shownFaults) return; // and whoever is about to press a button there can
+  shownFaults = faults.join();
+  at('faults').replaceChildren(...faults.map((line) => {
     const verb = waiting.includes(line) ? 'release' : `clear ${line.split(' ')[1]}`;
     return element('li', { className: verb }, line.slice(0, 200),
       element('button', { onclick: () => act(verb) }, verb));
   }));
-  if (waiting.length) setTimeout(look, 1000);
 }
 
 // That card is there from then on; of those beyond the first three, the last six.
