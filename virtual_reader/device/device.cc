@@ -131,6 +131,12 @@ std::optional<std::string> device::answer(int socket, call* asked) {
       hangs |= each.what == rule::kind::hang;
       delay = std::max(delay, each.time);
     }
+    if (recording) {
+      for (rule& each : recording->prepare(*asked, &r)) {
+        delay = std::max(delay, each.time);
+        due.push_back(std::move(each));
+      }
+    }
     if (delay.count() == 0) return;
     r.happened.add(asked->agent, begun_text(*asked));
     r.waiting.push_back({asked->agent, asked->name, asked->begun, hangs});

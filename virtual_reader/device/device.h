@@ -11,6 +11,7 @@
 
 #include "entrance.h"
 #include "reader.h"
+#include "replay.h"
 
 namespace virtual_reader {
 
@@ -27,6 +28,12 @@ class device {
   ~device() { end(); }
   // Pulls the reader out for good and removes the socket. To be called by one thread.
   void end();
+
+  // From now on agents are answered as a recorded library did.
+  void play_back(std::vector<recorded_call> recorded) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    recording.emplace(std::move(recorded));
+  }
 
   // What has happened; to be read without any lock.
   record happened;
@@ -57,6 +64,7 @@ class device {
   std::condition_variable changed;
   // Guarded by mutex:
   reader now{happened};
+  std::optional<replay> recording;
   int last_agent = 0;
   std::set<int> links;  // the sockets of all peers, each with a thread of its own
   bool ending = false;

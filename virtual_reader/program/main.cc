@@ -4,6 +4,7 @@
 #include "outcome.h"
 #include "run.h"
 #include "tell.h"
+#include "to_verbs.h"
 
 int main(int count, char** arguments) try {
   using namespace virtual_reader;
@@ -11,6 +12,12 @@ int main(int count, char** arguments) try {
   if (!chosen) return wrong_usage;
   if (chosen->help) std::cout << usage;
   if (chosen->version) std::cout << "virtual-reader " VERSION "\n";
+  if (!chosen->to_verbs.empty()) {
+    for (const std::string& line : to_verbs(read_recording(chosen->to_verbs))) {
+      std::cout << line << '\n';
+    }
+    return passed;
+  }
   if (chosen->help || chosen->version) return passed;
   return chosen->tell ? tell(chosen_socket_path(*chosen, false), *chosen->tell) : run(*chosen);
 } catch (const std::exception& error) {

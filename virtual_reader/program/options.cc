@@ -11,6 +11,7 @@ namespace virtual_reader {
 const char usage[] =
     "usage: virtual-reader [OPTION...] [FILE] [-- COMMAND ARG...]\n"
     "       virtual-reader [--socket PATH] --tell 'VERB...'\n"
+    "       virtual-reader --to-verbs RECORDING\n"
     "Plugs a virtual reader in and carries out verbs from FILE or standard input; `help` is one "
     "of\n"
     "them. Pulls the reader out at the end of its input. With COMMAND it runs the host under test\n"
@@ -21,6 +22,9 @@ const char usage[] =
     "  --keep-going     goes on with FILE after an expectation that failed\n"
     "  --limit SECONDS  for the whole\n"
     "  --screen         shows the reader on a page in the browser\n"
+    "  --replay FILE    answers as the library did of which FILE is a recording\n"
+    "  --speed N        N times as fast as it did\n"
+    "  --to-verbs FILE  prints a recording as verbs\n"
     "  --tell VERB      has a reader that runs carry the verb out\n"
     "  --version, --help\n"
     "Status 0: all held; 1: an expectation failed; 2: wrong usage or a wrong line in FILE;\n"
@@ -32,9 +36,12 @@ std::optional<options> parse_options(int count, char** arguments) {
                           {"keep-going", no_argument, &chosen.keep_going, 1},
                           {"limit", required_argument, nullptr, 'l'},
                           {"screen", no_argument, &chosen.screen, 1},
+                          {"replay", required_argument, nullptr, 'r'},
                           {"socket", required_argument, nullptr, 's'},
+                          {"speed", required_argument, nullptr, 'f'},
                           {"stay", no_argument, &chosen.stay, 1},
                           {"tell", required_argument, nullptr, 't'},
+                          {"to-verbs", required_argument, nullptr, 'v'},
                           {"unplugged", no_argument, &chosen.unplugged, 1},
                           {"version", no_argument, &chosen.version, 1},
                           {}};
@@ -56,6 +63,15 @@ std::optional<options> parse_options(int count, char** arguments) {
       const double seconds = std::strtod(optarg, &rest);
       if (*rest || !(seconds >= 0.001 && seconds <= 1e6)) return fail("--limit takes seconds");
       chosen.limit = std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+    }
+    if (found == 'r') chosen.replay = optarg;
+    if (found == 'v') chosen.to_verbs = optarg;
+    if (found == 'f') {
+      char* rest = nullptr;
+      chosen.speed = std::strtod(optarg, &rest);
+      if (*rest || !(chosen.speed >= 0.01 && chosen.speed <= 1000)) {
+        return fail("--speed takes a number from 0.01 to 1000");
+      }
     }
     if (found == '?') return fail("wrong usage");
   }

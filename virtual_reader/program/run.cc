@@ -71,8 +71,10 @@ void handle_signals(outcome* end, int status_of_a_signal) {
 // an object is never destroyed: the process ends.
 class running {
  public:
-  running(const options& options_given, std::optional<script> played)
+  running(const options& options_given, std::optional<script> played,
+          std::vector<recorded_call> replayed)
       : chosen(options_given),
+        recording(std::move(replayed)),
         has_host(!chosen.command.empty()),
         file(std::move(played)),
         watching(has_host ? std::make_unique<guardian>(make_private_folder()) : nullptr),
@@ -93,6 +95,7 @@ class running {
   void say_verdict(const verdict& said);
 
   const options chosen;
+  const std::vector<recorded_call> recording;
   const bool has_host;
   std::optional<script> file;
   std::unique_ptr<guardian> watching;
@@ -188,7 +191,9 @@ void running::carry_out_all() try {
   if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
   const bool all_held = held && first_failure.empty();
   has_played = true;
-  if (all_held && chosen.stay) return;
+  // With a recording alone there is no other who knows when all has been seen but the host.
+  const bool replays_to_host = has_host && !chosen.replay.empty() && !file;
+  if (all_held && (chosen.stay || replays_to_host)) return;
   end.set(all_held ? passed : expectation_failed, first_failure);
 } catch (const interruption&) {
 } catch (const std::runtime_error& error) {
@@ -201,7 +206,8 @@ void running::say_verdict(const verdict& said) {
   if (!said.why.empty()) line += ": " + said.why;
   const bool nobody_came =
       reader->happened.last(1, [](const auto& e) { return e.text == "agent came"; }).empty();
-  if (said.status != passed && said.status != cut_off && nobody_came) line += " (no agent has come)";
+  if (said.status != passed && said.status != cut_off && nobody_came)
+    line += " (no agent has come)";
   printed->say(channel::error, line + "\n");
 }
 
@@ -224,6 +230,7 @@ void running::run() {
       path, !chosen.unplugged, [&](int socket, const std::function<bool()>& is_over) {
         serve_teller(socket, is_over, *reader, tellers_cursor, of_tellers);
       });
+  if (!chosen.replay.empty()) reader->play_back(recording);
   if (chosen.screen) start_screen(path);
   const bool is_terminal = !file && isatty(STDIN_FILENO);
   const channel own = has_host ? channel::error : channel::output;
@@ -277,14 +284,16 @@ int run(const options& chosen) {
   std::optional<script> file;
   if (!chosen.file.empty()) {
     file.emplace(chosen.file);
-    const bool is_right =
-        file->check(!chosen.command.empty(), [](const std::string& l) { print(channel::error, l); });
+    const bool is_right = file->check(!chosen.command.empty(),
+                                      [](const std::string& l) { print(channel::error, l); });
     if (!is_right && !chosen.command.empty()) {
       print(channel::error, "virtual-reader: wrong: nothing was run\n");
     }
     if (!is_right) return wrong_usage;
   }
-  running(chosen, std::move(file)).run();
+  std::vector<recorded_call> recording;
+  if (!chosen.replay.empty()) recording = hurried(read_recording(chosen.replay), chosen.speed);
+  running(chosen, std::move(file), std::move(recording)).run();
 }
 
 }  // namespace virtual_reader

@@ -1,0 +1,41 @@
+// What was recorded of a reader library, call by call.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reader.h"
+#include "record_text.h"
+
+namespace virtual_reader {
+
+// A call, with all that its answer needs, wherever in the recording that stands.
+struct recorded_call : call_text {
+  std::chrono::microseconds ended{0};  // since the recording began
+  std::vector<says_text> said;         // while it lasted
+  std::optional<card_id> card;         // GetQueuedID: what it fetched
+  std::optional<std::string> part;     // usbConnect: the part number, null if missing
+  std::map<std::size_t, std::array<std::int16_t, 8>>
+      records;             // ReadCfg: what the Gets gave, by place
+  std::int64_t error = 1;  // failed: what GetLastLibErr said then
+
+  bool is_poll() const { return name == "GetQueuedID"; }
+  bool has_failed() const { return has_result && !has_text && !values.empty() && values[0] == 0; }
+  // What it answers is as if nothing had happened.
+  bool is_idle() const { return is_poll() && !card && !has_failed() && said.empty(); }
+};
+
+// All calls but GetQueuedID_index, which is part of the call before it. A recording that was cut
+// off ends with its last whole line. Throws std::runtime_error with one line.
+std::vector<recorded_call> read_recording(const std::string& path);
+
+// The same in less time: calls take the `speed`-th part of theirs, and of polls and searches in a
+// row that told the same no more are left.
+std::vector<recorded_call> hurried(const std::vector<recorded_call>&, double speed);
+
+}  // namespace virtual_reader

@@ -1,0 +1,124 @@
+#include "replay.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace virtual_reader {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+// How much longer than recorded a host may need.
+constexpr std::chrono::seconds patience{2};
+// Calls that took less are not slow.
+constexpr std::chrono::milliseconds least_delay{10};
+
+std::string text_of(const recorded_call& each) {
+  call_text text;
+  text.name = each.name;
+  text.arguments = each.arguments;
+  char time[32];
+  std::snprintf(time, sizeof time, " at %.6f", static_cast<double>(each.ended.count()) / 1e6);
+  return to_text(text).substr(5) + time;
+}
+
+// What a host gets a line for: not a card that is still there.
+bool is_event(const recorded_call& poll, const recorded_call* before) {
+  const bool is_still_there =
+      poll.card && before && before->card && poll.card->text == before->card->text;
+  return !poll.is_idle() && !is_still_there;
+}
+
+}  // namespace
+
+replay::replay(std::vector<recorded_call> recorded) : calls(std::move(recorded)) {
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    left[calls[i].name].push_back(i);
+    if (!calls[i].is_poll()) left_but_polls.insert(i);
+  }
+}
+
+void replay::drop(std::size_t index) {
+  std::deque<std::size_t>& same = left[calls[index].name];
+  same.erase(std::remove(same.begin(), same.end(), index), same.end());
+  left_but_polls.erase(index);
+}
+
+// Said once for each time that the two part.
+void replay::part(const call& asked, reader* playing, const std::string& how) {
+  if (in_step) playing->happened.add(asked.agent, "recording parts: " + how);
+  in_step = false;
+}
+
+// Whether calls that were recorded before this poll are yet to come.
+bool replay::must_wait(const recorded_call& poll, const call& asked, reader* playing) {
+  const auto index = static_cast<std::size_t>(&poll - calls.data());
+  const auto now = clock::now();
+  if (waiting_since == clock::time_point{}) waiting_since = now;
+  while (!left_but_polls.empty() && *left_but_polls.begin() < index) {
+    const recorded_call& missing = calls[*left_but_polls.begin()];
+    if (now - waiting_since < patience + (poll.ended - missing.ended)) return true;
+    part(asked, playing, "there was " + text_of(missing));
+    drop(*left_but_polls.begin());
+  }
+  waiting_since = {};
+  return false;
+}
+
+std::vector<rule> replay::prepare(const call& asked, reader* playing) {
+  if (asked.name == "GetQueuedID_index") return {};
+  const auto next = left_but_polls.begin();
+  const std::deque<std::size_t>& same = left[asked.name];
+  if (same.empty()) {
+    if (asked.name == "GetQueuedID") playing->hold({});
+    if (next != left_but_polls.end()) {
+      if (asked.name != "GetQueuedID") part(asked, playing, "there was " + text_of(calls[*next]));
+    } else if (!has_ended) {
+      has_ended = true;
+      playing->happened.add(asked.agent, "recording ended");
+    }
+    return {};
+  }
+  const std::size_t index = same.front();
+  const recorded_call& recorded = calls[index];
+  if (recorded.is_poll()) {
+    if (is_event(recorded, last_poll) && must_wait(recorded, asked, playing)) {
+      playing->hold({});
+      return {};
+    }
+    last_poll = &recorded;
+    playing->hold(recorded.card);
+  } else if (*next < index || asked.arguments != recorded.arguments) {
+    part(asked, playing, "there was " + text_of(calls[*next]));
+  } else {
+    in_step = true;
+  }
+  drop(index);
+  if (recorded.name == "usbConnect" && !recorded.has_failed()) {
+    playing->plug();
+    playing->part_number = recorded.part;
+  }
+  for (const auto& [place, fields] : recorded.records) {
+    std::copy(fields.begin(), fields.end(), &playing->stored[place]);
+  }
+  std::vector<rule> due;
+  const auto add = [&](rule::kind what) -> rule& {
+    due.push_back({what, asked.name});
+    return due.back();
+  };
+  for (const says_text& said : recorded.said) {
+    rule& made = add(rule::kind::say);
+    made.text = said.text;
+    made.length = said.length;
+    made.own_thread = said.own_thread;
+  }
+  if (recorded.took && *recorded.took >= least_delay) {
+    add(rule::kind::delay).time =
+        std::chrono::duration_cast<std::chrono::milliseconds>(*recorded.took);
+  }
+  if (recorded.has_failed()) add(rule::kind::fail).error = recorded.error;
+  return due;
+}
+
+}  // namespace virtual_reader
