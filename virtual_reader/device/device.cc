@@ -69,7 +69,7 @@ void device::serve(int socket) {
   });
   if (why.empty() && agent != 0) serve_agent(socket, agent);
   if (why.empty() && is_teller && serve_teller) {
-    serve_teller(socket, [this, socket] { return has_gone(socket); });
+    serve_teller(socket, [socket] { return has_gone(socket); });
   }
   const std::lock_guard<std::mutex> lock(mutex);
   links.erase(socket);
