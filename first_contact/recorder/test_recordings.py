@@ -241,6 +241,18 @@ class Recordings(unittest.TestCase):
         self.assertIn("recording parts: there was BeepNow 2 0 at 2.100000", said[0])
         bench.end()
 
+    def test_a_recording_alone_is_a_run(self):
+        path = self.folder / "by-hand"
+        path.write_text(BY_HAND, encoding="ascii")
+        told = subprocess.run([BUILD / "virtual-reader", "--replay", path, "--", agent(self.folder)],
+                              env=environment(None), stdin=subprocess.DEVNULL, encoding="ascii",
+                              capture_output=True, timeout=PATIENCE, check=False)
+        self.assertEqual(told.returncode, 0, told.stderr)
+        self.assertEqual(without_number(told.stdout).splitlines(), [*BY_HAND_LINES, "Reader: Global"])
+        # This host does not beep, and that is said once it has had its time.
+        self.assertIn("recording parts: there was BeepNow 2 0 at 2.100000\n", told.stderr)
+        self.assertIn("recording ended\n", told.stderr)
+
     def test_a_recording_can_be_read_as_verbs(self):
         path = self.folder / "by-hand"
         path.write_text(BY_HAND, encoding="ascii")

@@ -35,7 +35,10 @@ bool is_event(const recorded_call& poll, const recorded_call* before) {
 replay::replay(std::vector<recorded_call> recorded) : calls(std::move(recorded)) {
   for (std::size_t i = 0; i < calls.size(); ++i) {
     left[calls[i].name].push_back(i);
-    if (!calls[i].is_poll()) left_but_polls.insert(i);
+    // The agent's last call comes at its end, for which nothing waits.
+    const bool is_last =
+        calls[i].name == "SetMarkerFunction" && calls[i].arguments == std::vector<std::int64_t>{0};
+    if (!calls[i].is_poll() && !is_last) left_but_polls.insert(i);
   }
 }
 
@@ -51,14 +54,14 @@ void replay::part(const call& asked, reader* playing, const std::string& how) {
   in_step = false;
 }
 
-// Whether calls that were recorded before this poll are yet to come.
-bool replay::must_wait(const recorded_call& poll, const call& asked, reader* playing) {
-  const auto index = static_cast<std::size_t>(&poll - calls.data());
+// Whether calls that were recorded before that one are yet to come.
+bool replay::must_wait(std::size_t index, const call& asked, reader* playing) {
   const auto now = clock::now();
   if (waiting_since == clock::time_point{}) waiting_since = now;
   while (!left_but_polls.empty() && *left_but_polls.begin() < index) {
     const recorded_call& missing = calls[*left_but_polls.begin()];
-    if (now - waiting_since < patience + (poll.ended - missing.ended)) return true;
+    const auto ended = calls[std::min(index, calls.size() - 1)].ended;
+    if (now - waiting_since < patience + (ended - missing.ended)) return true;
     part(asked, playing, "there was " + text_of(missing));
     drop(*left_but_polls.begin());
   }
@@ -66,37 +69,46 @@ bool replay::must_wait(const recorded_call& poll, const call& asked, reader* pla
   return false;
 }
 
+// For a call of which the recording has no more.
+void replay::go_on(const call& asked, reader* playing) {
+  const bool is_poll = asked.name == "GetQueuedID";
+  if (is_poll) playing->hold({});
+  if (!is_poll && !left_but_polls.empty()) {
+    part(asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
+  } else if (!is_poll && !left["GetQueuedID"].empty()) {
+    part(asked, playing, "there was no more " + asked.name);
+  } else if (!has_ended && !(is_poll && must_wait(calls.size(), asked, playing))) {
+    has_ended = true;
+    playing->happened.add(asked.agent, "recording ended");
+  }
+}
+
 std::vector<rule> replay::prepare(const call& asked, reader* playing) {
   if (asked.name == "GetQueuedID_index") return {};
-  const auto next = left_but_polls.begin();
   const std::deque<std::size_t>& same = left[asked.name];
   if (same.empty()) {
-    if (asked.name == "GetQueuedID") playing->hold({});
-    if (next != left_but_polls.end()) {
-      if (asked.name != "GetQueuedID") part(asked, playing, "there was " + text_of(calls[*next]));
-    } else if (!has_ended) {
-      has_ended = true;
-      playing->happened.add(asked.agent, "recording ended");
-    }
+    go_on(asked, playing);
     return {};
   }
   const std::size_t index = same.front();
   const recorded_call& recorded = calls[index];
   if (recorded.is_poll()) {
-    if (is_event(recorded, last_poll) && must_wait(recorded, asked, playing)) {
+    if (is_event(recorded, last_poll) && must_wait(index, asked, playing)) {
       playing->hold({});
       return {};
     }
     last_poll = &recorded;
     playing->hold(recorded.card);
-  } else if (*next < index || asked.arguments != recorded.arguments) {
-    part(asked, playing, "there was " + text_of(calls[*next]));
+  } else if (!left_but_polls.empty() && *left_but_polls.begin() < index) {
+    part(asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
+  } else if (asked.arguments != recorded.arguments) {
+    part(asked, playing, "there was " + text_of(recorded));
   } else {
     in_step = true;
   }
   drop(index);
-  if (recorded.name == "usbConnect" && !recorded.has_failed()) {
-    playing->plug();
+  if (recorded.name == "usbConnect") {
+    recorded.has_failed() ? playing->unplug() : playing->plug();
     playing->part_number = recorded.part;
   }
   for (const auto& [place, fields] : recorded.records) {

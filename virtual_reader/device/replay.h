@@ -27,7 +27,8 @@ class replay {
   std::vector<rule> prepare(const call& asked, reader* playing);
 
  private:
-  bool must_wait(const recorded_call& poll, const call& asked, reader* playing);
+  bool must_wait(std::size_t index, const call& asked, reader* playing);
+  void go_on(const call& asked, reader* playing);
   void drop(std::size_t index);
   void part(const call& asked, reader* playing, const std::string& how);
 

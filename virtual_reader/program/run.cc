@@ -191,9 +191,11 @@ void running::carry_out_all() try {
   if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
   const bool all_held = held && first_failure.empty();
   has_played = true;
-  // With a recording alone there is no other who knows when all has been seen but the host.
-  const bool replays_to_host = has_host && !chosen.replay.empty() && !file;
-  if (all_held && (chosen.stay || replays_to_host)) return;
+  if (all_held && chosen.stay) return;
+  // A recording alone is over when it has been played, or the host ends.
+  if (has_host && !chosen.replay.empty() && !file) {
+    told.carry_out("expect recording ended within 86400000");
+  }
   end.set(all_held ? passed : expectation_failed, first_failure);
 } catch (const interruption&) {
 } catch (const std::runtime_error& error) {
