@@ -127,6 +127,15 @@ need_googletest() {
   fi
 }
 
+# What building and running all tests needs.
+need_test_tools() {
+  need_build_tools
+  need_googletest
+  need_command node nodejs node
+  need_command python3 python3 python3
+  need_command pgrep procps -
+}
+
 # hold FOLDER: makes a build folder, and waits until no other of these scripts builds in it; until
 # `release`, or until this script ends and all that it started.
 hold() {
