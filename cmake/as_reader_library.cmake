@@ -2,8 +2,7 @@ include(${CMAKE_CURRENT_LIST_DIR}/reader_library_functions.cmake)
 
 # as_reader_library(TARGET): makes a shared library one that can take the reader library's place in
 # the bundle. It exports the library's functions, and nothing of the C++ library besides; and its
-# own name is the path where programs that link with it look for it, beside themselves. On Linux it
-# has the C++ library within itself, as the agent has.
+# own name is the path where programs that link with it look for it, beside themselves.
 function(as_reader_library TARGET)
   reader_library_functions(${PROJECT_SOURCE_DIR}/src/pc_prox_api.h functions)
   set(exports ${CMAKE_CURRENT_BINARY_DIR}/exports)
@@ -29,9 +28,7 @@ function(as_reader_library TARGET)
   list(JOIN link_options "" link_options)
   file(CONFIGURE OUTPUT ${link_options_file} CONTENT "@link_options@" @ONLY)
   target_link_options(${TARGET} PRIVATE @${link_options_file})
-  if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT CARD_READER_SANITIZERS)
-    target_link_options(${TARGET} PRIVATE -static-libstdc++ -static-libgcc)
-  endif()
+  with_own_runtime(${TARGET})
   set_target_properties(${TARGET} PROPERTIES
     SKIP_BUILD_RPATH ON
     LINK_DEPENDS "${exports};${link_options_file}")

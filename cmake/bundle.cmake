@@ -1,4 +1,4 @@
-# The application bundle: what is in it, how it is installed and packed. Expects the targets
+# The application bundle: what is in it, and how it is installed, as the component `agent`. Expects the targets
 # card-reader-agent and pcProxAPI, and BUNDLE_CONTENTS, the bundle's Contents folder in the build.
 
 set(PCPROX_API_LIBRARY "" CACHE FILEPATH
@@ -103,31 +103,19 @@ if(CARD_READER_RECORDER)
     COMMAND ${CMAKE_COMMAND} -E copy_if_different
       $<TARGET_FILE:pcProxAPI-recorder> ${agents_library_path} VERBATIM)
   add_dependencies(bundle pcProxAPI-recorder)
-  install(PROGRAMS ${agents_library_path} DESTINATION ${bundle_name}/Contents/Frameworks)
+  install(PROGRAMS ${agents_library_path} DESTINATION ${bundle_name}/Contents/Frameworks
+    COMPONENT agent)
 endif()
 # So that building the agent alone also gives a bundle that runs.
 add_dependencies(card-reader-agent bundle)
 
 configure_file(${CMAKE_SOURCE_DIR}/packaging/Info.plist.in ${BUNDLE_CONTENTS}/Info.plist @ONLY)
 
-install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents)
-install(TARGETS card-reader-agent RUNTIME DESTINATION ${bundle_name}/Contents/MacOS)
+install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents COMPONENT agent)
+install(TARGETS card-reader-agent RUNTIME DESTINATION ${bundle_name}/Contents/MacOS
+  COMPONENT agent)
 # As a program, so that a maker's library keeps every byte, and with it its signature.
-install(PROGRAMS ${bundled_library_path} DESTINATION ${bundle_name}/Contents/Frameworks)
-install(CODE "set(FOLDER \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${bundle_name}\")")
-install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/open_folders.cmake)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/open_folders.cmake)
-
-set(CPACK_GENERATOR TGZ)
-set(processors ${CMAKE_SYSTEM_PROCESSOR})
-if(APPLE)
-  set(CPACK_GENERATOR ZIP)
-  # What the bundle is for, and not where it was built.
-  list(JOIN CMAKE_OSX_ARCHITECTURES "-" processors)
-endif()
-set(CPACK_PACKAGE_NAME card-reader-agent)
-set(CPACK_PACKAGE_VENDOR "")
-set(CPACK_PACKAGE_FILE_NAME card-reader-agent-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${processors}${library_origin}${recorder_origin})
-set(CPACK_PACKAGE_CHECKSUM SHA256)
-set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
-include(CPack)
+install(PROGRAMS ${bundled_library_path} DESTINATION ${bundle_name}/Contents/Frameworks
+  COMPONENT agent)
+install(CODE "set(FOLDER \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${bundle_name}\")" COMPONENT agent)
+install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/open_folders.cmake COMPONENT agent)

@@ -1,9 +1,5 @@
-# Lets everybody read what is in the bundle's folders, whatever the umask of whoever installs or
-# packs: CMake gives new folders a mode, from which the system takes the umask. FOLDER is the bundle
-# that was installed; without it this is about all that is to be packed.
-if(NOT DEFINED FOLDER)
-  set(FOLDER ${CPACK_TEMPORARY_DIRECTORY})
-endif()
+# Lets everybody read what is in FOLDER, the bundle that was installed, whatever the umask of whoever
+# installs: CMake gives new folders a mode, from which the system takes the umask.
 file(GLOB_RECURSE entries LIST_DIRECTORIES true "${FOLDER}/*")
 foreach(entry IN ITEMS "${FOLDER}" LISTS entries)
   if(IS_DIRECTORY "${entry}")

@@ -1,0 +1,85 @@
+# The development kit, a component of the installation: what a host's author needs who builds nothing.
+# Expects bundle_name and bundled_library of bundle.cmake.
+
+set(kit_pages ${CMAKE_BINARY_DIR}/kit-pages)
+
+# kit_page(FROM TO): a page of the project, with the paths that things have in the
+# kit; links to sources become plain text.
+function(kit_page FROM TO)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${FROM})
+  file(READ ${PROJECT_SOURCE_DIR}/${FROM} page)
+  if(FROM STREQUAL virtual_reader/README.md)
+    string(REGEX REPLACE "\\]\\((scenarios/|demo[.]txt)" "](../scenarios/\\1" page "${page}")
+    string(REPLACE "scenarios/scenarios/" "scenarios/" page "${page}")
+  endif()
+  string(REGEX REPLACE "\\[([^]]*)\\]\\((device|language|library|program|screen|wire|[.][.]/src)/[^)]*\\)"
+    "\\1" page "${page}")
+  foreach(path IN ITEMS
+      build/macos/library-check=bin/library-check
+      build/library-check=bin/library-check
+      build/virtual-reader=bin/virtual-reader
+      build/CardReaderAgent.app=CardReaderAgent.app
+      virtual_reader/README.md=docs/virtual-reader.md
+      virtual_reader/scenarios/=scenarios/
+      virtual_reader/screen/screen=bin/screen/screen
+      hosts/=clients/)
+    string(REGEX MATCH "(.*)=(.*)" path "${path}")
+    string(REPLACE "${CMAKE_MATCH_1}" "${CMAKE_MATCH_2}" page "${page}")
+  endforeach()
+  file(WRITE ${kit_pages}/${TO} "${page}")
+endfunction()
+
+set(in_kit COMPONENT kit EXCLUDE_FROM_ALL)
+
+install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents ${in_kit})
+install(PROGRAMS $<TARGET_FILE:card-reader-agent> DESTINATION ${bundle_name}/Contents/MacOS ${in_kit})
+# Whatever library the other archive has.
+install(PROGRAMS $<TARGET_FILE:pcProxAPI> DESTINATION ${bundle_name}/Contents/Frameworks ${in_kit}
+  RENAME ${bundled_library})
+install(PROGRAMS $<TARGET_FILE:virtual-reader> $<TARGET_FILE:library-check> DESTINATION bin ${in_kit})
+install(PROGRAMS $<TARGET_FILE:pcProxAPI-recorder> DESTINATION lib ${in_kit})
+
+set(screen ${PROJECT_SOURCE_DIR}/virtual_reader/screen)
+install(PROGRAMS ${screen}/screen DESTINATION bin/screen ${in_kit})
+install(DIRECTORY ${screen}/ DESTINATION bin/screen ${in_kit} FILES_MATCHING
+  PATTERN *.html PATTERN *.css PATTERN *.js PATTERN *.svg)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/virtual_reader/scenarios DESTINATION . ${in_kit} FILES_MATCHING
+  PATTERN *.txt)
+install(FILES ${PROJECT_SOURCE_DIR}/virtual_reader/demo.txt DESTINATION scenarios ${in_kit})
+
+set(hosts ${PROJECT_SOURCE_DIR}/hosts)
+foreach(client IN ITEMS node python swift)
+  install(DIRECTORY ${hosts}/${client} DESTINATION clients ${in_kit}
+    PATTERN README.md EXCLUDE
+    # What tests and builds leave there.
+    PATTERN __pycache__ EXCLUDE
+    PATTERN *.egg-info EXCLUDE
+    PATTERN build EXCLUDE
+    PATTERN .build EXCLUDE
+    PATTERN node_modules EXCLUDE
+    PATTERN .swiftpm EXCLUDE
+    # Tests of the client itself, which need more than the kit has. Swift wants the folder there.
+    REGEX /node/test$ EXCLUDE
+    REGEX /python/tests$ EXCLUDE
+    REGEX /swift/test$ EXCLUDE)
+  kit_page(hosts/${client}/README.md clients/${client}/README.md)
+endforeach()
+install(FILES ${hosts}/situations.txt DESTINATION clients ${in_kit})
+kit_page(hosts/README.md clients/README.md)
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION . USE_SOURCE_PERMISSIONS ${in_kit}
+  PATTERN __pycache__ EXCLUDE)
+
+kit_page(packaging/kit.md README.md)
+kit_page(virtual_reader/README.md docs/virtual-reader.md)
+foreach(page IN ITEMS
+    CHANGELOG SECURITY docs/first-contact docs/performance docs/protocol docs/shipping docs/trust)
+  kit_page(${page}.md ${page}.md)
+endforeach()
+install(DIRECTORY ${kit_pages}/ DESTINATION . ${in_kit})
+install(FILES ${PROJECT_SOURCE_DIR}/docs/performance.svg DESTINATION docs ${in_kit})
+
+# For whoever puts another library into the bundle, and signs it after.
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/macos/sign-ad-hoc DESTINATION packaging/macos ${in_kit})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/macos/other-team-library.entitlements
+  DESTINATION packaging/macos ${in_kit})
