@@ -1,5 +1,6 @@
-// What the virtual reader reads from its socket: any bytes, after a right greeting or without one.
-// It must end the connection, and go on serving others.
+// What the virtual reader reads from its socket: any bytes, after the right greeting of an agent,
+// or of one who tells it verbs, or without one. It must end the connection, and go on serving
+// others.
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 
 #include "device.h"
 #include "fuzzing.h"
+#include "serve_teller.h"
 
 namespace {
 
@@ -32,13 +34,18 @@ bool is_closed_by_peer(int socket) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static device reader(socket_path());
+  static std::atomic<std::uint64_t> cursor{1};
+  static device reader(socket_path(), true, [](int socket, const std::function<bool()>& is_over) {
+    serve_teller(socket, is_over, reader, cursor, {});
+  });
   if (size == 0) return 0;
 
   const descriptor link(connect_to(socket_path()));
   require(link.number >= 0, "it accepts a connection");
-  if (data[0] % 2 == 1) {
-    require(exchange_greetings(link.number) == protocol_version, "it returns a greeting");
+  if (data[0] % 4 != 0) {
+    const auto peer =
+        exchange_greetings(link.number, data[0] % 4 == 3 ? teller_greeting : agent_greeting);
+    require(peer && peer->version == protocol_version, "it returns a greeting");
   }
   send_bytes(link.number, data + 1, size - 1, in(message_limit));  // it may hang up on the way
   shutdown(link.number, SHUT_WR);

@@ -70,12 +70,18 @@ class Runs(unittest.TestCase):
                 found.append(command)
         return found
 
+    def popen(self, *line, **how):
+        process = subprocess.Popen(line, env=self.env, text=True, **how)
+        self.addCleanup(process.__exit__, None, None, None)
+        self.addCleanup(process.kill)
+        return process
+
     def start(self, scenario, *command, options=()):
         path = f"{self.folder}/a scenario.txt"
         Path(path).write_text(scenario, encoding="utf-8")
         pipes = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
         line = [READER, *options, path, "--", *command]
-        return subprocess.Popen(line, env=self.env, text=True, **pipes)
+        return self.popen(*line, **pipes)
 
     def run_host(self, scenario, program, options=()):
         """The status, the last line on standard error, and all of both outputs."""
@@ -182,6 +188,74 @@ class Runs(unittest.TestCase):
         self.assertEqual(subprocess.run([*tell, 'host "ResetConfig" "Ok:"']).returncode, 0)
         _, err = run.communicate(timeout=20)
         self.assertIn("expected no reset", err)
+
+    def test_a_file_alone_and_standard_input(self):
+        def outcome(text, *options, path=True, wait=None):
+            file = f"{self.folder}/file"
+            Path(file).write_text(text)
+            line = [READER, "--socket", f"{self.folder}/s", *options, *([file] if path else [])]
+            pipe = subprocess.PIPE
+            run = self.popen(*line, stdin=pipe, stdout=pipe, stderr=pipe)
+            if wait:
+                self.assertEqual(run.stdout.readline(), wait)
+                run.send_signal(signal.SIGTERM)
+            out, err = run.communicate("" if path else text, timeout=20)
+            return run.returncode, out, err.replace(file, "file")
+
+        failed = "FAILED: expected reset within 0 ms; since then:\n  "
+        wrong = "unknown verb 'fial', did you mean 'fail'?\n"
+        rows = [
+            (outcome('unplug\necho "x"\nled'), (0, "unplugged\n= x\n= led dark\n", "")),
+            (outcome("show", "--unplugged")[1][:13], "= unplugged\n="),
+            (outcome('echo "x"\nfial'), (2, "", f"file:2: {wrong}")),
+            (outcome('host "a"')[0], 2),
+            (outcome('fial\necho "x"', path=False), (1, "= x\n", f"line 1: {wrong}")),
+            (outcome('plug\nquit\nbad', path=False), (0, "", "")),
+            (outcome('echo "x"\nwait 60000', wait="= x\n")[0], 4),
+            (outcome('echo "x"', "--stay", wait="= x\n")[0], 0),
+            (outcome("", "--limit", "0")[0], 2),
+            (outcome("", "--tell", "plug")[0], 2),
+        ]
+        for number, (came, told) in enumerate(rows):
+            self.assertEqual(came, told, number)
+        status, out, err = outcome('unplug\nexpect reset within 0\necho "x"')
+        self.assertEqual((status, out), (1, "unplugged\n"))
+        self.assertIn(f"file:2: {failed}", err)
+        status, out, _ = outcome('expect reset within 0\necho "x"', "--keep-going")
+        self.assertEqual((status, out), (1, "= x\n"))
+
+    def test_a_running_reader_is_told(self):
+        tell = [READER, "--socket", f"{self.folder}/s", "--tell"]
+
+        def told(verbs):
+            run = subprocess.run([*tell, verbs], capture_output=True, text=True, timeout=20)
+            return run.returncode, run.stdout, run.stderr
+
+        self.assertEqual(told("show")[0], 2)
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
+        reader = self.popen(READER, *tell[1:3], **pipes)
+        deadline = time.monotonic() + 5
+        while told('echo "a"') != (0, "a\n", "") and time.monotonic() < deadline:
+            time.sleep(0.01)
+        self.assertEqual(os.stat(f"{self.folder}/s").st_mode & 0o777, 0o600)
+        waiting = self.popen(*tell, "expect reset within 60000", stderr=subprocess.PIPE)
+        following = self.popen(*tell, "record follow", stdout=subprocess.PIPE)
+        time.sleep(0.1)
+        self.assertEqual(told("unplug\nexpect unplugged\nled"), (0, "led dark\n", ""))
+        self.assertRegex(following.stdout.readline(), r"^\d+\.\d{6} - verb unplug\n$")
+        self.assertRegex(following.stdout.readline(), r"^\d+\.\d{6} - unplugged\n$")
+        status, out, err = told("expect unplugged within 0")  # the cursor of all is behind it
+        self.assertEqual((status, out), (1, ""))
+        self.assertRegex(err, "^FAILED: expected unplugged within 0 ms; nothing has happened since")
+        self.assertEqual(told("plog")[::2], (1, "unknown verb 'plog', did you mean 'plug'?\n"))
+        # Nobody reads what it prints, which holds up neither it nor who tells it.
+        for _ in range(3):
+            self.assertEqual(told("plug\n" + "replug\n" * 18_000), (0, "", ""))
+        printed = reader.communicate('echo "here"\n', timeout=20)[0]
+        following.stdout.read()  # too late, too
+        self.assertIn(" entries were left out)\n", printed)
+        self.assertEqual(printed[-19:], "\nplugged in\n= here\n")
+        self.assertEqual([process.wait(5) for process in (reader, waiting, following)], [0, 1, 2])
 
 
 if __name__ == "__main__":

@@ -51,9 +51,32 @@ class loaded_library {
     disconnect();
     return find<pc_prox::status (*)()>("usbConnect")();
   }
-  int beep() const {
-    return find<pc_prox::status (*)(std::uint8_t, std::int16_t)>("BeepNow")(1, 0);
+  int beep(std::uint8_t count = 1, std::int16_t is_long = 0) const {
+    return find<pc_prox::status (*)(std::uint8_t, std::int16_t)>("BeepNow")(count, is_long);
   }
+  void deafen() const { find<void (*)(pc_prox::marker_function)>("SetMarkerFunction")(nullptr); }
+  // The card found as the verbs write it, "none" or "failed".
+  std::string poll() const {
+    const auto value_at = find<std::int64_t (*)(std::int16_t)>("GetQueuedID_index");
+    if (!find<pc_prox::status (*)(std::int16_t, std::int16_t)>("GetQueuedID")(1, 0)) {
+      return "failed";
+    }
+    const std::int64_t bits = value_at(32);
+    std::string digits;
+    for (std::int16_t i = 0; 8 * i < bits; ++i) {
+      char pair[17];
+      std::snprintf(pair, sizeof pair, "%02jX", static_cast<std::intmax_t>(value_at(i)));
+      digits.insert(0, pair);
+    }
+    return bits == 0 ? "none" : digits + "/" + std::to_string(bits);
+  }
+  int set_led(std::int16_t on, std::int16_t red, std::int16_t green) const {
+    pc_prox::sLEDCtrl record{};
+    record.bAppCtrlsLED = on, record.iRedLEDState = red, record.iGrnLEDState = green;
+    return find<pc_prox::status (*)(pc_prox::sLEDCtrl*)>("SetLEDCtrl")(&record);
+  }
+  int write_configuration() const { return call("ReadCfg") && call("WriteCfg"); }
+  int call(const char* name) const { return find<pc_prox::status (*)()>(name)(); }
   std::int64_t error() const { return find<std::int64_t (*)()>("GetLastLibErr")(); }
   static lines& told() {  // through the marker function
     static lines all;
@@ -256,6 +279,259 @@ TEST(VirtualReader, SaysWhatIsWrongWithALine) {
   for (const auto& [line, error] : rows) {
     const std::string came = tell(reader, line);
     EXPECT_EQ(came.substr(0, error.empty() ? came.npos : error.size()), error) << line;
+  }
+}
+
+// Each row is a verb and its answers, or what is asked of the library and the result.
+TEST(VirtualReader, DoesWhatItsVerbsSay) {
+  struct step {
+    std::string what, outcome;
+  };
+  const std::pair<const char*, std::vector<step>> rows[] = {
+      {"cards",
+       {{".poll", "none"},
+        {"card hold 3AB1234/26", ""},
+        {"card queue EE 12/5", ""},
+        {".poll", "EE/8"},
+        {".poll", "12/5"},
+        {".poll", "03AB1234/26"},
+        {".poll", "03AB1234/26"},
+        {"card remove", ""},
+        {".poll", "none"},
+        {"card queue EE", ""},
+        {"card drop", ""},
+        {".poll", "none"},
+        {"card raw 12 0x1FF -1", ""},
+        {".poll", "FFFFFFFFFFFFFFFF1FF/12"}}},
+      {"light and sound",
+       {{".led red", "1"},
+        {"led", "led red"},
+        {".led amber", "1"},
+        {"led", "led amber"},
+        {".beep", "1"},
+        {".beep long", "1"},
+        {".beep", "1"},
+        {"beeps", "beeps 2 short, 3 long"},
+        {"unplug", ""},
+        {"led", "led dark"},
+        {"plug", ""},
+        {"led", "led own"}}},  // it was not written
+      {"configuration",
+       {{".led green", "1"},
+        {".write", "1"},  // what is read before it is what was stored
+        {"replug", ""},
+        {"led", "led own"},
+        {".connect", "1"},
+        {".reset", "1"},
+        {"expect led own within 0", ""},
+        {"expect no led green within 0", ""},
+        {"expect config tsCfgFlags2.bBeepID=1 tsLEDCtrl.iGrnLEDState=0 within 0",
+         "expected config tsCfgFlags2.bBeepID=1 tsLEDCtrl.iGrnLEDState=0 within 0 ms"}}},
+      {"failures",
+       {{"fail BeepNow error 7 at 2", ""},
+        {".beep", "1"},
+        {".beep", "0"},
+        {".error", "7"},
+        {".beep", "1"},
+        {"fail BeepNow error 8", ""},
+        {"fail BeepNow error 9 times 2", ""},
+        {".beep", "0"},
+        {".error", "8"},
+        {".beep", "0"},
+        {".error", "9"},
+        {".beep", "0"},
+        {".beep", "1"},
+        {"fail BeepNow from 2", ""},
+        {".beep", "1"},
+        {".beep", "0"},
+        {".beep", "0"},
+        {"clear SetLEDCtrl", ""},
+        {".beep", "0"},
+        {"clear BeepNow", ""},
+        {".beep", "1"},
+        {"fail SetMarkerFunction", ""},
+        {".deafen", ""},
+        {"say BeepNow \"heard\"", ""},
+        {".beep", "1"},
+        {".told", "heard"},
+        {"say BeepNow thread \"again\" length 3 always", ""},
+        {".beep", "1"},
+        {".told", "heard aga"},
+        {"clear", ""},
+        {".beep", "1"},
+        {".told", "heard aga"},
+        {"part \"A B\"", ""},
+        {"vanish GetQueuedID", ""},
+        {".poll", "failed"},
+        {".beep", "0"},
+        {".error", "1"}}},
+      {"delays",
+       {{"delay BeepNow 60000", ""},
+        {"delay BeepNow 30", ""},  // in place of that
+        {".beep", "1"},
+        {"expect begins BeepNow within 0", ""},
+        {"expect call BeepNow within 0", ""}}},
+  };
+  for (const auto& [what, steps] : rows) {
+    SCOPED_TRACE(what);
+    const scratch_folder folder;
+    device reader(folder.path + "/socket");
+    const loaded_library library(folder);
+    ASSERT_EQ(library.connect(), 1);
+    std::atomic<std::uint64_t> cursor{1};
+    for (const auto& [verb, outcome] : steps) {
+      std::string came;
+      if (verb == ".poll") came = library.poll();
+      if (verb == ".beep") came = std::to_string(library.beep());
+      if (verb == ".beep long") came = std::to_string(library.beep(3, 1));
+      if (verb == ".error") came = std::to_string(library.error());
+      if (verb == ".connect") came = std::to_string(library.connect());
+      if (verb == ".write") came = std::to_string(library.write_configuration());
+      if (verb == ".reset") came = std::to_string(library.call("ResetFactoryDflts"));
+      if (verb == ".led red") came = std::to_string(library.set_led(1, 1, 0));
+      if (verb == ".led green") came = std::to_string(library.set_led(1, 0, 1));
+      if (verb == ".led amber") came = std::to_string(library.set_led(1, 2, -1));
+      if (verb == ".deafen") library.deafen();
+      lines answers = verb == ".told" ? library.told() : lines();
+      if (verb[0] != '.') came = tell(reader, verb, &cursor, &answers);
+      for (const std::string& line : answers) came += (came.empty() ? "" : " ") + line;
+      EXPECT_EQ(came, outcome) << verb;
+    }
+  }
+}
+
+TEST(VirtualReader, RecordsWhatHappensInOrder) {
+  const scratch_folder folder;
+  device reader(folder.path + "/socket");
+  for (const std::string verb :
+       {"card hold 3/2 # held", "say BeepNow \"a\\n\" length 1", "hang BeepNow times 2"}) {
+    ASSERT_EQ(tell(reader, verb), "");
+  }
+  {
+    const loaded_library library(folder);
+    library.connect();
+    for (int i = 0; i < 3; ++i) library.poll();
+    tell(reader, "card remove");
+    library.poll();
+    library.poll();
+    std::thread beeping([&] { EXPECT_EQ(library.beep(), 1); });
+    EXPECT_EQ(tell(reader, "expect begins BeepNow"), "");
+    lines shown;
+    EXPECT_EQ(tell(reader, "show", nullptr, &shown), "");
+    EXPECT_EQ(shown[4], "hang BeepNow once");
+    EXPECT_EQ(shown[5], "BeepNow of agent 1 hangs since 0 s");
+    EXPECT_EQ(shown[6], "agent 1 is connected to the reader, came 0 s ago");
+    tell(reader, "release");
+    beeping.join();
+  }
+  ASSERT_EQ(tell(reader, "expect agent gone"), "");
+  lines came;
+  ASSERT_EQ(tell(reader, "record all 100", nullptr, &came), "");
+  for (std::string& line : came) {
+    line.erase(0, line.find(' ') + 1);
+    line.erase(std::min(line.rfind(" ("), line.size()));
+  }
+  EXPECT_EQ(came, (lines{"- verb card hold 3/2 # held",
+                         "- verb say BeepNow \"a\\n\" length 1",
+                         "- verb hang BeepNow times 2",
+                         "1 agent came",
+                         "1 call SetMarkerFunction 1",
+                         "1 call USBDisconnect",
+                         "1 connected",
+                         "1 call usbConnect -> 1",
+                         "1 card 3/2",
+                         "1 call GetQueuedID 1 0 -> 1",
+                         "1 call GetQueuedID 1 0 -> 1",  // and once more
+                         "- verb card remove",
+                         "1 call GetQueuedID 1 0 -> 1",
+                         "1 fault hang BeepNow",
+                         "1 begins BeepNow 1 0",
+                         "1 says \"a\\n\" length 1",
+                         "- verb release",
+                         "1 beep short 1",
+                         "1 call BeepNow 1 0 -> 1",
+                         "1 disconnected",
+                         "1 agent gone"}));
+}
+
+TEST(VirtualReader, ExpectsEntriesBehindItsCursor) {
+  const scratch_folder folder;
+  device reader(folder.path + "/socket");
+  const lines entries = {"led red",           "beep short 20",     "card 3AB1234/26", "led red",
+                         "call X -> \"a b\"", "host < Log: a \"b", "led green"};
+  for (const std::string& entry : entries) reader.happened.add(1, entry);
+  const struct {
+    std::string pattern;
+    std::uint64_t next;  // the cursor, which starts at 1; the same if it fails
+  } rows[] = {
+      {"beep short 2", 1},
+      {"beep 20", 3},
+      {"led red", 5},
+      {"led red", 5},
+      {"card 3AB1234/26", 5},
+      {"call \"a b\"", 6},
+      {"host < Log: \"a \\\"b\"", 7},
+      {"no led green", 7},
+      {"no led red", 7},
+      {"led green", 8},
+      {"no led green", 8},
+  };
+  std::atomic<std::uint64_t> cursor{1};
+  for (const auto& row : rows) {
+    const std::uint64_t before = cursor;
+    const std::string came = tell(reader, "expect " + row.pattern + " within 0", &cursor);
+    EXPECT_EQ(cursor, row.next) << row.pattern;
+    const bool is_negative = row.pattern.rfind("no ", 0) == 0;
+    const bool is_wrong =
+        is_negative ? row.pattern == "no led green" && row.next == 7 : before == row.next;
+    EXPECT_EQ(came.empty(), !is_wrong) << row.pattern << ": " << came;
+  }
+  // It waits for what comes later, and not longer.
+  std::thread later([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    reader.happened.add(1, "reset");
+  });
+  EXPECT_EQ(tell(reader, "expect reset within 20000", &cursor), "");
+  later.join();
+}
+
+TEST(VirtualReader, KeepsARecordOfABoundedSize) {
+  record small(10'000);
+  for (int i = 0; i < 1000; ++i) small.add(0, "led " + std::to_string(i / 2));
+  const auto kept = small.read(1);
+  EXPECT_EQ(small.end(), 1001u);
+  EXPECT_EQ(kept.back().number, 999u);
+  EXPECT_EQ(kept.back().count, 2u);
+  EXPECT_GT(kept.front().number, 700u) << "the oldest have been dropped";
+  EXPECT_EQ(small.read(1000).front().count, 1u) << "from the middle of equal ones";
+  small.add(0, std::string(20'000, 'x'));
+  EXPECT_EQ(small.read(1).size(), 1u) << "one is kept, however long";
+}
+
+TEST(VirtualReader, ReadsBackWhatItWrites) {
+  for (const std::string text :
+       {"call BeepNow 2 0 -> 1", "call SetMarkerFunction 1", "call getPartNumberString -> null",
+        "call getPartNumberString -> \"a\\n\\\" (1.000 ms)\" (12.345 ms)", "begins BeepNow -1 0",
+        "call GetFlags -> 1 200 -9223372036854775808 (1500.123 ms)"}) {
+    const auto read = parse_call(text);
+    ASSERT_TRUE(read) << text;
+    EXPECT_EQ(to_text(*read), text);
+  }
+  for (const std::string text : {"says \"a b\"", "says thread \"\\x00\" length -1"}) {
+    const auto read = parse_says(text);
+    ASSERT_TRUE(read) << text;
+    EXPECT_EQ(to_text(*read), text);
+  }
+  for (const std::string line : {"0.000001 - reset", "12345.678901 17 led red"}) {
+    const auto read = parse_entry(line);
+    ASSERT_TRUE(read) << line;
+    EXPECT_EQ(to_text(*read), line);
+  }
+  for (const std::string wrong : {"", "1.5 - x", "1.000000 x y", "1.000000 -", "-1.000000 - x"}) {
+    EXPECT_FALSE(parse_entry(wrong)) << wrong;
+  }
+  for (const std::string wrong : {"call", "call X -> \"a", "call X y", "call X -> 1 (1.5 ms)"}) {
+    EXPECT_FALSE(parse_call(wrong)) << wrong;
   }
 }
 

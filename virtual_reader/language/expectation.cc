@@ -58,15 +58,14 @@ pattern::pattern(words* given) {
     } else {
       all.push_back({given->take(), {}});
     }
-    const bool is_name = all.back().plain.find_first_not_of("->0123456789") != std::string::npos;
-    const auto known = all.size() == 1   ? kinds()
-                       : all.size() == 2 ? details_of(all[0].plain)
-                                         : std::vector<std::string>();
-    const std::string& written = all.back().plain;
-    if ((is_name || all.size() == 1) && (!known.empty() || all.size() == 1) &&
-        std::find(known.begin(), known.end(), written) == known.end()) {
-      throw bad_line("no entry of the record has '" + written + "' there" +
-                     suggestion(written, known));
+    const word& last = all.back();
+    const bool is_name = last.plain.find_first_not_of("->0123456789") != std::string::npos;
+    std::vector<std::string> known;
+    if (all.size() == 1) known = kinds();
+    if (all.size() == 2 && last.quotes.empty() && is_name) known = details_of(all[0].plain);
+    if (!known.empty() && std::find(known.begin(), known.end(), last.plain) == known.end()) {
+      throw bad_line("no entry of the record has '" + last.plain + "' there" +
+                     suggestion(last.plain, known));
     }
   } while (!given->at_end() && !is_limit_next(*given));
 }

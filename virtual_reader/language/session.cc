@@ -24,8 +24,9 @@ std::string seconds_since(std::chrono::steady_clock::time_point then) {
 std::string when_of(const rule& r) {
   const std::uint64_t next = r.first > r.seen ? r.first - r.seen : 1;
   if (r.last == rule::for_ever) return next == 1 ? " always" : " from " + std::to_string(next);
-  if (r.first == r.last) return next == 1 ? " once" : " at " + std::to_string(next);
-  return " times " + std::to_string(r.last - r.seen);
+  if (next > 1) return " at " + std::to_string(next);
+  const std::uint64_t left = r.last - r.seen;
+  return left == 1 ? " once" : " times " + std::to_string(left);
 }
 
 }  // namespace

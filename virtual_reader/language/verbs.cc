@@ -205,7 +205,12 @@ const std::vector<verb> all = {
        c->act = [topic](const session& s) { print_help(s, topic); };
      }},
     {"quit", "", "ends the virtual reader",
-     [](words&, command* c) { c->act = [](const session& s) { s.outside.quit(); }; }},
+     [](words&, command* c) {
+       c->act = [](const session& s) {
+         if (!s.outside.quit) throw bad_line("there is nothing to end here");
+         s.outside.quit();
+       };
+     }},
 };
 
 std::vector<std::string> names() {

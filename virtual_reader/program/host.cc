@@ -71,8 +71,8 @@ host::host(const std::vector<std::string>& command, const std::string& socket_pa
   posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawnattr_setsigdefault(&attributes, &all);
   posix_spawnattr_setpgroup(&attributes, 0);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                            POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setflags(&attributes,
+                           POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   const int error = posix_spawnp(&group, arguments[0].c_str(), &actions, &attributes,
                                  pointers_to(arguments).data(), pointers_to(variables).data());
   posix_spawnattr_destroy(&attributes);

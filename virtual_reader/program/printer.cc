@@ -90,6 +90,7 @@ void printer::print() {
       put(channel::error, "(" + std::to_string(missing) + " answers were left out)\n");
     }
     if (due) continue;
+    if (lost > 0) put(entries_go, lost_line());
     if (is_last) break;
     happened.wait(next, std::chrono::steady_clock::time_point::max(), [this] {
       const std::lock_guard<std::mutex> asking(mutex);
@@ -101,14 +102,21 @@ void printer::print() {
   changed.notify_all();
 }
 
+// Nothing if nothing was lost since.
+std::string printer::lost_line() {
+  const std::uint64_t count = std::exchange(lost, 0);
+  return count == 0 ? "" : "(" + std::to_string(count) + " entries were left out)\n";
+}
+
 void printer::print_entries(std::uint64_t before) {
   while (next < before) {
     std::string lines;
     for (const auto& entry : happened.read(next)) {
-      if (entry.number >= before) break;
-      if (entry.number > next) {
-        lines += "(" + std::to_string(entry.number - next) + " entries were left out)\n";
-      }
+      const std::uint64_t known = std::min(entry.number, before);
+      lost += known - std::min(next, known);
+      next = std::max(next, known);
+      if (next >= before) break;
+      lines += lost_line();
       next = entry.end();
       if (!is_wanted(entry)) continue;
       const std::string times = " (" + std::to_string(entry.count) + " times)";

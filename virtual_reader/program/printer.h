@@ -43,6 +43,7 @@ class printer {
   void push(const piece& pushed);
   void print();
   void print_entries(std::uint64_t before);
+  std::string lost_line();
   bool is_wanted(const record::entry& entry) const;
 
   const record& happened;
@@ -52,6 +53,7 @@ class printer {
   // The worker's:
   tracing traced = tracing::off;
   std::uint64_t next = 1;  // the entry to be printed
+  std::uint64_t lost = 0;  // entries that had been dropped before they were printed
 
   std::mutex mutex;
   std::condition_variable changed;

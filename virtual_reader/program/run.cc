@@ -15,8 +15,8 @@
 #include "printer.h"
 #include "screen.h"
 #include "script.h"
+#include "serve_teller.h"
 #include "socket_path.h"
-#include "tell.h"
 
 namespace virtual_reader {
 

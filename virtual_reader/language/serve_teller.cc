@@ -1,0 +1,37 @@
+#include "serve_teller.h"
+
+#include <sstream>
+#include <utility>
+
+#include "wire.h"
+
+namespace virtual_reader {
+
+void serve_teller(int socket, const std::function<bool()>& is_over, device& reader,
+                  std::atomic<std::uint64_t>& cursor, surroundings around) {
+  const auto given = receive_message(socket, telling_size_limit, in(message_limit));
+  if (!given || given->texts.size() != 1) return;
+  const auto send = [&](const message& told) {
+    return send_message(socket, told, in(message_limit));
+  };
+  around.may_follow = true;
+  around.is_interrupted = is_over;
+  around.answer = [&](const std::string& line) {
+    if (!send({{line_message}, {line}})) throw interruption();
+  };
+  session told(reader, cursor, std::move(around));
+  std::istringstream lines(given->texts[0]);
+  message outcome{{outcome_message, 0}, {}};
+  try {
+    for (std::string line; std::getline(lines, line);) told.carry_out(line);
+  } catch (const bad_line& error) {
+    outcome = {{outcome_message, 1}, {error.what()}};
+  } catch (const failed_expectation& failure) {
+    outcome = {{outcome_message, 1}, {failure.text()}};
+  } catch (const interruption&) {
+    outcome = {{outcome_message, 1}, {"interrupted"}};
+  }
+  send(outcome);
+}
+
+}  // namespace virtual_reader
