@@ -90,8 +90,11 @@ def record(path, folder):
                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, encoding="latin-1")
     events = []
     for direction, text in re.findall(r"^= \S+ - host ([<>]) (.*)", told.stderr, re.MULTILINE):
+        # Equal entries in a row are one in the record.
+        text, times = re.fullmatch(r"(.*?)(?: \((\d+) times\))?", text).groups()
         is_command = direction == ">" and not text.startswith("Global:")
-        events.append((direction, text.partition(":")[2] if is_command else without_number(text)))
+        text = text.partition(":")[2] if is_command else without_number(text)
+        events += [(direction, text)] * int(times or 1)
     return told.returncode, events
 
 
