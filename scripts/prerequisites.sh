@@ -106,6 +106,7 @@ need_build_tools() {
   need_command cmake cmake cmake
   need_command make make -
   need_command c++ g++ -
+  need_file /usr/include/histedit.h libedit-dev - # line editing at the virtual reader's terminal
 }
 
 # The clang++ of the system, whatever other there is on the path: it is the one that has sanitizers,

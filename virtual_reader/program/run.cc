@@ -17,6 +17,7 @@
 #include "script.h"
 #include "serve_teller.h"
 #include "socket_path.h"
+#include "terminal.h"
 
 namespace virtual_reader {
 
@@ -103,6 +104,7 @@ class running {
   outcome end;
   std::atomic<bool> has_played{false};
   std::atomic<std::uint64_t> tellers_cursor{1}, own_cursor{1};
+  std::unique_ptr<terminal> typed_at;  // null if standard input is none, or not listened to
   std::unique_ptr<device> reader;
   std::unique_ptr<printer> printed;
   std::unique_ptr<line_host> lines_of_host;
@@ -153,7 +155,7 @@ void running::send_to_host(const std::string& where, const std::string& command,
 session running::make_session() {
   surroundings around;
   around.answer = [this](const std::string& line) {
-    printed->say(has_host ? channel::error : channel::output, "= " + line + "\n");
+    printed->say(has_host ? channel::error : channel::output, (typed_at ? "" : "= ") + line + "\n");
   };
   around.is_interrupted = [this] { return end.is_set(); };
   around.trace = [this](tracing wanted) { printed->trace(wanted); };
@@ -174,9 +176,18 @@ bool running::carry_out_input(const session& told) {
   bool held = true;
   int number = 0;
   start_host();
-  for (std::string line; !end.is_set() && std::getline(std::cin, line);) {
-    held &= carry_out(told, line, "line " + std::to_string(++number) + ": ",
-                      [this](const std::string& lines) { fail(lines); });
+  const auto report = [this](const std::string& lines) { fail(lines); };
+  const auto next_line = [&]() -> std::optional<std::string> {
+    if (typed_at) return typed_at->next_line();
+    std::string line;
+    if (std::getline(std::cin, line)) return line;
+    return {};
+  };
+  for (auto line = next_line(); line && !end.is_set(); line = next_line()) {
+    ++number;
+    const std::string label = typed_at ? "" : "line " + std::to_string(number) + ": ";
+    held &= carry_out(told, *line, label, report);
+    if (end.is_set()) break;
   }
   return held;
 }
@@ -214,6 +225,7 @@ void running::say_verdict(const verdict& said) {
 }
 
 void running::run() {
+  if (!file && !has_host && isatty(STDIN_FILENO)) typed_at = std::make_unique<terminal>();
   // A file that is cut off has not held; all else goes on until it is ended somehow.
   handle_signals(&end, file || has_host ? (chosen.stay && !has_host ? passed : cut_off) : passed);
   surroundings of_tellers;
@@ -234,11 +246,12 @@ void running::run() {
       });
   if (!chosen.replay.empty()) reader->play_back(recording);
   if (chosen.screen) start_screen(path);
-  const bool is_terminal = !file && isatty(STDIN_FILENO);
   const channel own = has_host ? channel::error : channel::output;
+  printer::sink put = print;
+  if (typed_at) put = [this](channel, const std::string& lines) { typed_at->print(lines); };
   printed = std::make_unique<printer>(
-      reader->happened, own, print,
-      look_on(has_host ? STDERR_FILENO : STDOUT_FILENO, is_terminal && !has_host));
+      reader->happened, own, put,
+      look_on(has_host ? STDERR_FILENO : STDOUT_FILENO, typed_at != nullptr));
   printing = printed.get();
   lines_of_host = std::make_unique<line_host>(
       *reader, [this](const std::string& bytes) { return started && started->send(bytes); },
@@ -247,10 +260,11 @@ void running::run() {
         if (!chosen.keep_going) end.set(expectation_failed, first_failure);
       });
   lock.unlock();
-  if (is_terminal) {
+  if (typed_at) {
     printed->say(own, "A virtual reader is on " + path +
                           (chosen.unplugged ? ", unplugged." : ", plugged in.") +
-                          " Try `card queue 3AB1234/26`; `help` lists all, ^D ends.\n");
+                          " Try `card hold 3AB1234/26`; `help` lists all, ^D ends.\n"
+                          "No agent is there yet; one that runs searches every 10 s.\n");
   }
   std::thread([this] { carry_out_all(); }).detach();
   const std::string limit = std::to_string(chosen.limit.count()) + " ms";
@@ -267,6 +281,7 @@ void running::run() {
   reader->end();
   if (has_host) say_verdict(last);
   printed->end(std::chrono::seconds(2));
+  if (typed_at) typed_at->restore();
   watching.reset();
   // At once: other threads may be waiting for input, and hold on to all of the above.
   _exit(last.status);
