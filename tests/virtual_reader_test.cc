@@ -75,7 +75,7 @@ class loaded_library {
     record.bAppCtrlsLED = on, record.iRedLEDState = red, record.iGrnLEDState = green;
     return find<pc_prox::status (*)(pc_prox::sLEDCtrl*)>("SetLEDCtrl")(&record);
   }
-  int write_configuration() const { return call("ReadCfg") && call("WriteCfg"); }
+  int write_green() const { return call("ReadCfg") && set_led(1, 0, 1) && call("WriteCfg"); }
   int call(const char* name) const { return find<pc_prox::status (*)()>(name)(); }
   std::int64_t error() const { return find<std::int64_t (*)()>("GetLastLibErr")(); }
   static lines& told() {  // through the marker function
@@ -121,7 +121,8 @@ TEST(VirtualReader, OutlivesPeersThatWait) {
   device reader(folder.path + "/socket");
   std::vector<std::unique_ptr<descriptor>> peers;
   for (const std::string& sent :
-       {std::string(), other_greeting, right_greeting + bytes_of({100, 1})}) {
+       {std::string(), other_greeting, right_greeting + bytes_of({100, 1}),
+        "XXdr" + bytes_of({protocol_version})}) {
     peers.push_back(std::make_unique<descriptor>(connect_to(folder.path + "/socket")));
     ASSERT_TRUE(send_bytes(peers.back()->number, sent.data(), sent.size(), in(patience)));
   }
@@ -137,6 +138,11 @@ TEST(VirtualReader, OutlivesPeersThatWait) {
     EXPECT_EQ(count, 0) << "the link has not been ended";
   }
   EXPECT_EQ(library.beep(), 1);
+  for (const std::string why :
+       {"it was silent instead of a greeting", "it speaks protocol version 2,",
+        "it fell silent halfway", "its greeting is none of a virtual reader's"}) {
+    EXPECT_EQ(tell(reader, "expect agent refused: " + why + " within 0"), "");
+  }
   EXPECT_EQ(tell(reader, "expect call BeepNow 1 0 -> 1 within 0"), "");
 }
 
@@ -146,6 +152,7 @@ TEST(VirtualReader, IsNoReaderToTheLibraryWhenItTalksNonsense) {
     lines told{};
   } rows[] = {
       {"silence", ""},
+      {"another mark", "XXdr" + bytes_of({protocol_version})},
       {"another version",
        other_greeting,
        {"virtual reader speaks protocol version " + std::to_string(protocol_version + 1) +
@@ -252,7 +259,17 @@ TEST(VirtualReader, TakesOverItsSocketOnlyFromWhatHasEnded) {
   EXPECT_TRUE(default_socket_path_is_private());
   chmod((folder.path + "/virtual-reader").c_str(), 0750);
   EXPECT_FALSE(default_socket_path_is_private()) << "others may enter";
+  EXPECT_EQ(rename((folder.path + "/virtual-reader").c_str(), (folder.path + "/own").c_str()), 0);
+  chmod((folder.path + "/own").c_str(), 0700);
+  EXPECT_EQ(symlink("own", (folder.path + "/virtual-reader").c_str()), 0);
+  EXPECT_FALSE(default_socket_path_is_private()) << "a link may lead elsewhere tomorrow";
   unsetenv("XDG_RUNTIME_DIR");
+  {
+    const device robbed(path);
+    EXPECT_EQ(unlink(path.c_str()), 0);
+    std::ofstream(path) << "somebody else's";
+  }
+  EXPECT_EQ(access(path.c_str(), F_OK), 0) << "it has removed what was not its own";
 }
 
 TEST(VirtualReader, SaysWhatIsWrongWithALine) {
@@ -287,6 +304,22 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
   struct step {
     std::string what, outcome;
   };
+  const std::string stored =
+      "tsIDBitCnts.iLeadParityBitCnt=1 tsIDBitCnts.iTrailParityBitCnt=1 tsIDBitCnts.reserved4=104 "
+      "tsIDBitCnts.iTotalBitCnt=26 tsIDBitCnts.reserved8=108 tsIDBitCnts.reserved10=110 "
+      "tsIDBitCnts.reserved12=112 tsIDBitCnts.reserved14=114 "
+      "tsCfgFlags.reserved0=200 tsCfgFlags.bFrcBitCntEx=0 tsCfgFlags.reserved4=204 "
+      "tsCfgFlags.reserved6=206 tsCfgFlags.reserved8=208 tsCfgFlags.reserved10=210 "
+      "tsCfgFlags.bSndOnRx=1 tsCfgFlags.bHaltKBSnd=0 "
+      "tsTimeParms.iBitStrmTO=20 tsTimeParms.iIDHoldTO=1000 tsTimeParms.iIDLockOutTm=1000 "
+      "tsTimeParms.reserved6=306 tsTimeParms.reserved8=308 tsTimeParms.reserved10=310 "
+      "tsTimeParms.reserved12=312 tsTimeParms.reserved14=314 "
+      "tsCfgFlags2.reserved0=400 tsCfgFlags2.reserved2=402 tsCfgFlags2.bWiegInvData=0 "
+      "tsCfgFlags2.bUseInvDataF=0 tsCfgFlags2.bRevWiegBits=0 tsCfgFlags2.bBeepID=1 "
+      "tsCfgFlags2.bRevBytes=0 tsCfgFlags2.reserved14=414 "
+      "tsLEDCtrl.bAppCtrlsLED=1 tsLEDCtrl.iRedLEDState=0 tsLEDCtrl.iGrnLEDState=1 "
+      "tsLEDCtrl.reserved6=0 tsLEDCtrl.reserved8=0 tsLEDCtrl.reserved10=0 "
+      "tsLEDCtrl.reserved12=0 tsLEDCtrl.reserved14=0";
   const std::pair<const char*, std::vector<step>> rows[] = {
       {"cards",
        {{".poll", "none"},
@@ -317,16 +350,16 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
         {"plug", ""},
         {"led", "led own"}}},  // it was not written
       {"configuration",
-       {{".led green", "1"},
-        {".write", "1"},  // what is read before it is what was stored
+       {{".write", "1"},
         {"replug", ""},
-        {"led", "led own"},
+        {"led", "led green"},
+        {"expect config tsCfgFlags2.bBeepID=1 tsLEDCtrl.iGrnLEDState=1 within 0", ""},
+        {"config", stored},
         {".connect", "1"},
         {".reset", "1"},
-        {"expect led own within 0", ""},
-        {"expect no led green within 0", ""},
-        {"expect config tsCfgFlags2.bBeepID=1 tsLEDCtrl.iGrnLEDState=0 within 0",
-         "expected config tsCfgFlags2.bBeepID=1 tsLEDCtrl.iGrnLEDState=0 within 0 ms"}}},
+        {"led", "led own"},
+        {"expect reset within 0", ""},
+        {"expect led own within 0", ""}}},
       {"failures",
        {{"fail BeepNow error 7 at 2", ""},
         {".beep", "1"},
@@ -386,7 +419,7 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
       if (verb == ".beep long") came = std::to_string(library.beep(3, 1));
       if (verb == ".error") came = std::to_string(library.error());
       if (verb == ".connect") came = std::to_string(library.connect());
-      if (verb == ".write") came = std::to_string(library.write_configuration());
+      if (verb == ".write") came = std::to_string(library.write_green());
       if (verb == ".reset") came = std::to_string(library.call("ResetFactoryDflts"));
       if (verb == ".led red") came = std::to_string(library.set_led(1, 1, 0));
       if (verb == ".led green") came = std::to_string(library.set_led(1, 0, 1));
