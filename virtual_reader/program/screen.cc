@@ -9,6 +9,7 @@
 #endif
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
