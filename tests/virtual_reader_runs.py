@@ -124,7 +124,10 @@ class Runs(unittest.TestCase):
         stubborn = "import signal, time; signal.signal(15, signal.SIG_IGN); print(1, flush=True); "
         rows = [
             ("wait 300", "import sys; sys.stdin.read(); print('ended')", 0, "ended\n"),
-            ("wait 300", "import sys; sys.stdin.read(); raise SystemExit(5)", 3, ""),
+            ("expect host < 1", "import sys; print(1, flush=True); sys.stdin.read();"
+             "raise SystemExit(5)", 3, "1\n"),
+            ("expect host < 1", "import os, sys, time; os.fork() or time.sleep(60);"
+             "print(1, flush=True); sys.stdin.read(); raise SystemExit(5)", 3, "1\n"),
             ("wait 300", "import time; time.sleep(60)", 0, ""),
             ("wait 300", stubborn + "time.sleep(60)", 3, "1\n"),
             # What it started ends with it.
@@ -138,7 +141,8 @@ class Runs(unittest.TestCase):
 
     def test_nothing_is_left_of_an_interrupted_run(self):
         for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL:
-            run = self.start("expect connected\nwait 60000", sys.executable, "-c", RIGHT)
+            run = self.start("expect connected within 20000\nwait 60000",
+                             sys.executable, "-c", RIGHT)
             self.assertEqual(run.stdout.readline(), "ready\n")
             run.send_signal(number)
             _, err = run.communicate(timeout=20)
@@ -148,6 +152,49 @@ class Runs(unittest.TestCase):
                 self.assertEqual(run.returncode, 4, err)
                 self.assertRegex(err, r"CUT OFF: interrupted at .*:2\n$")
             self.nothing_is_left()
+
+    def test_a_run_ends_although_its_output_does_not(self):
+        rows = [
+            # What is in another session is none of the host's, but may hold on to the output.
+            ("import os, sys, time; os.fork() or (os.setsid(), time.sleep(10), os._exit(0));"
+             "sys.stdin.read()", "wait 300", 0),
+            ("while True: print('x' * 1000)", "wait 60000", 4),  # which nobody reads
+        ]
+        for program, scenario, status in rows:
+            run = self.start(scenario, sys.executable, "-c", program, options=["--limit", "2"])
+            self.assertEqual(run.wait(timeout=9), status)
+            run.stdout.close()
+
+    def test_without_a_file_the_run_ends_with_its_host(self):
+        rows = [
+            # the host, standard input, status, words of the verdict
+            ("import time; time.sleep(3)", "", 0, "passed"),
+            ("raise SystemExit(5)", "", 3, "the host ended with status 5"),
+            ("import sys; sys.stdin.read(); raise SystemExit(5)", "echo \"x\"", 3, "status 5"),
+            ("pass", "wait 3000\nexpect card", 3, "status 0, before standard input did"),
+            ("import sys; sys.stdin.read()", "expect card within 10", 1, "expected card within"),
+            ("import os, sys; os.chdir('/'); sys.exit(not os.path.exists("
+             "os.environ['VIRTUAL_READER_SOCKET']))", "", 0, "passed"),
+        ]
+        for program, told, status, verdict in rows:
+            run = subprocess.run([READER, "--socket", "r", "--", sys.executable, "-c", program],
+                                 cwd=self.folder, env=self.env, input=told, capture_output=True,
+                                 text=True, timeout=20, check=False)
+            self.assertEqual(run.returncode, status, run.stderr)
+            self.assertIn(verdict, run.stderr.splitlines()[-1])
+        empty = subprocess.run([READER, "", "--", "true"], capture_output=True, check=False)
+        self.assertEqual(empty.returncode, 2, "an empty name is no FILE that is missing")
+
+    def test_a_file_that_is_cut_off_has_not_passed(self):
+        socket, file = f"{self.folder}/r", Path(f"{self.folder}/file")
+        for rest, status in (("\nwait 60000", 4), ("", 0)):
+            file.write_text('echo "over"' + rest, encoding="ascii")
+            run = self.popen(READER, "--socket", socket, "--stay", file, stdout=subprocess.PIPE)
+            self.assertEqual(run.stdout.readline(), "= over\n")
+            subprocess.check_call([READER, "--socket", socket, "--tell", "show"],
+                                  stdout=subprocess.DEVNULL)
+            run.terminate()
+            self.assertEqual(run.wait(timeout=9), status)
 
     def test_it_is_the_host_of_an_agent(self):
         rows = [

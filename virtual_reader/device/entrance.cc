@@ -28,7 +28,13 @@ entrance::entrance(const std::string& socket_path) : path(socket_path), listener
   // Locked while this looks and acts, so that of two that start at once one finds the other.
   const std::string folder_path = path.substr(0, path.rfind('/') + 1) + ".";
   const descriptor folder(open(folder_path.c_str(), O_RDONLY | O_CLOEXEC));
-  flock(folder.number, LOCK_EX);
+  const moment until = in(message_limit);
+  while (flock(folder.number, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    if (std::chrono::steady_clock::now() >= until) {
+      throw std::runtime_error(folder_path + " is locked by another process");
+    }
+    poll(nullptr, 0, 10);
+  }
   const mode_t mode = what_is_at(path).st_mode;
   if (mode != 0 && !S_ISSOCK(mode)) throw std::runtime_error(path + " exists and is no socket");
   if (descriptor(connect_to(path)).number >= 0 || errno == EAGAIN) {
@@ -38,7 +44,7 @@ entrance::entrance(const std::string& socket_path) : path(socket_path), listener
   const auto address = address_of(path);
   if (!address ||
       bind(listener.number, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0 ||
-      chmod(path.c_str(), 0600) != 0 || listen(listener.number, 16) != 0) {
+      chmod(path.c_str(), 0600) != 0 || listen(listener.number, SOMAXCONN) != 0) {
     throw std::runtime_error(path + ": " + std::generic_category().message(errno));
   }
   inode = what_is_at(path).st_ino;

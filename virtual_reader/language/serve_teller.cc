@@ -11,8 +11,9 @@ void serve_teller(int socket, const std::function<bool()>& is_over, device& read
                   std::atomic<std::uint64_t>& cursor, surroundings around) {
   const auto given = receive_message(socket, telling_size_limit, in(message_limit));
   if (!given || given->texts.size() != 1) return;
+  bool listens = true;
   const auto send = [&](const message& told) {
-    return send_message(socket, told, in(message_limit));
+    return listens = send_message(socket, told, in(message_limit));
   };
   around.may_follow = true;
   around.is_interrupted = is_over;
@@ -31,7 +32,7 @@ void serve_teller(int socket, const std::function<bool()>& is_over, device& read
   } catch (const interruption&) {
     outcome = {{outcome_message, 1}, {"interrupted"}};
   }
-  send(outcome);
+  if (listens) send(outcome);
 }
 
 }  // namespace virtual_reader

@@ -11,8 +11,10 @@
 #endif
 
 #include <cerrno>
+#include <climits>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "printer.h"
@@ -26,6 +28,14 @@ namespace {
 
 constexpr std::chrono::milliseconds step_limit{2000};  // of each step of its end
 const std::string socket_variable = "VIRTUAL_READER_SOCKET=";
+
+// Whatever folder the host goes to, unless that would be too long for a socket.
+std::string absolute(const std::string& path) {
+  char folder[PATH_MAX];
+  if (path[0] == '/' || !getcwd(folder, sizeof folder)) return path;
+  const std::string whole = std::string(folder) + "/" + path;
+  return address_of(whole) ? whole : path;
+}
 
 std::vector<char*> pointers_to(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
@@ -55,7 +65,8 @@ host::host(const std::vector<std::string>& command, const std::string& socket_pa
   int in[2], out[2];
   make_pipe(in);
   make_pipe(out);
-  std::vector<std::string> arguments = command, variables = {socket_variable + socket_path};
+  std::vector<std::string> arguments = command,
+                           variables = {socket_variable + absolute(socket_path)};
   for (char** each = environ; *each; ++each) {
     if (std::string(*each).rfind(socket_variable, 0) != 0) variables.emplace_back(*each);
   }
@@ -89,19 +100,46 @@ host::host(const std::vector<std::string>& command, const std::string& socket_pa
   }
   watching.watch(group);
   fcntl(input, F_SETFL, O_NONBLOCK);
-  reader = std::thread([this, on_line] { pass_output(on_line); });
-  waiter = std::thread([this, on_end] { wait_for_end(on_end); });
+  std::thread([this, on_line] {
+    pass_output(on_line);
+    note_finished();
+  }).detach();
+  std::thread([this, on_end] {
+    wait_for_end(on_end);
+    note_finished();
+  }).detach();
 }
 
-bool host::send(const std::string& bytes) const {
+bool host::send(const std::string& bytes) {
   const moment until = in(std::chrono::seconds(5));
+  const std::lock_guard<std::mutex> lock(sending);
   for (std::size_t sent = 0; sent < bytes.size();) {
+    if (input_ends || std::chrono::steady_clock::now() >= until) return false;
     const ssize_t count = write(input, bytes.data() + sent, bytes.size() - sent);
     if (count > 0) sent += static_cast<std::size_t>(count);
-    if (count < 0 && errno == EAGAIN && wait_for(input, POLLOUT, until)) continue;
-    if (count < 0 && errno != EINTR) return false;
+    if (count >= 0 || errno == EINTR) continue;
+    if (errno != EAGAIN) return false;
+    wait_for(input, POLLOUT, in(std::chrono::milliseconds(50)));
   }
   return true;
+}
+
+void host::close_input() {
+  input_ends = true;  // whoever sends just now gives up
+  const std::lock_guard<std::mutex> lock(sending);
+  if (input >= 0) close(input);
+  input = -1;
+}
+
+void host::note_finished() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  --unfinished;
+  changed.notify_all();
+}
+
+std::optional<int> host::status_told() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return status;
 }
 
 void host::pass_output(const line_function& on_line) const {
@@ -152,25 +190,23 @@ bool host::wait_gone(std::chrono::milliseconds limit) {
 }
 
 std::string host::end() {
-  close(input);
-  std::string fault;
-  if (!wait_gone(step_limit)) {
-    const bool had_ended = status.has_value();
-    kill(-group, SIGTERM);
-    if (!wait_gone(step_limit)) {
-      kill(-group, SIGKILL);
-      wait_gone(step_limit);
-      fault = "it did not end and was killed";
-    } else if (!had_ended && *status != 0 && *status != 128 + SIGTERM) {
-      fault = "it ended with " + status_text(*status) + " when it was asked to";
-    }
-  } else if (*status != 0) {
-    fault = "it ended with " + status_text(*status);
+  close_input();
+  bool has_gone = wait_gone(step_limit);
+  const std::optional<int> unasked = status_told();
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    if (has_gone) break;
+    kill(-group, signal);
+    has_gone = wait_gone(step_limit) && signal != SIGKILL;
   }
-  reader.join();
-  waiter.join();
-  close(output);
-  return fault;
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_for(lock, step_limit, [this] { return unfinished == 0; });
+  }
+  const std::optional<int> asked = status_told();
+  if (unasked && *unasked != 0) return "it ended with " + status_text(*unasked);
+  if (!has_gone) return "it did not end and was killed";
+  if (unasked || *asked == 0 || *asked == 128 + SIGTERM) return "";
+  return "it ended with " + status_text(*asked) + " when it was asked to";
 }
 
 }  // namespace virtual_reader

@@ -3,12 +3,13 @@
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "guardian.h"
@@ -25,24 +26,35 @@ class host {
   // with the exit status, or 128 + signal. Throws std::runtime_error with one line.
   host(const std::vector<std::string>& command, const std::string& socket_path,
        const guardian& watching, line_function on_line, end_function on_end);
-  // To be used before the end of the object: closes its input, then asks and at last makes all of
-  // its process group end. Returns what was wrong with how it ended, or nothing.
+  // Must not be called: threads that nobody waits for may use it, for as long as the process lives.
+  ~host() = delete;
+
+  // Closes its input, then asks and at last makes all of its process group end. Returns what was
+  // wrong with how it ended, or nothing. Takes some seconds at most: output that nobody reads by
+  // then, or that comes from outside of the group, is left out.
   std::string end();
 
-  // False if it does not take that within some seconds.
-  bool send(const std::string& bytes) const;
+  // False if it does not take that within some seconds, or its input has been closed.
+  bool send(const std::string& bytes);
+  void close_input();
 
  private:
   void pass_output(const line_function& on_line) const;
   void wait_for_end(const end_function& on_end);
+  void note_finished();
   bool wait_gone(std::chrono::milliseconds limit);
+  std::optional<int> status_told();
 
   pid_t group = -1;
-  int input = -1, output = -1;  // ours of both pipes
+  int output = -1;  // ours of the pipe
+  std::atomic<bool> input_ends{false};
+  std::mutex sending;
+  int input = -1;  // ours of the pipe, guarded by sending
   std::mutex mutex;
   std::condition_variable changed;
-  std::optional<int> status;  // guarded by mutex
-  std::thread reader, waiter;
+  // Guarded by mutex:
+  std::optional<int> status;
+  int unfinished = 2;  // threads: who passes the output on, and who waits for the end
 };
 
 // Like "status 7" or "signal 9".

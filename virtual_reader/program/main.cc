@@ -1,4 +1,7 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <iostream>
 
 #include "outcome.h"
@@ -6,8 +9,20 @@
 #include "tell.h"
 #include "to_verbs.h"
 
+namespace {
+
+// So that no pipe takes the place of a stream that this process was not given.
+void fill_standard_streams() {
+  int opened = 0;
+  while (opened >= 0 && opened <= STDERR_FILENO) opened = open("/dev/null", O_RDWR);
+  if (opened >= 0) close(opened);
+}
+
+}  // namespace
+
 int main(int count, char** arguments) try {
   using namespace virtual_reader;
+  fill_standard_streams();
   const auto chosen = parse_options(count, arguments);
   if (!chosen) return wrong_usage;
   if (chosen->help) std::cout << usage;

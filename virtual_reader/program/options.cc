@@ -56,6 +56,7 @@ std::optional<options> parse_options(int count, char** arguments) {
   const int own_count = static_cast<int>(dashes - arguments);
   for (int found = 0; found != -1;) {
     found = getopt_long(own_count, arguments, "", known, nullptr);
+    if (found > 0 && found != '?' && found != 't' && !*optarg) return fail("an empty argument");
     if (found == 's') chosen.socket = optarg;
     if (found == 't') chosen.tell = optarg;
     if (found == 'l') {
@@ -75,6 +76,7 @@ std::optional<options> parse_options(int count, char** arguments) {
     }
     if (found == '?') return fail("wrong usage");
   }
+  if (optind < own_count && !*arguments[optind]) return fail("FILE has no name");
   if (optind < own_count) chosen.file = arguments[optind++];
   if (optind < own_count) return fail("one FILE at a time");
   if (dashes != end && chosen.command.empty()) return fail("the COMMAND behind `--` is missing");

@@ -48,10 +48,11 @@ void printer::trace(tracing wanted) { push({happened.end(), channel::output, "",
 void printer::push(const piece& pushed) {
   {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (bytes + pushed.lines.size() > most_bytes && !pieces.empty()) {
+    const std::size_t size = sizeof pushed + pushed.lines.size();
+    if (bytes + size > most_bytes && !pieces.empty()) {
       ++left_out;
     } else {
-      bytes += pushed.lines.size();
+      bytes += size;
       pieces.push_back(pushed);
     }
   }
@@ -80,7 +81,7 @@ void printer::print() {
     if (!pieces.empty()) {
       due = std::move(pieces.front());
       pieces.pop_front();
-      bytes -= due->lines.size();
+      bytes -= sizeof *due + due->lines.size();
     }
     lock.unlock();
     print_entries(due ? due->place : happened.end());

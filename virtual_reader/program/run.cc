@@ -1,5 +1,6 @@
 #include "run.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -54,17 +55,15 @@ void print(channel where, const std::string& lines) {
   write_all(where == channel::output ? STDOUT_FILENO : STDERR_FILENO, lines);
 }
 
-// Blocked in every thread, for one to wait for.
-void handle_signals(outcome* end, int status_of_a_signal) {
+// Blocked in every thread, for one to wait for, which then calls the function.
+void handle_signals(const std::function<void()>& interrupt) {
   static sigset_t signals;
   sigemptyset(&signals);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
-  std::thread([end, status_of_a_signal] {
-    for (int number = 0; sigwait(&signals, &number) == 0;) {
-      end->set(status_of_a_signal, "interrupted");
-    }
+  std::thread([interrupt] {
+    for (int number = 0; sigwait(&signals, &number) == 0;) interrupt();
   }).detach();
 }
 
@@ -80,7 +79,8 @@ class running {
         file(std::move(played)),
         watching(has_host ? std::make_unique<guardian>(make_private_folder()) : nullptr),
         path(has_host && chosen.socket.empty() ? watching->socket_path()
-                                               : chosen_socket_path(chosen, true)) {}
+                                               : chosen_socket_path(chosen, true)),
+        has_played(!file && isatty(STDIN_FILENO)) {}
 
   [[noreturn]] void run();
 
@@ -92,6 +92,7 @@ class running {
   void send_to_host(const std::string& where, const std::string& command,
                     const std::string& answer);
   std::string place() const { return file ? file->place() : "standard input"; }
+  int status_of_an_end() const { return file && !has_played ? cut_off : passed; }
   void fail(const std::string& lines);
   void say_verdict(const verdict& said);
 
@@ -102,7 +103,7 @@ class running {
   std::unique_ptr<guardian> watching;
   const std::string path;
   outcome end;
-  std::atomic<bool> has_played{false};
+  std::atomic<bool> has_played;  // also when nobody counts on what is typed
   std::atomic<std::uint64_t> tellers_cursor{1}, own_cursor{1};
   std::unique_ptr<terminal> typed_at;  // null if standard input is none, or not listened to
   std::unique_ptr<device> reader;
@@ -110,7 +111,7 @@ class running {
   std::unique_ptr<line_host> lines_of_host;
   std::mutex mutex;
   // Guarded by mutex:
-  std::unique_ptr<host> started;
+  host* started = nullptr;
   std::string first_failure;
 };
 
@@ -133,11 +134,14 @@ void running::start_host() {
   };
   const auto on_end = [this](int status) {
     reader->happened.add(0, "host ended with " + status_text(status));
+    // That there is nothing more on standard input may not have been seen yet.
+    for (int i = 0; i < 50 && !file && !has_played && !end.is_set(); ++i) poll(nullptr, 0, 10);
     if (has_played && status == 0) return end.set(passed, "");
-    end.set(host_failed, "the host ended with " + status_text(status) +
-                             (has_played ? "" : " at " + place() + ", before all was played"));
+    const std::string when =
+        file ? " at " + place() + ", before all was played" : ", before standard input did";
+    end.set(host_failed, "the host ended with " + status_text(status) + (has_played ? "" : when));
   };
-  started = std::make_unique<host>(chosen.command, path, *watching, on_line, on_end);
+  started = new host(chosen.command, path, *watching, on_line, on_end);
 }
 
 // From any thread. It is started if it was not yet.
@@ -159,10 +163,7 @@ session running::make_session() {
   };
   around.is_interrupted = [this] { return end.is_set(); };
   around.trace = [this](tracing wanted) { printed->trace(wanted); };
-  around.quit = [this] {
-    const std::lock_guard<std::mutex> lock(mutex);
-    end.set(first_failure.empty() ? passed : expectation_failed, first_failure);
-  };
+  around.quit = [this] { end.set(passed, ""); };
   if (has_host) {
     around.host = [this](const std::string& command, const std::string& answer) {
       send_to_host(place(), command, answer);
@@ -200,14 +201,16 @@ void running::carry_out_all() try {
   const bool held = file ? file->play(told, {chosen.keep_going != 0, start, is_over, report})
                          : carry_out_input(told);
   if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
-  const bool all_held = held && first_failure.empty();
   has_played = true;
-  if (all_held && chosen.stay) return;
+  if (held && chosen.stay) return;
   // A recording alone is over when it has been played, or the host ends.
   if (has_host && !chosen.replay.empty() && !file) {
     told.carry_out("expect recording ended within 86400000");
   }
-  end.set(all_held ? passed : expectation_failed, first_failure);
+  // Without either, what COMMAND does is all there is: its input ends with this one, and it ends
+  // all.
+  if (held && started && chosen.replay.empty() && !file) return started->close_input();
+  end.set(passed, "");
 } catch (const interruption&) {
 } catch (const std::runtime_error& error) {
   end.set(host_failed, error.what());
@@ -227,13 +230,13 @@ void running::say_verdict(const verdict& said) {
 void running::run() {
   if (!file && !has_host && isatty(STDIN_FILENO)) typed_at = std::make_unique<terminal>();
   // A file that is cut off has not held; all else goes on until it is ended somehow.
-  handle_signals(&end, file || has_host ? (chosen.stay && !has_host ? passed : cut_off) : passed);
+  handle_signals([this] { end.set(has_host ? cut_off : status_of_an_end(), "interrupted"); });
   surroundings of_tellers;
   std::atomic<printer*> printing{nullptr};
   of_tellers.trace = [&](tracing wanted) {
     if (printer* const p = printing) p->trace(wanted);
   };
-  of_tellers.quit = [this] { end.set(file ? cut_off : passed, "told to quit"); };
+  of_tellers.quit = [this] { end.set(status_of_an_end(), "told to quit"); };
   if (has_host) {
     of_tellers.host = [this](const std::string& command, const std::string& answer) {
       send_to_host("--tell", command, answer);
@@ -242,6 +245,7 @@ void running::run() {
   std::unique_lock<std::mutex> lock(mutex);  // until all is there that a teller may use
   reader = std::make_unique<device>(
       path, !chosen.unplugged, [&](int socket, const std::function<bool()>& is_over) {
+        std::unique_lock<std::mutex>(mutex).unlock();  // all is there then
         serve_teller(socket, is_over, *reader, tellers_cursor, of_tellers);
       });
   if (!chosen.replay.empty()) reader->play_back(recording);
@@ -273,11 +277,13 @@ void running::run() {
   if (!first) end.set(last.status, last.why);
   if (last.status == cut_off) last.why += " at " + place();
   lock.lock();
-  if (started) {
-    lock.unlock();
-    const std::string fault = started->end();
-    if (last.status == passed && !fault.empty()) last = {host_failed, fault};
-  }
+  host* const to_end = started;
+  lock.unlock();
+  const std::string fault = to_end ? to_end->end() : "";
+  lock.lock();
+  if (last.status == passed && !first_failure.empty()) last = {expectation_failed, first_failure};
+  if (last.status == passed && !fault.empty()) last = {host_failed, fault};
+  lock.unlock();
   reader->end();
   if (has_host) say_verdict(last);
   printed->end(std::chrono::seconds(2));

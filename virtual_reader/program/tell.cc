@@ -4,6 +4,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <system_error>
+
 #include "printer.h"
 #include "wire.h"
 
@@ -21,7 +24,11 @@ int fail(const std::string& why) {
 int tell(const std::string& socket_path, const std::string& verbs) {
   signal(SIGPIPE, SIG_IGN);
   const descriptor link(connect_to(socket_path));
-  if (link.number < 0) return fail("no virtual reader is on " + socket_path);
+  if (link.number < 0) {
+    const bool is_nobody_there = errno == ENOENT || errno == ECONNREFUSED;
+    return fail("no virtual reader is on " + socket_path +
+                (is_nobody_there ? "" : ": " + std::generic_category().message(errno)));
+  }
   std::string why;
   const auto peer = exchange_greetings(link.number, teller_greeting, &why);
   if (!peer) return fail("no virtual reader is on " + socket_path + ": " + why);

@@ -90,10 +90,17 @@ int connect_to(const std::string& path) {
   if (!address) return -1;
   descriptor socket(new_socket());
   if (socket.number < 0) return -1;
-  if (connect(socket.number, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0) {
-    return std::exchange(socket.number, -1);
+  const moment until = in(greeting_limit);
+  const auto* const where = reinterpret_cast<const sockaddr*>(&*address);
+  int error = EAGAIN;
+  while (error == EAGAIN) {
+    if (connect(socket.number, where, sizeof *address) == 0) {
+      return std::exchange(socket.number, -1);
+    }
+    error = errno;
+    if (std::chrono::steady_clock::now() >= until) break;
+    if (error == EAGAIN) poll(nullptr, 0, 10);
   }
-  const int error = errno;
   socket.reset();
   errno = error;
   return -1;

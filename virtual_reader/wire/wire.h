@@ -82,7 +82,8 @@ int adopt_socket(int number);
 // Nothing when the path is too long, with errno set.
 std::optional<sockaddr_un> address_of(const std::string& path);
 
-// A stream to whoever listens on the path, without waiting; -1 when nobody does.
+// A stream to whoever listens on the path. -1 when nobody does, or, with EAGAIN, when whoever does
+// is too busy to let more in within greeting_limit.
 int connect_to(const std::string& path);
 
 // Waits for what poll(2) calls `events`; false when that didn't come in time.
