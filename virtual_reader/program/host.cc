@@ -58,7 +58,7 @@ std::string status_text(int status) {
 }
 
 host::host(const std::vector<std::string>& command, const std::string& socket_path,
-           const guardian& watching, line_function on_line, end_function on_end) {
+           const guardian& watching, const line_function& on_line, const end_function& on_end) {
 #ifdef __linux__
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // what it leaves behind comes here, to be waited for
 #endif

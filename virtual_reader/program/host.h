@@ -25,7 +25,7 @@ class host {
   // Starts it. Its standard output passes to this process's own, and is told line by line; its end
   // with the exit status, or 128 + signal. Throws std::runtime_error with one line.
   host(const std::vector<std::string>& command, const std::string& socket_path,
-       const guardian& watching, line_function on_line, end_function on_end);
+       const guardian& watching, const line_function& on_line, const end_function& on_end);
   // Must not be called: threads that nobody waits for may use it, for as long as the process lives.
   ~host() = delete;
 
