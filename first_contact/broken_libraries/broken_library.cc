@@ -130,7 +130,7 @@ status BeepNow(std::uint8_t count, std::int16_t long_beep) {
     std::thread([] {
       char text[] = "late";
       now.marker_removed(text, 4);
-    }).detach();
+    }).join();
   }
   return done;
 }
