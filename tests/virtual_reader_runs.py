@@ -330,7 +330,7 @@ class Runs(unittest.TestCase):
         subprocess.check_call([READER, "--socket", socket, "--tell", "unplug"])
         shows("\x1b[J", "unplugged\r\n", "reader> card hold 3AB")
         os.write(screen, b"1234/26\nshow\n")
-        shows("card held 3AB1234/26")
+        shows("card held 3AB1234/26", "reader> ")  # what is typed before that is not edited
         os.write(screen, b"expect led a\t\x15card \t")
         shows("mber ", "drop  hold  queue  raw  remove", "reader> card ")
         os.write(screen, b"\x15\x1b[A")
