@@ -74,7 +74,10 @@ def play(build, lines, environment):
 
     def tell(verb):
         reader.send(verb.encode() + b'\necho "-- done"')
-        printed.extend(iter(reader.next, DONE))
+        while (came := reader.next()) != DONE:
+            if came in ("(nothing)", "(end)"):
+                raise RuntimeError(f"the virtual reader has not carried out: {verb}")
+            printed.append(came)
 
     tell("")
     for number, line in lines:

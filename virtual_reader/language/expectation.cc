@@ -31,9 +31,9 @@ std::chrono::milliseconds take_limit(words* given, std::chrono::milliseconds usu
 
 const std::vector<std::string>& pattern::kinds() {
   static const std::vector<std::string> all = {
-      "agent",     "beep",         "begins", "call",      "card", "config",
-      "connected", "disconnected", "fault",  "host",      "led",  "plugged",
-      "recording", "reset",        "says",   "unplugged", "verb"};
+      "agent",     "beep",         "begins", "call", "card",      "config",
+      "connected", "disconnected", "fault",  "host", "input",     "led",
+      "plugged",   "recording",    "reset",  "says", "unplugged", "verb"};
   return all;
 }
 
@@ -43,6 +43,7 @@ std::vector<std::string> pattern::details_of(const std::string& kind) {
   if (kind == "begins" || kind == "call") return call_names;
   if (kind == "fault") return {"delay", "fail", "hang", "vanish"};
   if (kind == "host") return {"<", ">", "ended"};
+  if (kind == "input") return {"ended"};
   if (kind == "led") return {"amber", "green", "off", "own", "red"};
   if (kind == "plugged") return {"in"};
   if (kind == "recording") return {"ended", "parts:"};

@@ -202,7 +202,7 @@ void running::carry_out_all() try {
                          : carry_out_input(told);
   if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
   has_played = true;
-  if (held && chosen.stay) return;
+  if (held && chosen.stay) return reader->happened.add(0, "input ended");
   // A recording alone is over when it has been played, or the host ends.
   if (has_host && !chosen.replay.empty() && !file) {
     told.carry_out("expect recording ended within 86400000");
