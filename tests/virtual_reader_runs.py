@@ -119,9 +119,10 @@ class Runs(unittest.TestCase):
              "since (no agent has come)"),
             ("wait 10\nexpect conected", RIGHT, 2, say + "wrong: nothing was run"),
             ("wait 60000", RIGHT, 4, say + f"CUT OFF: the limit of 300 ms ran out at {place}1"),
+            ("plug", RIGHT, 4, say + "CUT OFF: the limit of 300 ms ran out after all was played"),
         ]
         for played, program, status, verdict in rows:
-            options = ["--limit", "0.3"] if status == 4 else []
+            options = ["--stay", "--limit", "0.3"] if status == 4 else []
             got = self.run_host(played, program, options)
             self.assertEqual(got[:2], (status, verdict), got[3])
 

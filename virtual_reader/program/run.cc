@@ -275,7 +275,9 @@ void running::run() {
   const auto first = end.wait(chosen.limit);
   verdict last = first ? *first : verdict{cut_off, "the limit of " + limit + " ran out"};
   if (!first) end.set(last.status, last.why);
-  if (last.status == cut_off) last.why += " at " + place();
+  if (last.status == cut_off) {
+    last.why += file && has_played ? " after all was played" : " at " + place();
+  }
   lock.lock();
   host* const to_end = started;
   lock.unlock();

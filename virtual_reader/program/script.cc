@@ -45,11 +45,12 @@ bool script::check(bool has_host, const report_function& report) const {
 
 bool script::play(const session& with, const manner& how) {
   bool held = true, has_waited = false;
-  for (number = 1; number <= lines.size() && !how.is_over(); ++number) {
-    const std::string& line = lines[number - 1];
+  for (std::size_t next = 0; next < lines.size() && !how.is_over();) {
+    const std::string& line = lines[next];
+    number = ++next;
     const command told = parse(line);
     if (is_verb(told, "again")) {
-      number = 0;
+      next = 0;
       continue;
     }
     const bool waits = told.rests || is_verb(told, "expect") || is_verb(told, "host");

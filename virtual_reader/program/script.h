@@ -37,13 +37,13 @@ class script {
   // throws interruption.
   bool play(const session& with, const manner& how);
 
-  // FILE:LINE of the line that is carried out; from any thread.
+  // FILE:LINE of the line that is carried out, or was last; from any thread.
   std::string place() const { return path + ":" + std::to_string(number); }
 
  private:
   const std::string path;
   std::vector<std::string> lines;
-  std::atomic<std::size_t> number{0};
+  std::atomic<std::size_t> number{1};
 };
 
 }  // namespace virtual_reader
