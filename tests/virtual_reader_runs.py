@@ -118,6 +118,7 @@ class Runs(unittest.TestCase):
              say + f"FAILED: {place}1: expected connected within 500 ms; nothing has happened "
              "since (no agent has come)"),
             ("wait 10\nexpect conected", RIGHT, 2, say + "wrong: nothing was run"),
+            ("# expect connected\n\n", RIGHT, 2, say + "wrong: nothing was run"),
             ("wait 60000", RIGHT, 4, say + f"CUT OFF: the limit of 300 ms ran out at {place}1"),
             ("plug", RIGHT, 4, say + "CUT OFF: the limit of 300 ms ran out after all was played"),
         ]

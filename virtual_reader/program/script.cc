@@ -26,10 +26,11 @@ script::script(const std::string& file) : path(file) {
 }
 
 bool script::check(bool has_host, const report_function& report) const {
-  bool is_right = true, rests = false;
+  bool is_right = true, rests = false, tests = !has_host;
   for (std::size_t i = 0; i < lines.size(); ++i) try {
       const command told = parse(lines[i]);
       rests |= told.rests;
+      tests |= told.what != nullptr;
       if (is_verb(told, "again") && !rests) {
         throw bad_line("without a `wait` before it, this would never rest");
       }
@@ -39,8 +40,10 @@ bool script::check(bool has_host, const report_function& report) const {
     } catch (const bad_line& error) {
       report(path + ":" + std::to_string(i + 1) + ": " + error.what() + "\n");
       is_right = false;
+      tests = true;
     }
-  return is_right;
+  if (!tests) report(path + " has no verb, so that nothing would be tested\n");
+  return is_right && tests;
 }
 
 bool script::play(const session& with, const manner& how) {

@@ -24,7 +24,7 @@ class script {
   explicit script(const std::string& path);
   script(script&& other) noexcept : path(other.path), lines(std::move(other.lines)) {}
 
-  // Reports every line that is wrong. True if there is none.
+  // Reports every line that is wrong, and if no line would test the host. True if all is well.
   bool check(bool has_host, const report_function& report) const;
 
   struct manner {
