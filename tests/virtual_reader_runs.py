@@ -272,6 +272,10 @@ class Runs(unittest.TestCase):
         ]
         for number, (came, told) in enumerate(rows):
             self.assertEqual(came, told, number)
+        long = 'echo "' + "x" * (4 << 20) + '"\necho "x"'
+        said = ": the line is longer than 4 MiB\n"
+        self.assertEqual(outcome(long), (2, "", "file:1" + said))
+        self.assertEqual(outcome(long, path=False), (1, "= x\n", "line 1" + said))
         status, out, err = outcome('unplug\nexpect reset within 0\necho "x"')
         self.assertEqual((status, out), (1, "unplugged\n"))
         self.assertIn(f"file:2: {failed}", err)

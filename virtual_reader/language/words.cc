@@ -57,6 +57,7 @@ std::string suggestion(const std::string& written, const std::vector<std::string
 }
 
 words::words(const std::string& line) {
+  if (line.size() > longest_line) throw bad_line("the line is longer than 4 MiB");
   for (std::size_t i = 0; (i = line.find_first_not_of(blanks, i)) < line.size();) {
     if (line[i] == '#') break;
     if (line[i] == '"') {

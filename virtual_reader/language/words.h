@@ -10,6 +10,9 @@
 
 namespace virtual_reader {
 
+// In bytes. Long enough for a text of a million, all of it escapes.
+constexpr std::size_t longest_line = std::size_t{4} << 20;
+
 // ", did you mean 'X'?" with the most similar of them, or nothing if none is.
 std::string suggestion(const std::string& written, const std::vector<std::string>& known);
 

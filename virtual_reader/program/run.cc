@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <thread>
 
@@ -19,6 +20,7 @@
 #include "serve_teller.h"
 #include "socket_path.h"
 #include "terminal.h"
+#include "words.h"
 
 namespace virtual_reader {
 
@@ -178,10 +180,12 @@ bool running::carry_out_input(const session& told) {
   int number = 0;
   start_host();
   const auto report = [this](const std::string& lines) { fail(lines); };
+  std::string read;
   const auto next_line = [&]() -> std::optional<std::string> {
     if (typed_at) return typed_at->next_line();
-    std::string line;
-    if (std::getline(std::cin, line)) return line;
+    if (read.size() > longest_line)
+      std::cin.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    if (read_line(std::cin, &read)) return read;
     return {};
   };
   for (auto line = next_line(); line && !end.is_set(); line = next_line()) {

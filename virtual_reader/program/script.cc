@@ -4,8 +4,15 @@
 #include <utility>
 
 #include "verbs.h"
+#include "words.h"
 
 namespace virtual_reader {
+
+bool read_line(std::istream& from, std::string* line) {
+  line->clear();
+  for (char c; line->size() <= longest_line && from.get(c) && c != '\n';) *line += c;
+  return !line->empty() || from.good();
+}
 
 bool carry_out(const session& with, const std::string& line, const std::string& place,
                const report_function& report) try {
@@ -21,8 +28,9 @@ bool carry_out(const session& with, const std::string& line, const std::string& 
 
 script::script(const std::string& file) : path(file) {
   std::ifstream input(path);
-  for (std::string line; std::getline(input, line);) lines.push_back(line);
-  if (!input.eof()) throw std::runtime_error("cannot read " + path);
+  std::string line;
+  while (line.size() <= longest_line && read_line(input, &line)) lines.push_back(line);
+  if (!input.eof() && line.size() <= longest_line) throw std::runtime_error("cannot read " + path);
 }
 
 bool script::check(bool has_host, const report_function& report) const {

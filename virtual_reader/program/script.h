@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,10 @@
 namespace virtual_reader {
 
 using report_function = std::function<void(const std::string& lines)>;
+
+// Reads a line, without its line feed. False at the end. Of one that is too long it takes one byte
+// more than there may be, and leaves the rest.
+bool read_line(std::istream& from, std::string* line);
 
 // Carries out a line. What goes wrong is reported, after `place`, and then it returns false. Throws
 // interruption.
