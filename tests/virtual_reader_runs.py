@@ -132,20 +132,27 @@ class Runs(unittest.TestCase):
         usual, stubborn = begin % "signal.SIG_DFL", begin % "signal.SIG_IGN"
         runs = "expect host < 1 within 20000"
         rows = [
-            (runs, usual + "sys.stdin.read(); print('ended')", 0, "1\nended\n"),
-            (runs, usual + "sys.stdin.read(); raise SystemExit(5)", 3, "1\n"),
-            (runs, usual + "os.fork() or time.sleep(60); sys.stdin.read(); raise SystemExit(5)", 3,
-             "1\n"),
-            (runs, usual + "time.sleep(60)", 0, "1\n"),
-            (runs, stubborn + "time.sleep(60)", 3, "1\n"),
+            # scenario, host, status, verdict, output
+            (runs, usual + "sys.stdin.read(); print('ended')", 0, "passed", "1\nended\n"),
+            (runs, usual + "sys.stdin.read(); raise SystemExit(5)", 3,
+             "the HOST FAILED: it ended with status 5", "1\n"),
+            (runs, usual + "time.sleep(60)", 0,
+             "passed: the host went on after the end of its input, up to SIGTERM", "1\n"),
+            (runs, stubborn + "time.sleep(60)", 3,
+             "the HOST FAILED: it did not end and was killed", "1\n"),
             # What it started ends with it.
-            (runs, usual + "os.fork(); time.sleep(60)", 0, "1\n"),
-            ("expect host < \xe4 b within 20000", "import sys; sys.stdout.buffer.write(b'\\xc3\\xa4 b\\nrest');"
-             "sys.stdout.flush(); sys.stdin.read()", 0, "\xe4 b\nrest"),
+            (runs, usual + "os.fork() or time.sleep(60); sys.stdin.read(); raise SystemExit(5)", 3,
+             "the HOST FAILED: it ended with status 5", "1\n"),
+            (runs, usual + "os.fork() or time.sleep(60); sys.stdin.read()", 0,
+             "passed: what the host had started went on after it, up to SIGTERM", "1\n"),
+            ("expect host < \xe4 b within 20000",
+             "import sys; sys.stdout.buffer.write(b'\\xc3\\xa4 b\\nrest'); sys.stdout.flush();"
+             "sys.stdin.read()", 0, "passed", "\xe4 b\nrest"),
         ]
-        for played, program, status, output in rows:
+        for played, program, status, verdict, output in rows:
             got = self.run_host(played, program)
-            self.assertEqual((got[0], got[2]), (status, output), got[3])
+            verdict = "virtual-reader: " + verdict + " (no agent has come)" * (status != 0)
+            self.assertEqual(got[:3], (status, verdict, output), got[3])
 
     def test_nothing_is_left_of_an_interrupted_run(self):
         for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL:

@@ -189,9 +189,10 @@ bool host::wait_gone(std::chrono::milliseconds limit) {
   return !is_there(group);
 }
 
-std::string host::end() {
+host::ending host::end() {
   close_input();
-  bool has_gone = wait_gone(step_limit);
+  const bool went_with_input = wait_gone(step_limit);
+  bool has_gone = went_with_input;
   const std::optional<int> unasked = status_told();
   for (const int signal : {SIGTERM, SIGKILL}) {
     if (has_gone) break;
@@ -203,10 +204,14 @@ std::string host::end() {
     changed.wait_for(lock, step_limit, [this] { return unfinished == 0; });
   }
   const std::optional<int> asked = status_told();
-  if (unasked && *unasked != 0) return "it ended with " + status_text(*unasked);
-  if (!has_gone) return "it did not end and was killed";
-  if (unasked || *asked == 0 || *asked == 128 + SIGTERM) return "";
-  return "it ended with " + status_text(*asked) + " when it was asked to";
+  if (unasked && *unasked != 0) return {false, "it ended with " + status_text(*unasked)};
+  if (!has_gone) return {false, "it did not end and was killed"};
+  if (went_with_input) return {};
+  if (unasked) return {true, "what the host had started went on after it, up to SIGTERM"};
+  if (*asked == 0 || *asked == 128 + SIGTERM) {
+    return {true, "the host went on after the end of its input, up to SIGTERM"};
+  }
+  return {false, "it ended with " + status_text(*asked) + " when it was asked to"};
 }
 
 }  // namespace virtual_reader

@@ -29,10 +29,13 @@ class host {
   // Must not be called: threads that nobody waits for may use it, for as long as the process lives.
   ~host() = delete;
 
-  // Closes its input, then asks and at last makes all of its process group end. Returns what was
-  // wrong with how it ended, or nothing. Takes some seconds at most: output that nobody reads by
-  // then, or that comes from outside of the group, is left out.
-  std::string end();
+  struct ending {
+    bool is_good = true;
+    std::string what{};  // is to be said about it; nothing if it ended well with its input
+  };
+  // Closes its input, then asks and at last makes all of its process group end. Takes some seconds
+  // at most: output that nobody reads by then, or that comes from outside of the group, is left out.
+  ending end();
 
   // False if it does not take that within some seconds, or its input has been closed.
   bool send(const std::string& bytes);

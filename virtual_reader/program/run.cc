@@ -285,10 +285,12 @@ void running::run() {
   lock.lock();
   host* const to_end = started;
   lock.unlock();
-  const std::string fault = to_end ? to_end->end() : "";
+  const host::ending ended = to_end ? to_end->end() : host::ending{};
   lock.lock();
   if (last.status == passed && !first_failure.empty()) last = {expectation_failed, first_failure};
-  if (last.status == passed && !fault.empty()) last = {host_failed, fault};
+  if (last.status == passed && !ended.what.empty()) {
+    last = {ended.is_good ? passed : host_failed, ended.what};
+  }
   lock.unlock();
   reader->end();
   if (has_host) say_verdict(last);
