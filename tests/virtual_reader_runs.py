@@ -303,6 +303,8 @@ class Runs(unittest.TestCase):
         while told('echo "a"') != (0, "a\n", "") and time.monotonic() < deadline:
             time.sleep(0.01)
         self.assertEqual(os.stat(f"{self.folder}/s").st_mode & 0o777, 0o600)
+        late = subprocess.run([*tell, "wait 60000", "--limit", "0.1"], capture_output=True, check=False)
+        self.assertEqual((late.returncode, late.stderr), (4, b"virtual-reader: the limit ran out\n"))
         waiting = self.popen(*tell, "expect reset within 60000", stderr=subprocess.PIPE)
         told("plug")
         following = self.popen(*tell, "record follow 1", stdout=subprocess.PIPE,

@@ -13,6 +13,7 @@
 #include "pc_prox_api.h"
 #include "process_figures.h"
 #include "rig.h"
+#include "serve_teller.h"
 #include "session.h"
 #include "socket_path.h"
 
@@ -190,6 +191,29 @@ TEST(VirtualReader, IsNoReaderToTheLibraryWhenItTalksNonsense) {
     door.interrupt();
     listener.join();
   }
+}
+
+TEST(VirtualReader, EndsWhateverThoseDoWhoTellIt) {
+  const scratch_folder folder;
+  std::atomic<std::uint64_t> cursor{1};
+  device* told = nullptr;
+  device reader(folder.path + "/socket", true, [&](int socket, const auto& is_over) {
+    serve_teller(socket, is_over, *told, cursor, {});
+  });
+  told = &reader;
+  for (int i = 0; i < 20'000; ++i) reader.happened.add(0, "led " + std::to_string(i));
+  std::vector<std::unique_ptr<descriptor>> peers;
+  for (const std::string verb : {"expect reset within 60000", "record follow 20000"}) {
+    peers.push_back(std::make_unique<descriptor>(connect_to(folder.path + "/socket")));
+    const int peer = peers.back()->number;
+    ASSERT_TRUE(exchange_greetings(peer, teller_greeting));
+    ASSERT_TRUE(send_message(peer, {{}, {"echo \"x\"\n" + verb}}, in(patience)));
+    ASSERT_TRUE(receive_message(peer, telling_size_limit, in(patience)));
+    ASSERT_TRUE(send_bytes(peer, "more", 4, in(patience)));  // and reads nothing
+  }
+  const auto start = std::chrono::steady_clock::now();
+  reader.end();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, message_limit - greeting_limit);
 }
 
 TEST(VirtualReader, IsHeldByOneAgentAtATime) {

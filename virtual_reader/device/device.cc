@@ -33,10 +33,14 @@ void device::end() {
   acceptor.join();
   door.reset();
   std::unique_lock<std::mutex> lock(mutex);
-  // They may finish what they answer: a call that has had its effect has its result.
+  // They may finish what they answer, if the peer takes it: a call that has had its effect has its
+  // result.
+  const auto are_gone = [this] { return links.empty(); };
   for (const int socket : links) shutdown(socket, SHUT_RD);
   happened.wake();
-  changed.wait(lock, [this] { return links.empty(); });
+  changed.wait_for(lock, std::chrono::seconds(1), are_gone);
+  for (const int socket : links) shutdown(socket, SHUT_RDWR);
+  changed.wait(lock, are_gone);
 }
 
 void device::accept_peers() {
@@ -69,7 +73,8 @@ void device::serve(int socket) {
   });
   if (why.empty() && agent != 0) serve_agent(socket, agent);
   if (why.empty() && is_teller && serve_teller) {
-    serve_teller(socket, [socket] { return has_gone(socket); });
+    const auto ends = [this](const reader&) { return ending; };
+    serve_teller(socket, [&] { return has_gone(socket) || look(ends); });
   }
   const std::lock_guard<std::mutex> lock(mutex);
   links.erase(socket);

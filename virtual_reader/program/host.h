@@ -34,7 +34,8 @@ class host {
     std::string what{};  // is to be said about it; nothing if it ended well with its input
   };
   // Closes its input, then asks and at last makes all of its process group end. Takes some seconds
-  // at most: output that nobody reads by then, or that comes from outside of the group, is left out.
+  // at most: output that nobody reads by then, or that comes from outside of the group, is left
+  // out.
   ending end();
 
   // False if it does not take that within some seconds, or its input has been closed.

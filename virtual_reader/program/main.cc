@@ -34,7 +34,8 @@ int main(int count, char** arguments) try {
     return passed;
   }
   if (chosen->help || chosen->version) return passed;
-  return chosen->tell ? tell(chosen_socket_path(*chosen, false), *chosen->tell) : run(*chosen);
+  return chosen->tell ? tell(chosen_socket_path(*chosen, false), *chosen->tell, chosen->limit)
+                      : run(*chosen);
 } catch (const std::exception& error) {
   std::cerr << "virtual-reader: " << error.what() << std::endl;
   return virtual_reader::wrong_usage;

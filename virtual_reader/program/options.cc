@@ -10,7 +10,7 @@ namespace virtual_reader {
 
 const char usage[] =
     "usage: virtual-reader [OPTION...] [FILE] [-- COMMAND ARG...]\n"
-    "       virtual-reader [--socket PATH] --tell 'VERB...'\n"
+    "       virtual-reader [--socket PATH] [--limit SECONDS] --tell 'VERB...'\n"
     "       virtual-reader --to-verbs RECORDING\n"
     "Plugs a virtual reader in and carries out verbs from FILE or standard input; `help` is one "
     "of\n"
@@ -81,9 +81,8 @@ std::optional<options> parse_options(int count, char** arguments) {
   if (optind < own_count) return fail("one FILE at a time");
   if (dashes != end && chosen.command.empty()) return fail("the COMMAND behind `--` is missing");
   const bool tells_alone = chosen.file.empty() && chosen.command.empty() && !chosen.unplugged &&
-                           !chosen.stay && !chosen.screen && !chosen.keep_going &&
-                           chosen.limit.count() == 0;
-  if (chosen.tell && !tells_alone) return fail("--tell goes with --socket alone");
+                           !chosen.stay && !chosen.screen && !chosen.keep_going;
+  if (chosen.tell && !tells_alone) return fail("--tell goes with --socket and --limit alone");
   return chosen;
 }
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "outcome.h"
 #include "printer.h"
 #include "wire.h"
 
@@ -14,14 +15,16 @@ namespace virtual_reader {
 
 namespace {
 
-int fail(const std::string& why) {
+int fail(const std::string& why, int status = wrong_usage) {
   write_all(STDERR_FILENO, "virtual-reader: " + why + "\n");
-  return 2;
+  return status;
 }
 
 }  // namespace
 
-int tell(const std::string& socket_path, const std::string& verbs) {
+int tell(const std::string& socket_path, const std::string& verbs,
+         std::chrono::milliseconds limit) {
+  const moment until = limit.count() > 0 ? in(limit) : never;
   signal(SIGPIPE, SIG_IGN);
   const descriptor link(connect_to(socket_path));
   if (link.number < 0) {
@@ -38,8 +41,11 @@ int tell(const std::string& socket_path, const std::string& verbs) {
   if (!send_message(link.number, {{}, {verbs}}, in(message_limit))) {
     return fail("the virtual reader has gone, or the verbs are too long");
   }
-  // However long the verbs may take: the reader bounds that.
-  while (wait_for(link.number, POLLIN, never)) {
+  for (;;) {
+    const bool is_late = std::chrono::steady_clock::now() >= until;
+    if (is_late || !wait_for(link.number, POLLIN, until)) {
+      return fail("the limit ran out", cut_off);
+    }
     const auto given = receive_message(link.number, telling_size_limit, in(message_limit));
     if (!given || given->numbers.empty()) break;
     const bool is_line = given->numbers[0] == line_message;
