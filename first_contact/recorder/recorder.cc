@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -64,7 +66,7 @@ void relay(char* text, int length) {
   try {
     virtual_reader::says_text said;
     if (length > 0 && text) said.text.assign(text, static_cast<std::size_t>(length));
-    said.length = length;
+    said.length = text ? length : std::min(length, 0);
     said.own_thread = !is_calling;
     if (self.file.is_on()) self.file.add(to_text(said));
   } catch (...) {  // out of memory
@@ -72,78 +74,86 @@ void relay(char* text, int length) {
   self.marker.load()(text, length);
 }
 
-template <typename T>
-void append_fields(std::vector<std::int64_t>* all, const T* record) {
-  pc_prox::field fields[8];
-  static_assert(sizeof fields == sizeof(T));
-  std::memcpy(fields, record, sizeof fields);
-  all->insert(all->end(), fields, fields + 8);
+using numbers = std::initializer_list<std::int64_t>;
+
+// Adds an entry for the call; `describe` adds to the text what more is known of it.
+template <typename D>
+void write_down(const char* name, numbers arguments, const D& describe) noexcept try {
+  call_text text;
+  text.name = name;
+  text.arguments = arguments;
+  describe(&text);
+  self.file.add(to_text(text));
+} catch (...) {  // out of memory
 }
 
-// Makes the call and writes it down. `describe` adds to the text what is known once it is made.
+// Makes the call and writes it down. `describe` adds to the text what came of it.
 template <typename F, typename D>
-void make(const char* name, const F& call, const D& describe) {
+void make(const char* name, numbers arguments, const F& call, const D& describe) {
   if (!self.file.is_on()) return call();
+  // Of a call that never returns, this is all that there will be. The 33 calls of a poll that only
+  // hand out what it has fetched would make twice the file of it.
+  if (std::strcmp(name, "GetQueuedID_index") != 0) {
+    write_down(name, arguments, [](call_text* text) { text->has_ended = false; });
+  }
   is_calling = true;
   const auto begin = clock::now();
   call();
   const auto took = clock::now() - begin;
   is_calling = false;
-  try {
-    call_text text;
-    text.name = name;
-    text.took = std::chrono::duration_cast<std::chrono::microseconds>(took);
-    describe(&text);
-    self.file.add(to_text(text));
-  } catch (...) {  // out of memory
-  }
+  write_down(name, arguments, [&](call_text* text) {
+    text->took = std::chrono::duration_cast<std::chrono::microseconds>(took);
+    describe(text);
+  });
 }
-
-using numbers = std::initializer_list<std::int64_t>;
 
 template <typename F>
 void no_result(const char* name, numbers arguments, const F& call) {
-  make(name, call, [&](call_text* text) { text->arguments = arguments; });
+  make(name, arguments, call, [](call_text*) {});
 }
 
 template <typename F>
 auto number_result(const char* name, numbers arguments, const F& call) {
   decltype(call()) result{};
   make(
-      name, [&] { result = call(); },
+      name, arguments, [&] { result = call(); },
       [&](call_text* text) {
-        text->arguments = arguments;
         text->has_result = true;
         text->values = {result};
       });
   return result;
+}
+
+using fields = std::array<pc_prox::field, 8>;
+
+template <typename T>
+fields fields_of(const T* record) {
+  fields all;
+  static_assert(sizeof all == sizeof(T));
+  std::memcpy(&all, record, sizeof all);
+  return all;
 }
 
 template <typename T>
 status get_record(const char* name, status (*get)(T*), T* record) {
   status result{};
   make(
-      name, [&] { result = get(record); },
+      name, {}, [&] { result = get(record); },
       [&](call_text* text) {
         text->has_result = true;
         text->values = {result};
-        if (result != 0) append_fields(&text->values, record);
+        if (result == 0) return;
+        const fields given = fields_of(record);
+        text->values.insert(text->values.end(), given.begin(), given.end());
       });
   return result;
 }
 
 template <typename T>
 status set_record(const char* name, status (*set)(T*), T* record) {
-  const T given = *record;
-  status result{};
-  make(
-      name, [&] { result = set(record); },
-      [&](call_text* text) {
-        append_fields(&text->arguments, &given);
-        text->has_result = true;
-        text->values = {result};
-      });
-  return result;
+  const fields f = fields_of(record);
+  return number_result(name, {f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7]},
+                       [&] { return set(record); });
 }
 
 }  // namespace
@@ -177,7 +187,7 @@ std::int64_t GetQueuedID_index(std::int16_t index) {
 const char* getPartNumberString() {
   const char* result = nullptr;
   make(
-      __func__, [&] { result = self.library.getPartNumberString(); },
+      __func__, {}, [&] { result = self.library.getPartNumberString(); },
       [&](call_text* text) {
         text->has_result = text->has_text = true;
         if (result) text->text = result;
@@ -186,7 +196,7 @@ const char* getPartNumberString() {
 }
 void GetDevName(char* name) {
   make(
-      __func__, [&] { self.library.GetDevName(name); },
+      __func__, {}, [&] { self.library.GetDevName(name); },
       [&](call_text* text) {
         text->has_result = text->has_text = true;
         text->text = name;

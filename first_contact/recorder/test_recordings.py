@@ -160,12 +160,14 @@ class Bench:
 
 
 def calls(recording):
-    """What was recorded, but for times and polls that found nothing."""
+    """How the calls ended that were recorded, but for times and polls that found nothing."""
     kept, poll = [], []
     for line in [*pathlib.Path(recording).read_text(encoding="latin-1").splitlines(), "end"]:
         if line.startswith("#"):
             continue
         text = re.sub(r" \([0-9.]+ ms\)$", "", line.partition(" ")[2])
+        if text.startswith("1 begins "):
+            continue
         if "GetQueuedID_index" in text:
             poll.append(text)
             continue
@@ -229,6 +231,40 @@ class Recordings(unittest.TestCase):
         self.assertEqual(bench.next_line(), "Reader: Global")
         self.assertNotIn("parts", str(bench.tell("record all 1000")))
         self.assertEqual(bench.end(), (0, 0, ""))
+
+    def test_a_call_that_never_returns_is_recorded_replayed_and_told(self):
+        for call, cause in (("BeepNow", "Beep short 2"), ("GetQueuedID", "")):
+            with self.subTest(call):
+                folder = self.folder / call
+                folder.mkdir()
+                first = folder / "first"
+                bench = Bench(folder, recording=first)
+                bench.tell("expect call GetQueuedID -> 1\nhang " + call)
+                if cause:
+                    bench.send(cause)
+                bench.tell("expect begins " + call)
+                bench.agent.kill()
+                bench.end()
+                lines = first.read_text(encoding="ascii").splitlines()
+                self.assertRegex(lines[-1], fr"^\S+ 1 begins {call} [12] 0$")
+
+                replayed = Bench(folder, "--replay", first, "--speed", "1000")
+                self.assertEqual([replayed.next_line()[:12] for _ in range(2)],
+                                 ["Reader: Dev-", "Log: Reader "])
+                if cause:
+                    replayed.send(cause)
+                replayed.tell("expect begins " + call)
+                replayed.send("Global:Ping there")
+                self.assertTrue(replayed.lines.empty())
+                replayed.tell("release\nexpect recording ended")
+                answers = ["Ok:"] * bool(cause) + ["Ok:  there"]
+                self.assertEqual([replayed.answer() for _ in answers], answers)
+                self.assertEqual(replayed.end(), (0, 0, ""))
+
+                verbs = subprocess.run([BUILD / "virtual-reader", "--to-verbs", first], check=True,
+                                       stdout=subprocess.PIPE, encoding="ascii").stdout
+                self.assertIn(f"hang {call}" + (" at 1\n" if cause else "\n"), verbs)
+                self.assertEqual(verbs.splitlines()[-1], f"expect begins {call} within 12000")
 
     def test_where_host_and_recording_part_is_told(self):
         bench = self.by_hand("--speed", "10")

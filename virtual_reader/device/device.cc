@@ -130,17 +130,17 @@ std::optional<std::string> device::answer(int socket, call* asked) {
   change([&](reader& r) {
     due = r.faults.take_due(asked->name);
     releases = r.releases;
-    bool hangs = false;
     for (const rule& each : due) {
       if (each.what != rule::kind::say) r.happened.add(asked->agent, "fault " + to_text(each));
-      hangs |= each.what == rule::kind::hang;
-      delay = std::max(delay, each.time);
     }
     if (recording) {
-      for (rule& each : recording->prepare(*asked, &r)) {
-        delay = std::max(delay, each.time);
-        due.push_back(std::move(each));
-      }
+      const std::vector<rule> recorded = recording->prepare(*asked, &r);
+      due.insert(due.end(), recorded.begin(), recorded.end());
+    }
+    bool hangs = false;
+    for (const rule& each : due) {
+      hangs |= each.what == rule::kind::hang;
+      delay = std::max(delay, each.time);
     }
     if (delay.count() == 0) return;
     r.happened.add(asked->agent, begun_text(*asked));

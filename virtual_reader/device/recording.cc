@@ -45,7 +45,15 @@ bool is_of_a_call(const std::string& entry) {
 class collector {
  public:
   void add_says(const says_text& said) { said_before.push_back(said); }
+  void add_beginning(const call_text& text, std::chrono::microseconds began) {
+    begun.emplace();
+    begun->name = text.name;
+    begun->arguments = text.arguments;
+    begun->has_ended = false;
+    begun->ended = began;
+  }
   void add_call(const call_text& text, std::chrono::microseconds ended) {
+    begun.reset();
     if (text.name == "GetQueuedID_index") return add_index(text);
     recorded_call added;
     static_cast<call_text&>(added) = text;
@@ -70,7 +78,12 @@ class collector {
       if (place != places.end()) calls[*configuration_read].records.emplace(place->second, fields);
     }
   }
-  std::vector<recorded_call> take() {
+  std::vector<recorded_call> take(bool was_cut_off) {
+    // What was written after its beginning may have been its end.
+    if (begun && !was_cut_off) {
+      begun->said.swap(said_before);
+      calls.push_back(*std::move(begun));
+    }
     for (recorded_call& each : calls) {
       if (each.card) each.card->text = text_of(*each.card);
     }
@@ -87,6 +100,7 @@ class collector {
 
   std::vector<recorded_call> calls;
   std::vector<says_text> said_before;
+  std::optional<recorded_call> begun;  // and has not ended so far
   std::optional<std::size_t> failed, poll, connection, configuration_read;  // the last one of each
 };
 
@@ -98,7 +112,7 @@ struct quiet_time {
 
 quiet_time quiet_time_at(const std::vector<recorded_call>& calls, std::size_t from) {
   const recorded_call& first = calls[from];
-  if (first.is_poll() && !first.has_failed() && first.said.empty()) {
+  if (first.is_poll() && first.has_ended && !first.has_failed() && first.said.empty()) {
     return {1, first.card ? first.card->text : "no card"};
   }
   const char* const search[] = {"USBDisconnect", "SetDevTypeSrch", "usbConnect"};
@@ -111,13 +125,11 @@ quiet_time quiet_time_at(const std::vector<recorded_call>& calls, std::size_t fr
 
 }  // namespace
 
-std::vector<recorded_call> read_recording(const std::string& path) {
-  std::ifstream file(path);
+std::vector<recorded_call> read_recording(std::istream& recording, const std::string& name) {
   collector all;
-  std::string fault;  // of the line before
   int number = 0;
-  for (std::string line; std::getline(file, line);) {
-    if (!fault.empty()) throw std::runtime_error(path + ":" + std::to_string(number) + fault);
+  bool was_cut_off = false;
+  for (std::string line; std::getline(recording, line);) {
     if (++number == 1 && line != "# card reader recording 1") break;
     if (line.empty() || line[0] == '#') continue;
     const auto entry = parse_entry(line);
@@ -126,13 +138,22 @@ std::vector<recorded_call> read_recording(const std::string& path) {
     if (said) {
       all.add_says(*said);
     } else if (call && is_call(call->name)) {
-      if (call->has_ended) all.add_call(*call, entry->time);
+      call->has_ended ? all.add_call(*call, entry->time) : all.add_beginning(*call, entry->time);
     } else if (!entry || call || is_of_a_call(entry->text)) {
-      fault = ": this is no entry, like '1.250000 1 call BeepNow 2 0 -> 1 (0.125 ms)'";
+      was_cut_off = recording.eof();
+      if (was_cut_off) break;
+      throw std::runtime_error(
+          name + ":" + std::to_string(number) +
+          ": this is no entry, like '1.250000 1 call BeepNow 2 0 -> 1 (0.125 ms)'");
     }  // others say what follows from the calls
   }
-  if (number < 2) throw std::runtime_error(path + " is no recording, or cannot be read");
-  return all.take();
+  if (number < 2) throw std::runtime_error(name + " is no recording, or cannot be read");
+  return all.take(was_cut_off);
+}
+
+std::vector<recorded_call> read_recording(const std::string& path) {
+  std::ifstream file(path);
+  return read_recording(file, path);
 }
 
 std::vector<recorded_call> hurried(const std::vector<recorded_call>& calls, double speed) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <istream>
 #include <map>
 #include <optional>
 #include <string>
@@ -24,14 +25,19 @@ struct recorded_call : call_text {
       records;             // ReadCfg: what the Gets gave, by place
   std::int64_t error = 1;  // failed: what GetLastLibErr said then
 
+  // One that has not ended never returned, and is the last.
   bool is_poll() const { return name == "GetQueuedID"; }
-  bool has_failed() const { return has_result && !has_text && !values.empty() && values[0] == 0; }
+  bool has_failed() const {
+    return name != "GetLastLibErr" && !has_text && !values.empty() && values[0] == 0;
+  }
   // What it answers is as if nothing had happened.
-  bool is_idle() const { return is_poll() && !card && !has_failed() && said.empty(); }
+  bool is_idle() const { return is_poll() && has_ended && !card && !has_failed() && said.empty(); }
 };
 
 // All calls but GetQueuedID_index, which is part of the call before it. A recording that was cut
-// off ends with its last whole line. Throws std::runtime_error with one line.
+// off in a line ends before it. Throws std::runtime_error with one line, which begins with the
+// name.
+std::vector<recorded_call> read_recording(std::istream& recording, const std::string& name);
 std::vector<recorded_call> read_recording(const std::string& path);
 
 // The same in less time: calls take the `speed`-th part of theirs, and of polls and searches in a

@@ -107,7 +107,7 @@ std::vector<rule> replay::prepare(const call& asked, reader* playing) {
     in_step = true;
   }
   drop(index);
-  if (recorded.name == "usbConnect") {
+  if (recorded.name == "usbConnect" && recorded.has_ended) {
     recorded.has_failed() ? playing->unplug() : playing->plug();
     playing->part_number = recorded.part;
   }
@@ -126,9 +126,10 @@ std::vector<rule> replay::prepare(const call& asked, reader* playing) {
     made.own_thread = said.own_thread;
   }
   if (recorded.took && *recorded.took >= least_delay) {
-    add(rule::kind::delay).time =
-        std::chrono::duration_cast<std::chrono::milliseconds>(*recorded.took);
+    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(*recorded.took);
+    add(rule::kind::delay).time = std::min(time, rule::longest);
   }
+  if (!recorded.has_ended) add(rule::kind::hang).time = rule::longest;
   if (recorded.has_failed()) add(rule::kind::fail).error = recorded.error;
   return due;
 }

@@ -13,6 +13,8 @@ struct rule {
   std::string call;
   // Which of the calls since the rule was set it concerns, counted from 1.
   static constexpr std::uint64_t for_ever = UINT64_MAX;
+  // A delay lasts so long at most, and a hang so long.
+  static constexpr std::chrono::milliseconds longest = std::chrono::hours(24);
   std::uint64_t first = 1, last = 1;
   std::int64_t error = 1;             // fail
   std::chrono::milliseconds time{0};  // delay and hang, unless released before

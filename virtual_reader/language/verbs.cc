@@ -21,13 +21,14 @@ using std::chrono::milliseconds;
 
 constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
-constexpr milliseconds a_day = std::chrono::hours(24);
 
 std::uint64_t take_count(words& given) {
   return static_cast<std::uint64_t>(given.take_number(1, most));
 }
 
-milliseconds take_time(words& given) { return milliseconds(given.take_number(0, a_day.count())); }
+milliseconds take_time(words& given) {
+  return milliseconds(given.take_number(0, rule::longest.count()));
+}
 
 // Takes the WHEN, and sets the rule for the calls that it says.
 void take_when(words& given, rule made, const char* usual_when, command* told) {
@@ -112,7 +113,7 @@ const std::vector<verb> all = {
     {"hang", "CALL [WHEN]", "lets a call not return until `release`, or for a day",
      [](words& w, command* c) {
        rule made{rule::kind::hang, w.take_call()};
-       made.time = a_day;
+       made.time = rule::longest;
        take_when(w, made, "once", c);
      }},
     {"say", "CALL [thread] \"TEXT\" [length N] [WHEN]", "lets the library talk during a call",

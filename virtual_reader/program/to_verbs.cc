@@ -3,17 +3,25 @@
 #include <algorithm>
 #include <map>
 
+#include "rules.h"
+
 namespace virtual_reader {
 
 namespace {
 
 using std::chrono::microseconds;
 
-std::int64_t in_milliseconds(microseconds time) { return time.count() / 1000; }
+// At most what a verb takes.
+std::int64_t in_milliseconds(microseconds time) {
+  return std::min<std::int64_t>(time.count() / 1000, rule::longest.count());
+}
 
 std::string say(const recorded_call& call, const says_text& said) {
   return "say " + call.name + to_text(said).substr(std::string("says").size());
 }
+
+// The agent makes these by itself: a rule for the next one can be set in time.
+bool is_of_agent(const recorded_call& call) { return call.is_poll() || call.name == "usbConnect"; }
 
 class writer {
  public:
@@ -26,7 +34,9 @@ class writer {
     add_rules_of_commands();
     for (std::size_t i = 0; i < calls.size(); ++i) {
       const recorded_call& call = calls[i];
-      if (call.is_poll()) {
+      if (!call.has_ended) {
+        add_hanging(call);
+      } else if (call.is_poll()) {
         add_poll(call, find(i + 1, "GetQueuedID"), find(i + 1, "usbConnect"));
       } else if (call.name == "usbConnect") {
         add_search(call);
@@ -55,8 +65,9 @@ class writer {
 
   void add_slow_calls() {
     std::map<std::string, std::vector<microseconds>> times;
-    for (const recorded_call& each : calls)
-      times[each.name].push_back(each.took.value_or(microseconds(0)));
+    for (const recorded_call& each : calls) {
+      if (each.has_ended) times[each.name].push_back(each.took.value_or(microseconds(0)));
+    }
     for (auto& [name, all] : times) {
       std::sort(all.begin(), all.end());
       const std::int64_t middle = in_milliseconds(all[all.size() / 2]);
@@ -68,12 +79,13 @@ class writer {
   void add_rules_of_commands() {
     std::map<std::string, int> counts;
     for (const recorded_call& each : calls) {
-      if (each.is_poll() || each.name == "usbConnect") continue;
+      if (is_of_agent(each)) continue;
       const std::string when = " at " + std::to_string(++counts[each.name]);
       for (const says_text& said : each.said) add(say(each, said) + when);
-      if (each.has_failed() && each.name != "GetLastLibErr") {
+      if (each.has_failed()) {
         add("fail " + each.name + " error " + std::to_string(each.error) + when);
       }
+      if (!each.has_ended) add("hang " + each.name + when);
     }
   }
 
@@ -113,6 +125,16 @@ class writer {
     }
     is_plugged = true;
     add("expect connected within 12000");
+  }
+
+  // One that never returned, the last of all.
+  void add_hanging(const recorded_call& call) {
+    rest_until(call);
+    if (is_of_agent(call)) {
+      for (const says_text& said : call.said) add(say(call, said));
+      add("hang " + call.name);
+    }
+    add("expect begins " + call.name + " within 12000");
   }
 
   // The configuration's own fields are the reader's, so that only its calls are told.
