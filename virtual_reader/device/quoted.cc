@@ -8,6 +8,7 @@ namespace {
 
 const std::string letters = "tnrvf\\\"";
 const std::string characters = "\t\n\r\v\f\\\"";
+constexpr std::size_t longest = 1'000'000;
 
 std::string code_of(char c) {
   char code[5];
@@ -37,6 +38,7 @@ std::string parse_quoted(const std::string& line, std::size_t* place) {
   std::string text;
   for (std::size_t i = *place + 1; i < line.size(); ++i) {
     if (line[i] == '"') {
+      if (text.size() > longest) throw bad_line("the text is longer than a million bytes");
       *place = i + 1;
       return text;
     }

@@ -16,7 +16,7 @@ struct bad_line : std::runtime_error {
 std::string quoted(const std::string& text);
 
 // Reads the text that begins with the quote at `*place`, and moves behind the closing one. Throws
-// bad_line.
+// bad_line, also if the text has more than a million bytes.
 std::string parse_quoted(const std::string& line, std::size_t* place);
 
 // The line with its control characters as escapes.

@@ -10,6 +10,9 @@ namespace virtual_reader {
 
 namespace {
 
+// Of times, in their unit: so that nobody's sums of some overflow, in nanoseconds too.
+constexpr std::int64_t longest = 1'000'000'000'000'000;
+
 // Takes a text apart from the left. Once something did not fit, nothing fits any more.
 class scanner {
  public:
@@ -59,7 +62,7 @@ class scanner {
     fits = fits && whole >= 0 && part >= 0 && place - start == static_cast<std::size_t>(digits);
     std::int64_t unit = 1;
     for (int i = 0; i < digits; ++i) unit *= 10;
-    fits = fits && whole <= INT64_MAX / unit - 1;
+    fits = fits && whole <= longest / unit;
     return fits ? whole * unit + part : 0;
   }
   // " N N ..."
@@ -164,7 +167,9 @@ std::optional<says_text> parse_says(const std::string& entry_text) {
   said.text = left.take_quoted();
   said.length = static_cast<std::int64_t>(said.text.size());
   if (left.take_if(" length ")) said.length = left.take_number();
-  if (!left.all_fits()) return {};
+  const bool is_told =
+      said.length >= INT32_MIN && said.length <= static_cast<std::int64_t>(said.text.size());
+  if (!left.all_fits() || !is_told) return {};
   return said;
 }
 

@@ -37,7 +37,7 @@ std::optional<call_text> parse_call(const std::string& entry_text);
 // follows.
 struct says_text {
   std::string text;
-  std::int64_t length = 0;  // as it was told
+  std::int64_t length = 0;  // as it was told; when it is read, an int and at most the text's
   bool own_thread = false;
 };
 std::string to_text(const says_text&);
