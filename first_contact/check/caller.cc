@@ -9,6 +9,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <type_traits>
 
 #include "reader_library.h"
 
@@ -43,68 +44,55 @@ void hear(char* text, int length) {
   send(told, length > 0 && text ? std::string(text, static_cast<std::size_t>(length)) : "");
 }
 
-template <typename T>
-std::int64_t with_record(pc_prox::status (*call)(T*), unsigned char* bytes) {
-  return call(reinterpret_cast<T*>(bytes));
+const char* text_returned = nullptr;
+
+template <typename R, typename... A>
+std::int64_t result_of(R (*called)(A...), A... given) {
+  if constexpr (std::is_void_v<R>) {
+    called(given...);
+    return 0;
+  } else if constexpr (std::is_pointer_v<R>) {
+    text_returned = called(given...);
+    return 0;
+  } else {
+    return called(given...);
+  }
 }
 
-const char* text_returned = nullptr;
+// One for each kind of function, with what it is given.
+template <typename R>
+std::int64_t make(R (*called)(), const request&, unsigned char*) {
+  return result_of(called);
+}
+template <typename R>
+std::int64_t make(R (*called)(std::int16_t), const request& asked, unsigned char*) {
+  return result_of(called, asked.first);
+}
+template <typename T>
+std::int64_t make(pc_prox::status (*called)(T, std::int16_t), const request& asked,
+                  unsigned char*) {
+  return result_of(called, static_cast<T>(asked.first), asked.second);
+}
+template <typename T>
+std::int64_t make(pc_prox::status (*called)(T*), const request&, unsigned char* bytes) {
+  return result_of(called, reinterpret_cast<T*>(bytes));
+}
+std::int64_t make(void (*called)(pc_prox::marker_function), const request& asked, unsigned char*) {
+  removed = asked.first == 0;
+  return result_of<void, pc_prox::marker_function>(called, asked.first ? hear : nullptr);
+}
+// GetDevName: the size of its buffer is the maker's secret.
+std::int64_t make(void (*)(char*), const request&, unsigned char*) { return 0; }
 
 std::int64_t make(const reader_library& library, const request& asked, unsigned char* bytes) {
   switch (asked.what) {
-    case function::SetMarkerFunction:
-      removed = asked.first == 0;
-      library.SetMarkerFunction(asked.first ? hear : nullptr);
-      return 0;
-    case function::BeepNow:
-      return library.BeepNow(static_cast<std::uint8_t>(asked.first), asked.second);
-    case function::GetLastLibErr:
-      return library.GetLastLibErr();
-    case function::GetQueuedID:
-      return library.GetQueuedID(asked.first, asked.second);
-    case function::GetQueuedID_index:
-      return library.GetQueuedID_index(asked.first);
-    case function::USBDisconnect:
-      library.USBDisconnect();
-      return 0;
-    case function::SetDevTypeSrch:
-      library.SetDevTypeSrch(asked.first);
-      return 0;
-    case function::usbConnect:
-      return library.usbConnect();
-    case function::getPartNumberString:
-      text_returned = library.getPartNumberString();
-      return 0;
+#define READER_FUNCTION(name) \
+  case function::name:        \
+    return make(library.name, asked, bytes);
+#include "reader_functions.inc"
+#undef READER_FUNCTION
     case function::getPartNumberString_read_again:
-      return 0;
-    case function::GetDevName:
-      return 0;  // the size of its buffer is the maker's secret
-    case function::ReadCfg:
-      return library.ReadCfg();
-    case function::WriteCfg:
-      return library.WriteCfg();
-    case function::ResetFactoryDflts:
-      return library.ResetFactoryDflts();
-    case function::GetIDBitCnts:
-      return with_record(library.GetIDBitCnts, bytes);
-    case function::SetIDBitCnts:
-      return with_record(library.SetIDBitCnts, bytes);
-    case function::GetFlags:
-      return with_record(library.GetFlags, bytes);
-    case function::SetFlags:
-      return with_record(library.SetFlags, bytes);
-    case function::GetTimeParms:
-      return with_record(library.GetTimeParms, bytes);
-    case function::SetTimeParms:
-      return with_record(library.SetTimeParms, bytes);
-    case function::GetFlags2:
-      return with_record(library.GetFlags2, bytes);
-    case function::SetFlags2:
-      return with_record(library.SetFlags2, bytes);
-    case function::GetLEDCtrl:
-      return with_record(library.GetLEDCtrl, bytes);
-    case function::SetLEDCtrl:
-      return with_record(library.SetLEDCtrl, bytes);
+      break;
   }
   return 0;
 }

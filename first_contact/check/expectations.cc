@@ -8,17 +8,21 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <system_error>
+
+#include "quoted.h"
 
 namespace first_contact {
 
 namespace {
 
 using std::to_string;
-using milliseconds = std::chrono::milliseconds;
+using clock = std::chrono::steady_clock;
+using virtual_reader::quoted;
 
-constexpr milliseconds poll_interval{250};
+constexpr std::chrono::milliseconds poll_interval{250};
 
 struct record_kind {
   function get, set;
@@ -128,25 +132,45 @@ poll poll_of_a_reader(session& s) {
 
 // --- what a person sees and hears ---
 
-std::string beep(session& s, std::int16_t count, std::int16_t is_long, const char* question) {
-  s.need_reader();
-  const auto told = succeed(s, function::BeepNow, count, is_long);
-  demand(s.is_it_so(question),
-         "BeepNow returned " + to_string(told.result) + ", but they were not heard");
-  return {};
+using attempt = std::function<std::string(session&)>;
+
+attempt beep(std::int16_t count, std::int16_t is_long, const char* question) {
+  return [=](session& s) -> std::string {
+    const auto told = succeed(s, function::BeepNow, count, is_long);
+    demand(s.is_it_so(question),
+           "BeepNow returned " + to_string(told.result) + ", but they were not heard");
+    return {};
+  };
 }
 
-// The record that the agent sends: the application rules over the LED or not, red, green.
-std::string led(session& s, std::int16_t ruled, std::int16_t red, std::int16_t green,
-                const char* question) {
-  s.need_reader();
-  const std::int16_t fields[] = {ruled, red, green, 0, 0, 0, 0, 1};
-  record given;
-  std::memcpy(given.data(), fields, sizeof fields);
-  const auto told = succeed(s, function::SetLEDCtrl, 0, 0, given);
-  demand(s.is_it_so(question),
-         "SetLEDCtrl returned " + to_string(told.result) + ", but it is not seen");
-  return {};
+// With the record that the agent sends: the application rules over the LED or not, red, green.
+attempt led(std::int16_t ruled, std::int16_t red, std::int16_t green, const char* question) {
+  return [=](session& s) -> std::string {
+    const std::int16_t fields[] = {ruled, red, green, 0, 0, 0, 0, 1};
+    record given;
+    std::memcpy(given.data(), fields, sizeof fields);
+    const auto told = succeed(s, function::SetLEDCtrl, 0, 0, given);
+    demand(s.is_it_so(question),
+           "SetLEDCtrl returned " + to_string(told.result) + ", but it is not seen");
+    return {};
+  };
+}
+
+// Whether the person has done it: false if it was left out.
+bool has_done(session& s, const char* what) try {
+  s.please(what);
+  return true;
+} catch (const could_not_be_tried&) {
+  return false;
+}
+
+void need_card(const session& s) {
+  if (!s.card_was_there) throw could_not_be_tried("no card was there");
+}
+
+std::string text_of(const session::saying& each) {
+  return (each.call.empty() ? "between calls" : each.call) + " (" + to_string(each.length) +
+         " bytes" + (each.other_thread ? ", another thread" : "") + ")";
 }
 
 // --- writing ---
@@ -166,333 +190,292 @@ record changed(record given, const record_kind& kind) {
   return given;
 }
 
-std::string every_function_is_there(session& s) {
-  demand(s.missing.empty(), "it lacks " + join(s.missing));
-  return {};
-}
-
-std::string marker_function_comes_and_goes(session& s) {
-  for (const bool is_set : {true, false, true}) s.call(function::SetMarkerFunction, is_set);
-  return {};
-}
-
-std::string disconnect_without_connection(session& s) {
-  s.call(function::USBDisconnect);
-  s.call(function::USBDisconnect);
-  return {};
-}
-
-std::string no_reader_no_connection(session& s) {
-  bool unplugged = true;
-  try {
-    s.please("Pull the reader out, if it is plugged in.");
-  } catch (const could_not_be_tried&) {
-    unplugged = false;
-  }
-  const auto is_out = [&] { return !s.connect(); };
-  if (unplugged ? s.within_limit(is_out) : is_out()) return {};
-  s.call(function::USBDisconnect);
-  if (!unplugged) throw could_not_be_tried("a reader is plugged in");
-  throw does_not_hold("usbConnect goes on to connect");
-}
-
-// Nothing is connected at this point, whether or not a reader is there.
-std::string calls_fail_without_reader(session& s) {
-  s.call(function::USBDisconnect);
-  std::vector<std::string> wrong;
-  for (const function what : {function::GetQueuedID, function::BeepNow, function::ReadCfg}) {
-    const auto told = s.call(what, 1, 0);
-    if (told.result != 0) wrong.push_back(name_of(what) + (" gives " + to_string(told.result)));
-  }
-  demand(wrong.empty(), join(wrong));
-  return {};
-}
-
-std::string failure_has_number(session& s) {
-  if (s.call(function::BeepNow, 1, 0).result != 0) throw could_not_be_tried("no call failed");
-  const std::int64_t number = s.call(function::GetLastLibErr).result;
-  demand(number != 0, "it is 0 after a failed BeepNow");
-  return "it is " + to_string(number) + " after a failed BeepNow";
-}
-
-std::string reader_connects(session& s) {
-  bool plugged = true;
-  try {
-    s.please("Plug the reader in, with no card near it.");
-  } catch (const could_not_be_tried&) {
-    plugged = false;
-  }
-  if (!s.connect(plugged)) {
-    if (!plugged) throw could_not_be_tried("no reader is plugged in");
-    throw does_not_hold(s.failure(function::usbConnect, 0));
-  }
-  return "GetLastLibErr is " + to_string(s.call(function::GetLastLibErr).result) + " after that";
-}
-
-std::string part_number_stays(session& s) {
-  s.need_reader();
-  const auto told = s.call(function::getPartNumberString);
-  if (told.is_null) return "it has none (null)";
-  s.pause(poll_interval);
-  const auto later = s.call(function::getPartNumberString_read_again);
-  demand(told.text == later.text,
-         quoted(told.text) + " became " + quoted(later.text) + " without a call");
-  return quoted(told.text);
-}
-
-std::string connects_again(session& s) {
-  s.need_reader();
-  connect(s, "after USBDisconnect: ");
-  return {};
-}
-
-std::string empty_poll(session& s) {
-  s.need_reader();
-  for (int i = 0; i < 3; ++i) {
-    const poll found = poll_of_a_reader(s);
-    demand(!found.has_card(), "the ID is " + found.text());
-  }
-  return {};
-}
-
-std::string polls_are_quick(session& s) {
-  s.need_reader();
-  std::vector<std::chrono::nanoseconds> times;
-  for (int i = 0; i < 8; ++i) {
-    times.push_back(poll_of_a_reader(s).time);
-    s.pause(poll_interval);
-  }
-  std::sort(times.begin(), times.end());
-  const auto median = times[times.size() / 2];
-  const std::string told =
-      "median " + in_milliseconds(median) + ", most " + in_milliseconds(times.back());
-  demand(median < poll_interval, told);
-  return told;
-}
-
-std::string configuration_is_read(session& s) {
-  s.need_reader();
-  succeed(s, function::ReadCfg);
-  return {};
-}
-
-std::string gets_agree(session& s) {
-  s.need_reader();
-  load_configuration(s);
-  std::vector<std::string> sizes;
-  for (const record_kind& kind : kinds) {
-    const record first = get(s, kind.get);
-    demand_same(name_of(kind.get), first, get(s, kind.get));
-    // What is left as it was shows how long the library's own record is.
-    record ones;
-    ones.fill(0xFF);
-    const record over_ones = get(s, kind.get, ones);
-    std::size_t size = first.size();
-    while (size > 0 && first[size - 1] != over_ones[size - 1]) --size;
-    sizes.push_back(name_of(kind.get) + (" " + to_string(size)) + " bytes");
-  }
-  return join(sizes);
-}
-
-std::string get_gives_what_set_was_given(session& s) {
-  s.need_reader();
-  const std::vector<record> before = read_configuration(s);
-  std::size_t index = 0;
-  for (const record_kind& kind : kinds) {
-    for (const record& given : {changed(before[index], kind), before[index]}) {
-      succeed(s, kind.set, 0, 0, given);
-      demand_same(name_of(kind.get), given, get(s, kind.get));
-    }
-    ++index;
-  }
-  return {};
-}
-
-std::string two_beeps(session& s) { return beep(s, 2, 0, "Did it beep twice, shortly?"); }
-std::string long_beep(session& s) { return beep(s, 1, 1, "Did it beep once, for long?"); }
-std::string led_red(session& s) { return led(s, 1, 1, 0, "Is the LED red?"); }
-std::string led_green(session& s) { return led(s, 1, 0, 1, "Is the LED green?"); }
-std::string led_amber(session& s) { return led(s, 1, 1, 1, "Is the LED amber?"); }
-std::string led_off(session& s) { return led(s, 1, 0, 0, "Is the LED off?"); }
-std::string led_own(session& s) {
-  return led(s, 0, 0, 0, "Is the LED as it is when the reader has just been plugged in?");
-}
-
-std::string card_is_reported(session& s) {
-  s.need_reader();
-  s.please("Hold a card up, and keep it there until the next question.");
-  poll found{};
-  demand(s.within_limit([&] { return (found = poll_of_a_reader(s)).has_card(); }), "no card came");
-  s.card_was_there = true;
-  demand(found.bits >= 0 && found.bits <= 256, "its length is " + to_string(found.bits) + " bits");
-  return found.text();
-}
-
-std::string kept_card_is_reported(session& s) {
-  s.need_reader();
-  if (!s.card_was_there) throw could_not_be_tried("no card was there");
-  s.please("Keep the card there, or hold it up again.");
-  demand(s.within_limit([&] { return poll_of_a_reader(s).has_card(); }), "no card came");
-  int polls = 0, reports = 0;
-  for (; polls < 12; ++polls) {
-    s.pause(poll_interval);
-    reports += poll_of_a_reader(s).has_card();
-  }
-  const std::string told = "at " + to_string(reports) + " of " + to_string(polls) + " polls";
-  demand(reports == polls, told);
-  return told;
-}
-
-std::string gone_card_is_gone(session& s) {
-  s.need_reader();
-  if (!s.card_was_there) throw could_not_be_tried("no card was there");
-  s.please("Take the card away.");
-  int polls = 0;
-  const bool gone = s.within_limit([&] {
-    ++polls;
-    return !poll_of_a_reader(s).has_card();
-  });
-  demand(gone, "it was still reported");
-  s.pause(poll_interval);
-  demand(!poll_of_a_reader(s).has_card(), "it came back");
-  return "gone at poll " + to_string(polls);
-}
-
-std::string configuration_is_written(session& s) {
-  prepare_to_write(s);
-  const std::vector<record> before = read_configuration(s);
-  const record given = changed(before[1], flags_kind);
-  s.configuration_changed = true;
-  succeed(s, flags_kind.set, 0, 0, given);
-  const auto told = succeed(s, function::WriteCfg);
-  connect(s, "after WriteCfg: ");
-  demand_same("GetFlags after WriteCfg", given, read_configuration(s)[1]);
-  return in_milliseconds(told.time);
-}
-
-std::string factory_reset(session& s) {
-  prepare_to_write(s);
-  const std::vector<record> before = read_configuration(s);
-  s.configuration_changed = true;
-  const auto told = succeed(s, function::ResetFactoryDflts);
-  connect(s, "after ResetFactoryDflts: ");
-  const std::vector<record> after = read_configuration(s);
+int count_differences(const std::vector<record>& before, const std::vector<record>& after) {
   int fields = 0;
   for (std::size_t i = 0; i < before.size(); ++i) {
     for (std::size_t byte = 0; byte < sizeof(record); byte += 2) {
       fields += field(before[i], byte) != field(after[i], byte);
     }
   }
-  return in_milliseconds(told.time) + "; " + to_string(fields) + " fields changed";
+  return fields;
 }
 
-std::string configuration_is_put_back(session& s) {
-  if (!s.configuration_changed) throw could_not_be_tried("nothing was written");
-  put_back(s, s.saved);
-  s.configuration_changed = false;
-  return {};
-}
-
-std::string pulled_out_reader_fails(session& s) {
-  s.need_reader();
-  s.please("Pull the reader out.");
-  s.was_pulled_out = true;
-  poll found{};
-  demand(s.within_limit([&] { return (found = poll_once(s)).status == 0; }),
-         "polls go on to succeed");
-  std::vector<std::string> told = {"the poll took " + in_milliseconds(found.time),
-                                   s.failure(function::GetQueuedID, found.status)};
-  for (const function what : {function::BeepNow, function::ReadCfg}) {
-    told.push_back(s.failure(what, s.call(what, 1, 0).result));
-  }
-  demand(!s.connect(), "usbConnect still connects");
-  return join(told);
-}
-
-std::string reader_comes_back(session& s) {
-  if (!s.was_pulled_out) throw could_not_be_tried("it was not pulled out");
-  s.please("Plug the reader in again.");
-  connect(s, "");
-  poll_of_a_reader(s);
-  return {};
-}
-
-std::string text_of(const session::saying& each) {
-  return (each.call.empty() ? "between calls" : each.call) + " (" + to_string(each.length) +
-         " bytes" + (each.other_thread ? ", another thread" : "") + ")";
-}
-
-std::string texts_come_during_calls(session& s) {
-  std::set<std::string> right, wrong;
-  for (const session::saying& each : s.said) {
-    if (each.after_removal) continue;
-    (each.call.empty() || each.other_thread ? wrong : right).insert(text_of(each));
-  }
-  demand(wrong.empty(), join({wrong.begin(), wrong.end()}));
-  if (right.empty()) throw could_not_be_tried("the library said nothing");
-  return join({right.begin(), right.end()});
-}
-
-std::string removed_function_is_silent(session& s) {
-  const bool any = !s.said.empty();
-  s.call(function::SetMarkerFunction, 0);
-  s.connect();
-  s.call(function::BeepNow, 1, 0);
-  s.pause(2 * poll_interval);
-  for (const session::saying& each : s.said) demand(!each.after_removal, text_of(each));
-  if (!any) throw could_not_be_tried("the library said nothing before either");
-  return {};
-}
-
-std::string records_keep_their_size(session& s) {
-  demand(s.overruns.empty(), join({s.overruns.begin(), s.overruns.end()}));
-  if (s.times.count("GetFlags") == 0) throw could_not_be_tried("no record was read");
-  return {};
-}
-
-std::string prints_nothing(session& s) {
-  std::vector<std::string> all;
-  for (const auto& [call, text] : s.printed) all.push_back(call + ": " + quoted(text));
-  demand(all.empty(), join(all));
-  return {};
-}
+constexpr bool alone = false, with_reader = true;
 
 }  // namespace
 
 const std::vector<expectation> expectations = {
-    {"every function is there", every_function_is_there},
-    {"SetMarkerFunction sets, removes and sets again", marker_function_comes_and_goes},
-    {"USBDisconnect returns when nothing is connected", disconnect_without_connection},
-    {"usbConnect gives 0 when no reader is plugged in", no_reader_no_connection},
-    {"calls fail while no reader is connected", calls_fail_without_reader},
-    {"GetLastLibErr gives a number after a failure", failure_has_number},
-    {"usbConnect connects the reader", reader_connects},
-    {"the part number stays valid until the next call", part_number_stays},
-    {"a reader that was disconnected connects again", connects_again},
-    {"a poll without a card succeeds, with an ID of zeros", empty_poll},
-    {"a poll takes less than 250 ms", polls_are_quick},
-    {"ReadCfg reads the configuration", configuration_is_read},
-    {"each Get gives the same twice", gets_agree},
-    {"Get gives what Set was given, without WriteCfg", get_gives_what_set_was_given},
-    {"two short beeps are heard", two_beeps},
-    {"a long beep is heard", long_beep},
-    {"the LED turns red", led_red},
-    {"the LED turns green", led_green},
-    {"the LED turns amber", led_amber},
-    {"the LED turns off", led_off},
-    {"the LED goes back to the reader", led_own},
-    {"a card that is held up is reported", card_is_reported},
-    {"a card that is kept there is reported at every poll", kept_card_is_reported},
-    {"a card that was taken away is reported no more", gone_card_is_gone},
-    {"WriteCfg stores the configuration", configuration_is_written},
-    {"ResetFactoryDflts succeeds and leaves a reader", factory_reset},
-    {"the configuration is put back", configuration_is_put_back},
-    {"a poll fails when the reader was pulled out", pulled_out_reader_fails},
-    {"a reader that was plugged in again connects", reader_comes_back},
-    {"texts come during calls, on the caller's thread", texts_come_during_calls},
-    {"no text comes once the marker function is removed", removed_function_is_silent},
-    {"Get and Set write within the 16 bytes of a record", records_keep_their_size},
-    {"nothing is printed on standard output", prints_nothing},
+    {"every function is there", alone,
+     [](session& s) -> std::string {
+       demand(s.missing.empty(), "it lacks " + join(s.missing));
+       return {};
+     }},
+    {"SetMarkerFunction sets, removes and sets again", alone,
+     [](session& s) -> std::string {
+       for (const bool is_set : {true, false, true}) s.call(function::SetMarkerFunction, is_set);
+       return {};
+     }},
+    {"USBDisconnect returns when nothing is connected", alone,
+     [](session& s) -> std::string {
+       s.call(function::USBDisconnect);
+       s.call(function::USBDisconnect);
+       return {};
+     }},
+    {"usbConnect gives 0 when no reader is plugged in", alone,
+     [](session& s) -> std::string {
+       const bool unplugged = has_done(s, "Pull the reader out, if it is plugged in.");
+       const auto is_out = [&] { return !s.connect(); };
+       if (unplugged ? s.within_limit(is_out) : is_out()) return {};
+       s.call(function::USBDisconnect);
+       if (!unplugged) throw could_not_be_tried("a reader is plugged in");
+       throw does_not_hold("usbConnect goes on to connect");
+     }},
+    {"calls fail while no reader is connected", alone,
+     [](session& s) -> std::string {
+       s.call(function::USBDisconnect);
+       std::vector<std::string> wrong;
+       for (const function what : {function::GetQueuedID, function::BeepNow, function::ReadCfg}) {
+         const auto told = s.call(what, 1, 0);
+         if (told.result != 0)
+           wrong.push_back(name_of(what) + (" gives " + to_string(told.result)));
+       }
+       demand(wrong.empty(), join(wrong));
+       return {};
+     }},
+    {"GetLastLibErr gives a number after a failure", alone,
+     [](session& s) -> std::string {
+       if (s.call(function::BeepNow, 1, 0).result != 0) throw could_not_be_tried("no call failed");
+       const std::int64_t number = s.call(function::GetLastLibErr).result;
+       demand(number != 0, "it is 0 after a failed BeepNow");
+       return "it is " + to_string(number) + " after a failed BeepNow";
+     }},
+    {"usbConnect connects the reader", alone,
+     [](session& s) -> std::string {
+       const bool plugged = has_done(s, "Plug the reader in, with no card near it.");
+       if (!s.connect(plugged)) {
+         if (!plugged) throw could_not_be_tried("no reader is plugged in");
+         throw does_not_hold(s.failure(function::usbConnect, 0));
+       }
+       return "GetLastLibErr is " + to_string(s.call(function::GetLastLibErr).result) +
+              " after that";
+     }},
+    {"the part number stays valid until the next call", with_reader,
+     [](session& s) -> std::string {
+       const auto told = s.call(function::getPartNumberString);
+       if (told.is_null) return "it has none (null)";
+       s.pause(poll_interval);
+       const auto later = s.call(function::getPartNumberString_read_again);
+       demand(told.text == later.text,
+              quoted(told.text) + " became " + quoted(later.text) + " without a call");
+       return quoted(told.text);
+     }},
+    {"a reader that was disconnected connects again", with_reader,
+     [](session& s) -> std::string {
+       connect(s, "after USBDisconnect: ");
+       return {};
+     }},
+    {"a poll without a card succeeds, with an ID of zeros", with_reader,
+     [](session& s) -> std::string {
+       for (int i = 0; i < 3; ++i) {
+         const poll found = poll_of_a_reader(s);
+         demand(!found.has_card(), "the ID is " + found.text());
+       }
+       return {};
+     }},
+    {"a poll takes less than 250 ms", with_reader,
+     [](session& s) -> std::string {
+       std::vector<std::chrono::nanoseconds> times;
+       for (int i = 0; i < 8; ++i) {
+         times.push_back(poll_of_a_reader(s).time);
+         s.pause(poll_interval);
+       }
+       std::sort(times.begin(), times.end());
+       const auto median = times[times.size() / 2];
+       const std::string told =
+           "median " + in_milliseconds(median) + ", most " + in_milliseconds(times.back());
+       demand(median < poll_interval, told);
+       return told;
+     }},
+    {"ReadCfg reads the configuration", with_reader,
+     [](session& s) -> std::string {
+       succeed(s, function::ReadCfg);
+       return {};
+     }},
+    {"ReadCfg and each Get give the same twice", with_reader,
+     [](session& s) -> std::string {
+       const std::vector<record> before = read_configuration(s);
+       load_configuration(s);
+       std::vector<std::string> sizes;
+       for (std::size_t i = 0; i < before.size(); ++i) {
+         const record_kind& kind = kinds[i];
+         const record first = get(s, kind.get);
+         demand_same(name_of(kind.get), before[i], first);
+         demand_same(name_of(kind.get), first, get(s, kind.get));
+         // What is left as it was shows how long the library's own record is.
+         record ones;
+         ones.fill(0xFF);
+         const record over_ones = get(s, kind.get, ones);
+         std::size_t size = first.size();
+         while (size > 0 && first[size - 1] != over_ones[size - 1]) --size;
+         sizes.push_back(name_of(kind.get) + (" " + to_string(size)) + " bytes");
+       }
+       return join(sizes);
+     }},
+    {"Get gives what Set was given, without WriteCfg", with_reader,
+     [](session& s) -> std::string {
+       const std::vector<record> before = read_configuration(s);
+       for (std::size_t i = 0; i < before.size(); ++i) {
+         for (const record& given : {changed(before[i], kinds[i]), before[i]}) {
+           succeed(s, kinds[i].set, 0, 0, given);
+           demand_same(name_of(kinds[i].get), given, get(s, kinds[i].get));
+         }
+       }
+       return {};
+     }},
+    {"two short beeps are heard", with_reader, beep(2, 0, "Did it beep twice, shortly?")},
+    {"a long beep is heard", with_reader, beep(1, 1, "Did it beep once, for long?")},
+    {"the LED turns red", with_reader, led(1, 1, 0, "Is the LED red?")},
+    {"the LED turns green", with_reader, led(1, 0, 1, "Is the LED green?")},
+    {"the LED turns amber", with_reader, led(1, 1, 1, "Is the LED amber?")},
+    {"the LED turns off", with_reader, led(1, 0, 0, "Is the LED off?")},
+    {"the LED goes back to the reader", with_reader,
+     led(0, 0, 0, "Is the LED as it is when the reader has just been plugged in?")},
+    {"a card that is held up is reported", with_reader,
+     [](session& s) -> std::string {
+       s.please("Hold a card up, and keep it there until the next question.");
+       poll found{};
+       demand(s.within_limit([&] { return (found = poll_of_a_reader(s)).has_card(); }),
+              "no card came");
+       s.card_was_there = true;
+       demand(found.bits >= 0 && found.bits <= 256,
+              "its length is " + to_string(found.bits) + " bits");
+       return found.text();
+     }},
+    {"a card that is kept there is reported at every poll", with_reader,
+     [](session& s) -> std::string {
+       need_card(s);
+       s.please("Keep the card there, or hold it up again.");
+       demand(s.within_limit([&] { return poll_of_a_reader(s).has_card(); }), "no card came");
+       const auto begin = clock::now();
+       clock::duration last{0};
+       int polls = 0, reports = 0;
+       for (; polls < 12; ++polls) {
+         s.pause(poll_interval);
+         if (!poll_of_a_reader(s).has_card()) continue;
+         ++reports;
+         last = clock::now() - begin;
+       }
+       const std::string told = "at " + to_string(reports) + " of " + to_string(polls) +
+                                " polls, for " + in_milliseconds(last);
+       demand(reports == polls, told);
+       return told;
+     }},
+    {"a card that was taken away is reported no more", with_reader,
+     [](session& s) -> std::string {
+       need_card(s);
+       s.please("Take the card away.");
+       int polls = 0;
+       const bool gone = s.within_limit([&] {
+         ++polls;
+         return !poll_of_a_reader(s).has_card();
+       });
+       demand(gone, "it was still reported");
+       s.pause(poll_interval);
+       demand(!poll_of_a_reader(s).has_card(), "it came back");
+       return "gone at poll " + to_string(polls);
+     }},
+    {"WriteCfg stores the configuration", alone,
+     [](session& s) -> std::string {
+       prepare_to_write(s);
+       const std::vector<record> before = read_configuration(s);
+       const record given = changed(before[1], flags_kind);
+       s.configuration_changed = true;
+       succeed(s, flags_kind.set, 0, 0, given);
+       const auto told = succeed(s, function::WriteCfg);
+       connect(s, "after WriteCfg: ");
+       demand_same("GetFlags after WriteCfg", given, read_configuration(s)[1]);
+       return in_milliseconds(told.time);
+     }},
+    {"ResetFactoryDflts succeeds and leaves a reader", alone,
+     [](session& s) -> std::string {
+       prepare_to_write(s);
+       const std::vector<record> before = read_configuration(s);
+       s.configuration_changed = true;
+       const auto told = succeed(s, function::ResetFactoryDflts);
+       connect(s, "after ResetFactoryDflts: ");
+       return in_milliseconds(told.time) + "; " +
+              to_string(count_differences(before, read_configuration(s))) + " fields changed";
+     }},
+    {"the configuration is put back", alone,
+     [](session& s) -> std::string {
+       if (!s.configuration_changed) throw could_not_be_tried("nothing was written");
+       put_back(s, s.saved);
+       s.configuration_changed = false;
+       return {};
+     }},
+    {"a poll fails when the reader was pulled out", with_reader,
+     [](session& s) -> std::string {
+       s.please("Pull the reader out.");
+       s.was_pulled_out = true;
+       const auto begin = clock::now();
+       poll found{};
+       demand(s.within_limit([&] { return (found = poll_once(s)).status == 0; }),
+              "polls go on to succeed");
+       std::vector<std::string> told = {
+           in_milliseconds(clock::now() - begin) + " after it was asked for",
+           "the poll took " + in_milliseconds(found.time),
+           s.failure(function::GetQueuedID, found.status)};
+       for (const function what :
+            {function::BeepNow, function::SetLEDCtrl, function::ReadCfg, function::GetFlags}) {
+         told.push_back(s.failure(what, s.call(what, 1, 0).result));
+       }
+       demand(!s.connect(), "usbConnect still connects");
+       return join(told);
+     }},
+    {"a reader that was plugged in again connects", alone,
+     [](session& s) -> std::string {
+       if (!s.was_pulled_out) throw could_not_be_tried("it was not pulled out");
+       s.please("Plug the reader in again.");
+       connect(s, "");
+       poll_of_a_reader(s);
+       return {};
+     }},
+    {"texts come during calls, on the caller's thread", alone,
+     [](session& s) -> std::string {
+       std::set<std::string> right, wrong;
+       for (const session::saying& each : s.said) {
+         if (each.after_removal) continue;
+         (each.call.empty() || each.other_thread ? wrong : right).insert(text_of(each));
+       }
+       demand(wrong.empty(), join({wrong.begin(), wrong.end()}));
+       if (right.empty()) throw could_not_be_tried("the library said nothing");
+       return join({right.begin(), right.end()});
+     }},
+    {"no text comes once the marker function is removed", alone,
+     [](session& s) -> std::string {
+       const bool any = !s.said.empty();
+       s.call(function::SetMarkerFunction, 0);
+       s.connect();
+       s.call(function::BeepNow, 1, 0);
+       s.pause(2 * poll_interval);
+       for (const session::saying& each : s.said) demand(!each.after_removal, text_of(each));
+       if (!any) throw could_not_be_tried("the library said nothing before either");
+       return {};
+     }},
+    {"Get and Set write within the 16 bytes of a record", alone,
+     [](session& s) -> std::string {
+       demand(s.overruns.empty(), join({s.overruns.begin(), s.overruns.end()}));
+       if (s.times.count("GetFlags") == 0) throw could_not_be_tried("no record was read");
+       return {};
+     }},
+    {"nothing is printed on standard output", alone,
+     [](session& s) -> std::string {
+       s.end();  // it may print then, too
+       std::vector<std::string> all;
+       for (const auto& [call, text] : s.printed) all.push_back(call + ": " + quoted(text));
+       demand(all.empty(), join(all));
+       return {};
+     }},
 };
 
 std::vector<record> read_configuration(session& s) {

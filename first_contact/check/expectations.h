@@ -1,6 +1,7 @@
 // What the agent expects of a reader library, a row each.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,8 +11,9 @@ namespace first_contact {
 
 struct expectation {
   const char* name;
+  bool needs_reader;  // connected
   // Tries it. Returns what is worth knowing besides, or throws does_not_hold or could_not_be_tried.
-  std::string (*attempt)(session&);
+  std::function<std::string(session&)> attempt;
 };
 extern const std::vector<expectation> expectations;
 

@@ -86,6 +86,7 @@ void print(const finding& found) {
 
 finding look_at(const expectation& row, session* s) {
   try {
+    if (row.needs_reader) s->need_reader();
     return {row.name, "holds", row.attempt(*s)};
   } catch (const does_not_hold& why) {
     return {row.name, "does not hold", why.what()};
@@ -96,13 +97,10 @@ finding look_at(const expectation& row, session* s) {
 
 void print_times(const session& s) {
   std::printf("\n%-32s %6s %12s %12s %12s\n", "milliseconds", "calls", "least", "median", "most");
-  for (auto [call, times] : s.times) {
-    std::sort(times.begin(), times.end());
-    const auto in_ms = [](std::chrono::nanoseconds t) {
-      return static_cast<double>(t.count()) / 1e6;
-    };
-    std::printf("%-32s %6zu %12.3f %12.3f %12.3f\n", call.c_str(), times.size(),
-                in_ms(times.front()), in_ms(times[times.size() / 2]), in_ms(times.back()));
+  for (const auto& [call, times] : s.times) {
+    const timing time = timing_of(times);
+    std::printf("%-32s %6zu %12.3f %12.3f %12.3f\n", call.c_str(), times.size(), time.least,
+                time.median, time.most);
   }
 }
 

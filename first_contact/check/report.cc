@@ -13,6 +13,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "quoted.h"
+
 extern char** environ;
 
 namespace first_contact {
@@ -66,8 +68,16 @@ std::string system_name() {
   return version.empty() ? text : "macOS " + version + ", " + text;
 }
 
-double to_milliseconds(std::chrono::nanoseconds time) {
-  return static_cast<double>(time.count()) / 1e6;
+// Elements or members, a line each, between the two brackets.
+template <typename All, typename F>
+std::string list(const char* brackets, const All& all, const F& text_of) {
+  std::string text(1, brackets[0]);
+  const char* separator = "\n    ";
+  for (const auto& each : all) {
+    text += separator + text_of(each);
+    separator = ",\n    ";
+  }
+  return text + "\n  " + brackets[1];
 }
 
 }  // namespace
@@ -81,47 +91,46 @@ std::string digest_of(const std::string& path) {
   return {};
 }
 
+timing timing_of(std::vector<std::chrono::nanoseconds> times) {
+  std::sort(times.begin(), times.end());
+  const auto in_ms = [](std::chrono::nanoseconds time) {
+    return static_cast<double>(time.count()) / 1e6;
+  };
+  return {in_ms(times.front()), in_ms(times[times.size() / 2]), in_ms(times.back())};
+}
+
 void write_report(const std::string& path, const session& s, const std::vector<finding>& findings) {
-  std::ostringstream text;
   const std::string& library = s.chosen.library;
-  text << "{\n  \"report\": \"library-check 1\",\n  \"library\": "
+  const auto text_of_finding = [](const finding& each) {
+    return "{\"name\": " + json(each.name) + ", \"outcome\": " + json(each.outcome) +
+           ", \"detail\": " + json(each.detail) + "}";
+  };
+  const auto text_of_times = [](const auto& each) {
+    const timing time = timing_of(each.second);
+    std::ostringstream text;
+    text << json(each.first) << ": {\"calls\": " << each.second.size()
+         << ", \"least\": " << time.least << ", \"median\": " << time.median
+         << ", \"most\": " << time.most << "}";
+    return text.str();
+  };
+  const auto text_of_saying = [](const session::saying& each) {
+    return "{\"call\": " + json(each.call) + ", \"length\": " + std::to_string(each.length) +
+           ", \"other_thread\": " + (each.other_thread ? "true" : "false") +
+           ", \"after_removal\": " + (each.after_removal ? "true" : "false") + "}";
+  };
+  const auto text_of_print = [](const auto& each) {
+    return json(each.first) + ": " + json(virtual_reader::quoted(each.second));
+  };
+  std::ofstream file(path);
+  file << "{\n  \"report\": \"library-check 1\",\n  \"library\": "
        << json(library.substr(library.rfind('/') + 1))
        << ",\n  \"sha256\": " << json(digest_of(library))
-       << ",\n  \"system\": " << json(system_name());
-  const char* separator = "";
-  text << ",\n  \"expectations\": [";
-  for (const finding& each : findings) {
-    text << separator << "\n    {\"name\": " << json(each.name)
-         << ", \"outcome\": " << json(each.outcome) << ", \"detail\": " << json(each.detail) << "}";
-    separator = ",";
-  }
-  text << "\n  ],\n  \"milliseconds\": {";
-  separator = "";
-  for (auto [call, times] : s.times) {
-    std::sort(times.begin(), times.end());
-    text << separator << "\n    " << json(call) << ": {\"calls\": " << times.size()
-         << ", \"least\": " << to_milliseconds(times.front())
-         << ", \"median\": " << to_milliseconds(times[times.size() / 2])
-         << ", \"most\": " << to_milliseconds(times.back()) << "}";
-    separator = ",";
-  }
-  text << "\n  },\n  \"said\": [";
-  separator = "";
-  for (const session::saying& each : s.said) {
-    text << separator << "\n    {\"call\": " << json(each.call) << ", \"length\": " << each.length
-         << ", \"other_thread\": " << (each.other_thread ? "true" : "false")
-         << ", \"after_removal\": " << (each.after_removal ? "true" : "false") << "}";
-    separator = ",";
-  }
-  text << "\n  ],\n  \"printed\": {";
-  separator = "";
-  for (const auto& [call, printed] : s.printed) {
-    text << separator << "\n    " << json(call) << ": " << json(quoted(printed));
-    separator = ",";
-  }
-  text << "\n  }\n}\n";
-  std::ofstream file(path);
-  file << text.str() << std::flush;
+       << ",\n  \"system\": " << json(system_name())
+       << ",\n  \"expectations\": " << list("[]", findings, text_of_finding)
+       << ",\n  \"milliseconds\": " << list("{}", s.times, text_of_times)
+       << ",\n  \"said\": " << list("[]", s.said, text_of_saying)
+       << ",\n  \"printed\": " << list("{}", s.printed, text_of_print) << "\n}\n"
+       << std::flush;
   if (!file) throw std::system_error(errno, std::generic_category(), path);
 }
 

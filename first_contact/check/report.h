@@ -12,6 +12,12 @@ struct finding {
   std::string name, outcome, detail;  // outcome: holds, does not hold, could not be tried
 };
 
+// In milliseconds, of one call or more.
+struct timing {
+  double least, median, most;
+};
+timing timing_of(std::vector<std::chrono::nanoseconds> times);
+
 // The SHA-256 of the file in hexadecimal, made by the system's own tool; empty if it has none.
 std::string digest_of(const std::string& path);
 

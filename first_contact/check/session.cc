@@ -83,16 +83,6 @@ bool wait_for(int one, int other, clock::time_point until, bool may_interrupt) {
 
 }  // namespace
 
-std::string quoted(const std::string& text) {
-  std::string all = "\"";
-  for (const char c : text) {
-    char code[5];
-    std::snprintf(code, sizeof code, c >= ' ' && c <= '~' ? "%c" : "\\x%02X", c & 0xFF);
-    all += (c == '"' || c == '\\' ? "\\" : "") + std::string(code);
-  }
-  return all + '"';
-}
-
 session::session(options given) : chosen(std::move(given)), person_is_there(chosen.person) {
   deaf();
   start();
@@ -155,19 +145,19 @@ void session::start() {
   }
 }
 
-// Lets the process end by itself for a moment, since the library may have to let go of a reader.
-// Returns how it ended.
 int session::end() {
   int status = 0;
   if (process < 0) return status;
   close(std::exchange(control, -1));
-  close(std::exchange(output, -1));
   received.clear();
   const auto until = clock::now() + std::chrono::seconds(1);
   while (waitpid(process, &status, WNOHANG) == 0) {
     if (clock::now() >= until) kill(process, SIGKILL);
+    drain("its end");
     usleep(1000);
   }
+  drain("its end");
+  close(std::exchange(output, -1));
   process = -1;
   return status;
 }
@@ -178,7 +168,6 @@ bool session::wait_for_library(clock::time_point until, bool may_interrupt) {
   const ssize_t count = recv(control, bytes, sizeof bytes, MSG_DONTWAIT);
   if (count > 0) received.append(bytes, static_cast<std::size_t>(count));
   if (count == 0) {
-    drain("the end");
     const int status = end();
     throw does_not_hold(WIFSIGNALED(status)
                             ? "ended the process: " + std::string(strsignal(WTERMSIG(status)))

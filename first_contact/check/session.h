@@ -25,9 +25,6 @@ struct could_not_be_tried : std::runtime_error {
 // SIGINT, SIGTERM or SIGHUP came.
 struct interrupted : std::exception {};
 
-// The text in double quotes, with \xNN for what is not printable.
-std::string quoted(const std::string& text);
-
 class session {
  public:
   struct options {
@@ -85,6 +82,10 @@ class session {
   // Asks the person; throws could_not_be_tried when nobody answers.
   bool is_it_so(const std::string& question);
 
+  // Lets the process end by itself for a moment, since the library may have to let go of a reader.
+  // Returns how it ended. A call after that starts another.
+  int end();
+
   // From now on signals are noted, but interrupt nothing.
   void hold_out() { holds_out = true; }
 
@@ -100,7 +101,6 @@ class session {
 
  private:
   void start();
-  int end();
   // Waits for bytes or the end of either descriptor; false when neither came in time.
   bool wait_for_library(std::chrono::steady_clock::time_point until, bool may_interrupt);
   void drain(const std::string& call);

@@ -56,7 +56,8 @@ FAULTS = {
     "gives an empty ID a length": ("", "a poll without a card succeeds, with an ID of zeros"),
     "polls slowly": ("", "a poll takes less than 250 ms"),
     "does not read": ("", "ReadCfg reads the configuration"),
-    "gives another value at first": ("", "each Get gives the same twice"),
+    "gives another value at first": ("", "ReadCfg and each Get give the same twice"),
+    "reads another value for once": ("", "ReadCfg and each Get give the same twice"),
     "forgets fields": ("", "Get gives what Set was given, without WriteCfg"),
     "crashes in a long beep": ("", "a long beep is heard"),
     "beeps shortly only": ("person", "a long beep is heard"),
@@ -76,6 +77,7 @@ FAULTS = {
     "writes 18 bytes": ("", "Get and Set write within the 16 bytes of a record"),
     "writes before a record": ("", "Get and Set write within the 16 bytes of a record"),
     "prints": ("", "nothing is printed on standard output"),
+    "prints at its end": ("", "nothing is printed on standard output"),
 }
 
 
