@@ -19,6 +19,7 @@ function(kit_page FROM TO)
       build/library-check=bin/library-check
       build/virtual-reader=bin/virtual-reader
       build/CardReaderAgent.app=CardReaderAgent.app
+      build/recorder/CardReaderAgent.app=CardReaderAgent.app
       virtual_reader/README.md=docs/virtual-reader.md
       virtual_reader/scenarios/=scenarios/
       virtual_reader/screen/screen=bin/screen/screen
