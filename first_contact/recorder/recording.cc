@@ -27,21 +27,27 @@ std::string system_and_time() {
          "\n# from " + text + "\n";
 }
 
-bool is_file(const std::string& path) {
+mode_t mode_of(const std::string& path) {
   struct stat found {};
-  return stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
+  stat(path.c_str(), &found);
+  return found.st_mode;
 }
 
 // An agent that is started again finds its recording of before: NAME, NAME.2, NAME.3, ...
 int create(const std::string& path) {
   constexpr int most = 10'000;
-  // Anything but a file is taken as it is; a pipe that nobody reads must not make the agent wait.
   constexpr int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   for (int number = 1; number <= most; ++number) {
     const std::string name = number == 1 ? path : path + "." + std::to_string(number);
     const int made = open(name.c_str(), flags | O_CREAT | O_EXCL, 0666);
     if (made >= 0 || errno != EEXIST) return made;
-    if (!is_file(name)) return open(name.c_str(), flags);
+    const mode_t mode = mode_of(name);
+    if (S_ISREG(mode)) continue;
+    // What is no file, a terminal say, is taken as it is. But who stops reading a pipe would end
+    // the agent.
+    if (!S_ISFIFO(mode) && !S_ISSOCK(mode)) return open(name.c_str(), flags);
+    errno = ENOTSUP;
+    return -1;
   }
   return -1;
 }
