@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "record_text.h"
+#include "record.h"
 
 namespace virtual_reader {
 
@@ -43,7 +43,7 @@ std::string ended_text(const call& done, bool has_failed) {
   text.has_result = done.kind != no_result;
   if (done.kind == status_result) text.values = {has_failed ? 0 : 1};
   text.has_text = done.kind == text_result;
-  if (!done.result.texts.empty()) text.text = done.result.texts[0];
+  if (!done.result.texts.empty()) text.text = done.result.texts[0].substr(0, record::longest);
   const bool has_record = done.extras.size() == 8 && !has_failed;
   if (has_record || done.kind == number_result) {
     text.values.insert(text.values.end(), done.extras.begin(), done.extras.end());

@@ -150,7 +150,8 @@ std::optional<std::string> device::answer(int socket, call* asked) {
   for (const rule& each : due) {
     if (each.what != rule::kind::say) continue;
     change([&](reader& r) {
-      r.happened.add(asked->agent, to_text(says_text{each.text, each.length, each.own_thread}));
+      const std::string text = each.text.substr(0, record::longest);
+      r.happened.add(asked->agent, to_text(says_text{text, each.length, each.own_thread}));
     });
     if (!send({{say_message, each.length, each.own_thread}, {each.text}})) cut = not_taken;
   }

@@ -11,6 +11,7 @@ std::size_t bytes_of(const record::entry& e) { return sizeof e + e.text.capacity
 }  // namespace
 
 void record::add(int agent, std::string text, bool is_idle) {
+  if (text.size() > longest) text = text.substr(0, longest) + " ...";
   const std::lock_guard<std::mutex> lock(mutex);
   ++next;
   const bool is_same = !entries.empty() && entries.back().agent == agent &&

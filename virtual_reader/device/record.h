@@ -27,8 +27,11 @@ class record {
     std::uint64_t end() const { return number + count; }
   };
 
+  // In bytes, of an entry's text; what is more is cut off, which " ..." at the end says.
+  static constexpr std::size_t longest = 65536;
+
   // Beyond the limit the oldest entries are dropped, but for one.
-  explicit record(std::size_t limit_in_bytes = std::size_t{8} << 20) : limit(limit_in_bytes) {}
+  explicit record(std::size_t limit_in_bytes = std::size_t{4} << 20) : limit(limit_in_bytes) {}
 
   void add(int agent, std::string text, bool is_idle = false);
 

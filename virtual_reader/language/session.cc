@@ -11,6 +11,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
+std::string shortened(std::string text) {
+  constexpr std::size_t longest = 500;  // that anybody reads
+  return text.size() > longest ? text.replace(longest, std::string::npos, " ...") : text;
+}
+
 std::string line_of(const record::entry& entry) {
   const std::string times = " (" + std::to_string(entry.count) + " times)";
   return to_text(static_cast<const entry_line&>(entry)) + (entry.count > 1 ? times : "");
@@ -78,7 +83,7 @@ void session::show(const std::string& topic) const {
     lines.push_back("last refused: " + line_of(entry));
   }
   for (const std::string& line : lines) {
-    if (line.rfind(topic, 0) == 0) answer(line);
+    if (line.rfind(topic, 0) == 0) answer(shortened(line));
   }
 }
 
@@ -143,12 +148,11 @@ void session::expect(const expectation& what) const {
 }
 
 void session::fail(const std::string& what, std::uint64_t from) const {
-  constexpr std::size_t most = 20, longest = 500;
+  constexpr std::size_t most = 20;
   std::vector<std::string> lines;
   const auto is_wanted = [&](const record::entry& e) { return e.end() > from && !e.is_idle; };
   for (const auto& entry : reader.happened.last(most + 1, is_wanted)) {
-    lines.push_back(line_of(entry));
-    if (lines.back().size() > longest) lines.back().replace(longest, std::string::npos, " ...");
+    lines.push_back(shortened(line_of(entry)));
   }
   if (lines.size() > most) lines.front() = "...";
   throw failed_expectation(what, lines);

@@ -265,7 +265,8 @@ command parse(const std::string& line) {
     if (given.at_end()) return made;
     const std::string blanks = " \t\r";
     const std::size_t start = line.find_first_not_of(blanks);
-    made.text = without_controls(line.substr(start, line.find_last_not_of(blanks) + 1 - start));
+    const std::size_t size = line.find_last_not_of(blanks) + 1 - start;
+    made.text = without_controls(line.substr(start, std::min(size, record::longest + 1)));
     std::string name = given.take();
     if (name == "exit") name = "quit";
     if (name == "card" && !given.at_end() && !given.is_quoted()) name += " " + given.take();

@@ -58,7 +58,7 @@ enum message_kind : std::int64_t {
 
 // The most bytes of a call and of an answer; a peer that announces more is not listened to.
 constexpr std::size_t call_size_limit = 4096;
-constexpr std::size_t telling_size_limit = std::size_t{8} << 20;
+constexpr std::size_t telling_size_limit = std::size_t{1} << 21;
 constexpr std::size_t answer_size_limit = std::size_t{1} << 21;
 
 // Closes what it holds.
