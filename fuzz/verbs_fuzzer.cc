@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   reader.change([&](auto& now) {
     now.unplug(), now.plug(), now.hold({});
-    now.queue.clear(), now.faults.clear();
+    now.queue = {}, now.faults.clear();
     now.part_number.reset();
   });
   return 0;

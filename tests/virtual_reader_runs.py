@@ -331,6 +331,27 @@ class Runs(unittest.TestCase):
         self.assertEqual((following.returncode, err),
                          (2, "virtual-reader: the virtual reader has gone before it was done\n"))
 
+    @unittest.skipUnless("MOST_KIB" in os.environ, "its memory is not its own alone")
+    def test_its_memory_stays_small(self):
+        self.env["VIRTUAL_READER_SOCKET"] = f"{self.folder}/s"
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
+        reader = self.popen(READER, **pipes)
+        text = '"' + r"\xFF" * 1_000_000 + '"'
+        reader.stdin.write(f'part {text}\nfail GetQueuedID always\necho "ready"\n')
+        reader.stdin.flush()
+        self.assertEqual(reader.stdout.readline(), "= ready\n")
+        agent = self.popen(os.environ["AGENT"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
+        reader.stdin.write(("card queue" + " 3AB1234/26" * 1000 + "\n") * 1000)
+        reader.stdin.write('expect fault\nshow\necho "done"\n')
+        reader.stdin.flush()
+        shown = [*iter(reader.stdout.readline, "= done\n")]
+        self.assertIn("= cards queued behind these: 999900\n", shown)
+        status = Path(f"/proc/{reader.pid}/status").read_text(encoding="ascii")
+        most = int(status.partition("VmHWM:")[2].split()[0])
+        self.assertLess(most, int(os.environ["MOST_KIB"]))
+        for process in agent, reader:
+            process.communicate(timeout=60)
+
     @unittest.skipUnless(list(Path("/usr/lib").glob("*/libedit.so.2")), "no line editing is here")
     def test_what_happens_appears_above_the_line_being_typed(self):
         socket = f"{self.folder}/s"

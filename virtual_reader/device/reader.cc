@@ -36,14 +36,13 @@ void reader::release_from(int agent) {
 }
 
 void reader::fetch_card(call* asked) {
-  const bool is_queued = !queue.empty();
+  const bool is_queued = queue.size() > 0;
   asked->is_idle = fetch_was_idle = !is_queued && (!held || held_is_known);
   held_is_known = !is_queued && held;
   if (!is_queued && !held) return;
-  const card_id& id = is_queued ? queue.front() : *held;
+  const card_id id = is_queued ? card_of(queue.pop()) : *held;
   asked->result.numbers = {id.values.begin(), id.values.end()};
   if (!asked->is_idle) happened.add(asked->agent, "card " + id.text);
-  if (is_queued) queue.pop_front();
 }
 
 std::optional<std::int64_t> reader::carry_out(call* asked) {

@@ -1,7 +1,6 @@
 // What a reader is and does, without the world around it: no thread, no lock, no socket.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -10,16 +9,12 @@
 #include <vector>
 
 #include "calls.h"
+#include "cards.h"
 #include "configuration.h"
 #include "record.h"
 #include "rules.h"
 
 namespace virtual_reader {
-
-struct card_id {
-  std::array<std::int64_t, 33> values{};  // its 32 bytes, the least significant first, and its bits
-  std::string text;                       // as the verbs have it
-};
 
 // Agents are told by the numbers of their connections; 0 is none. What happens to the reader goes
 // into the record.
@@ -31,7 +26,7 @@ struct reader {
   int holder = 0;  // the agent that holds it, from its usbConnect to its USBDisconnect or its end
   std::optional<std::string> part_number = "VR-1";
   std::optional<std::string> part_number_told;  // as it was when that agent connected
-  std::deque<card_id> queue;                    // each is fetched once, in order
+  card_queue queue;                             // each is fetched once, in order
   std::optional<card_id> held;                  // is fetched whenever no card is queued
   bool held_is_known = false;                   // the last fetch has found it, and it is recorded
   bool fetch_was_idle = false;                  // the last fetch told nothing new

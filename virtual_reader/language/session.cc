@@ -11,8 +11,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr std::size_t longest = 500;  // that anybody reads of a line
+
 std::string shortened(std::string text) {
-  constexpr std::size_t longest = 500;  // that anybody reads
   return text.size() > longest ? text.replace(longest, std::string::npos, " ...") : text;
 }
 
@@ -59,8 +60,11 @@ void session::show(const std::string& topic) const {
   std::vector<std::string> lines;
   reader.look([&](const virtual_reader::reader& r) {
     lines.push_back(r.plugged ? "plugged in" : "unplugged");
-    lines.push_back("part " + (r.part_number ? quoted(*r.part_number) : "none"));
-    for (const card_id& id : r.queue) lines.push_back("card queued " + id.text);
+    lines.push_back("part " + (r.part_number ? quoted(r.part_number->substr(0, longest)) : "none"));
+    const std::vector<std::string> queued = r.queue.first(100);
+    for (const std::string& card : queued) lines.push_back("card queued " + card);
+    const std::size_t more = r.queue.size() - queued.size();
+    if (more > 0) lines.push_back("cards queued behind these: " + std::to_string(more));
     if (r.held) lines.push_back("card held " + r.held->text);
     lines.push_back("led " + (r.plugged ? r.led : "dark"));
     lines.push_back("beeps " + std::to_string(r.short_beeps) + " short, " +

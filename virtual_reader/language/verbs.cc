@@ -65,16 +65,14 @@ const std::vector<verb> all = {
      }},
     {"card queue", "HEX[/BITS] ...", "cards that are reported once each, in order",
      [](words& w, command* c) {
-       std::vector<card_id> cards;
+       card_queue cards;
        do {
-         cards.push_back(w.take_card());
+         cards.push(w.take_card().text);
        } while (!w.at_end());
-       c->change = [cards](reader& r) {
-         r.queue.insert(r.queue.end(), cards.begin(), cards.end());
-       };
+       c->change = [cards](reader& r) { r.queue.append(cards); };
      }},
     {"card drop", "", "drops the cards that are queued",
-     [](words&, command* c) { c->change = [](reader& r) { r.queue.clear(); }; }},
+     [](words&, command* c) { c->change = [](reader& r) { r.queue = {}; }; }},
     {"card hold", "HEX[/BITS]", "a card that is reported again and again",
      [](words& w, command* c) {
        const card_id id = w.take_card();
@@ -84,15 +82,12 @@ const std::vector<verb> all = {
      [](words&, command* c) { c->change = [](reader& r) { r.hold({}); }; }},
     {"card raw", "BITS VALUE ...", "an ID of up to 32 numbers of any size, reported once",
      [](words& w, command* c) {
-       card_id id;
-       id.values.back() = w.take_number(least, most);
-       id.text = "raw " + std::to_string(id.values.back());
+       std::string card = "raw " + std::to_string(w.take_number(least, most));
        std::size_t count = 0;
        do {
-         id.values[count] = w.take_number(least, most);
-         id.text += " " + std::to_string(id.values[count]);
+         card += " " + std::to_string(w.take_number(least, most));
        } while (!w.at_end() && ++count < 32);
-       c->change = [id](reader& r) { r.queue.push_back(id); };
+       c->change = [card](reader& r) { r.queue.push(card); };
      }},
     {"fail", "CALL [error N] [WHEN]", "lets calls fail",
      [](words& w, command* c) {

@@ -99,18 +99,12 @@ card_id words::take_card() {
   }
   auto bits = 4 * static_cast<std::int64_t>(size);
   if (size < text.size()) bits = to_number(text.substr(size + 1), 1, 256);
-  card_id id;
-  for (std::size_t place = 0; place < size; ++place) {
-    const std::int64_t digit = std::stoi(digits.substr(size - 1 - place, 1), nullptr, 16);
-    id.values[place / 2] |= digit << (place % 2 * 4);
-  }
+  std::transform(digits.begin(), digits.end(), digits.begin(), ::toupper);
+  card_id id = card_of(digits + "/" + std::to_string(bits));
   for (auto bit = static_cast<std::size_t>(bits); bit < 4 * size; ++bit) {
     if (id.values[bit / 8] >> bit % 8 & 1)
       throw bad_line("'" + text + "' does not fit in its bits");
   }
-  id.values.back() = bits;
-  std::transform(digits.begin(), digits.end(), digits.begin(), ::toupper);
-  id.text = digits + "/" + std::to_string(bits);
   return id;
 }
 

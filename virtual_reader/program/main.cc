@@ -1,5 +1,8 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
 #include <fcntl.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <unistd.h>
 
 #include <iostream>
@@ -23,6 +26,9 @@ void fill_standard_streams() {
 int main(int count, char** arguments) try {
   using namespace virtual_reader;
   fill_standard_streams();
+#ifdef __GLIBC__
+  mallopt(M_MMAP_THRESHOLD, 1 << 17);  // large texts go back at once
+#endif
   const auto chosen = parse_options(count, arguments);
   if (!chosen) return wrong_usage;
   if (chosen->help) std::cout << usage;

@@ -180,13 +180,14 @@ bool running::carry_out_input(const session& told) {
   int number = 0;
   start_host();
   const auto report = [this](const std::string& lines) { fail(lines); };
-  std::string read;
+  bool is_cut = false;  // the line before, whose rest is still to be read
   const auto next_line = [&]() -> std::optional<std::string> {
     if (typed_at) return typed_at->next_line();
-    if (read.size() > longest_line)
-      std::cin.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    if (read_line(std::cin, &read)) return read;
-    return {};
+    if (is_cut) std::cin.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    std::string line;
+    if (!read_line(std::cin, &line)) return {};
+    is_cut = line.size() > longest_line;
+    return line;
   };
   for (auto line = next_line(); line && !end.is_set(); line = next_line()) {
     ++number;
