@@ -16,7 +16,7 @@ using lines = std::vector<std::string>;
 
 // Sanitizers make a program some ten times slower.
 #ifdef SANITIZED
-constexpr int scale = 10;
+constexpr int scale = 25;
 #else
 constexpr int scale = 1;
 #endif
