@@ -9,24 +9,30 @@
 
 namespace {
 
+std::string line_of(const action_result& result) {
+  std::string line(result.ok ? std::string_view("Ok:") : "Error:");
+  if (!result.message.empty()) {
+    line += ' ';
+    line += result.message;
+  }
+  return line;
+}
+
+std::string line_for_other_reader(const std::string& wanted, const std::string& attached) {
+  std::string line = "Error: Action was for reader " + wanted;
+  if (attached == global_reader) {
+    line += ", but there is no reader attached";
+  } else {
+    line += ", but the current reader is " + attached;
+  }
+  return line;
+}
+
 // Runs an item if it is meant for the attached reader, and tells the host how it went.
 void run(action& item, const std::string& reader_name) {
-  std::string line;
-  if (item.reader == global_reader || item.reader == reader_name) {
-    action_result result = item.execute_impl();
-    line = result.ok ? "Ok:" : "Error:";
-    if (!result.message.empty()) {
-      line += ' ';
-      line += result.message;
-    }
-  } else {
-    line = "Error: Action was for reader " + item.reader;
-    if (reader_name == global_reader) {
-      line += ", but there is no reader attached";
-    } else {
-      line += ", but the current reader is " + reader_name;
-    }
-  }
+  const bool is_meant = item.reader == global_reader || item.reader == reader_name;
+  std::string line = is_meant ? line_of(item.execute_impl())
+                              : line_for_other_reader(item.reader, reader_name);
   if (!item.silent) globals::out_state().push_line(std::move(line));
 }
 
