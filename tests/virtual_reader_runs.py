@@ -346,6 +346,7 @@ class Runs(unittest.TestCase):
         reader.stdin.flush()
         shown = [*iter(reader.stdout.readline, "= done\n")]
         self.assertIn("= cards queued behind these: 999900\n", shown)
+        self.assertLess(max(map(len, shown)), 520)
         status = Path(f"/proc/{reader.pid}/status").read_text(encoding="ascii")
         most = int(status.partition("VmHWM:")[2].split()[0])
         self.assertLess(most, int(os.environ["MOST_KIB"]))
