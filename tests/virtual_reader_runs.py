@@ -274,6 +274,7 @@ class Runs(unittest.TestCase):
             (outcome('host "a"')[0], 2),
             (outcome('fial\necho "x"', path=False), (1, "= x\n", f"line 1: {wrong}")),
             (outcome('plug\nquit\nbad', path=False), (0, "", "")),
+            (outcome("expect reset within 0", "--stay")[0], 1),
             (outcome("", "--limit", "0")[0], 2),
             (outcome("", "--tell", "plug")[0], 2),
         ]
