@@ -31,8 +31,8 @@ std::string line_for_other_reader(const std::string& wanted, const std::string& 
 // Runs an item if it is meant for the attached reader, and tells the host how it went.
 void run(action& item, const std::string& reader_name) {
   const bool is_meant = item.reader == global_reader || item.reader == reader_name;
-  std::string line = is_meant ? line_of(item.execute_impl())
-                              : line_for_other_reader(item.reader, reader_name);
+  std::string line =
+      is_meant ? line_of(item.execute_impl()) : line_for_other_reader(item.reader, reader_name);
   if (!item.silent) globals::out_state().push_line(std::move(line));
 }
 
