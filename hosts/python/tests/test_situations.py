@@ -51,15 +51,19 @@ def situations():
             lines.append((number, line))
 
 
-def program(kind):
-    if kind == "bundle":
-        return BUNDLE
-    path = tempfile.mkdtemp() + "/agent"
-    if kind != "missing":
-        actions = {"denied": "", "silent": "exec sleep 600", "dies": "echo no library here >&2; exit 13"}
-        Path(path).write_text(f"#!/bin/sh\n{actions[kind]}\n")
-        os.chmod(path, stat.S_IRUSR if kind == "denied" else stat.S_IRWXU)
-    return path
+def programs():
+    """What can take the agent's place, by name. All are made before anything is started: a child that
+    begins while a file is written has it open too for a moment, and that file can't be run.
+    """
+    folder = Path(tempfile.mkdtemp())
+    actions = {"denied": "", "silent": "exec sleep 600", "dies": "echo no library here >&2; exit 13"}
+    for name, action in actions.items():
+        (folder / name).write_text(f"#!/bin/sh\n{action}\n")
+        (folder / name).chmod(stat.S_IRUSR if name == "denied" else stat.S_IRWXU)
+    return {"bundle": BUNDLE, "missing": folder / "missing", **{name: folder / name for name in actions}}
+
+
+PROGRAMS = programs()
 
 
 def command(reader, words):
@@ -158,7 +162,7 @@ class Player:
         if mark == "option":
             self.set_option(*text.split(" ", 1))
         elif mark == "agent":
-            self.path = program(text)
+            self.path = PROGRAMS[text]
         elif mark == "!":
             await asyncio.get_running_loop().run_in_executor(None, self.bench.tell, text)
         elif mark == "start":

@@ -20,6 +20,8 @@ final class SituationTests: XCTestCase {
     }
     XCTAssertGreaterThan(situations.count, 30)
     let chosen = ProcessInfo.processInfo.environment["SITUATION"]
+    let programs = try makePrograms()
+    defer { try? FileManager.default.removeItem(atPath: programs) }
     let failures = await withTaskGroup(of: String?.self) { group in
       var failures: [String] = []
       for (index, situation) in situations.enumerated()
@@ -27,7 +29,7 @@ final class SituationTests: XCTestCase {
         if index >= 6, let failure = await group.next() ?? nil { failures.append(failure) }
         group.addTask {
           do {
-            try await Situation().play(situation.lines)
+            try await Situation(programs).play(situation.lines)
             return nil
           } catch {
             return "\(situation.name): \(error)"
@@ -39,6 +41,16 @@ final class SituationTests: XCTestCase {
     }
     XCTAssert(failures.isEmpty, "\n" + failures.joined(separator: "\n"))
   }
+}
+
+/// What can take the agent's place. All are made before anything is started: a child that begins while
+/// a file is written has it open too for a moment, and that file can't be run.
+private func makePrograms() throws -> String {
+  let folder = try makeFolder()
+  makeScript("\(folder)/denied", "", mode: 0o600)
+  makeScript("\(folder)/silent", "exec sleep 600")
+  makeScript("\(folder)/dies", "echo no library here >&2; exit 13")
+  return folder
 }
 
 private typealias Command = @Sendable (isolated CardReader) async throws -> String
@@ -61,7 +73,7 @@ extension CardReader {
 
 private final class Situation {
   private let virtual: VirtualReader
-  private let folder: String
+  private let programs: String
   private var options = CardReader.Options()
   private var program = agentProgram
   private var reader: CardReader?
@@ -72,14 +84,13 @@ private final class Situation {
   private var cancelled = 0
   private var lastPid: Int32?
 
-  init() async throws {
-    folder = try makeFolder()
+  init(_ programs: String) async throws {
+    self.programs = programs
     virtual = try await startVirtualReader()
     options.env = virtual.env
   }
 
   func play(_ lines: [(number: Int, text: String)]) async throws {
-    defer { try? FileManager.default.removeItem(atPath: folder) }
     do {
       for (number, line) in lines {
         do {
@@ -153,13 +164,9 @@ private final class Situation {
   }
 
   private func choose(_ kind: String) throws {
-    program = "\(folder)/\(kind)"
     switch kind {
     case "bundle": program = bundle
-    case "missing": break
-    case "denied": makeScript(program, "", mode: 0o600)
-    case "silent": makeScript(program, "exec sleep 600")
-    case "dies": makeScript(program, "echo no library here >&2; exit 13")
+    case "missing", "denied", "silent", "dies": program = "\(programs)/\(kind)"
     default: throw Failure("no such agent")
     }
   }
