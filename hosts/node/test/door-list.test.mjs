@@ -51,6 +51,7 @@ describe('the door list', { concurrency: true }, () => {
     await says('00: not listed');
     await virtual.expect('beep short 2');
     await virtual.remove();
+    await virtual.expect('call SetLEDCtrl'); // to red again, so that no command meets the replug
     await virtual.replug();
     await says('searching the reader was connected anew', 'ready');
     await virtual.unplug();
@@ -61,8 +62,10 @@ describe('the door list', { concurrency: true }, () => {
     await says('restarting the agent was ended by SIGKILL', 'starting', 'searching', 'ready');
     await virtual.hang('BeepNow'); // for longer than the watchdog waits
     await virtual.hold('CDAB1234');
-    await says('Grace, come in', 'restarting the agent hangs');
-    await virtual.remove();
+    await says('Grace, come in');
+    await virtual.expect('begins BeepNow');
+    await virtual.remove(); // in time for the agent that comes next
+    await says('restarting the agent hangs');
     await virtual.release();
     await says('starting', 'searching', 'ready');
     process.kill(-program.pid, 'SIGINT');
