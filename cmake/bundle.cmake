@@ -3,7 +3,7 @@
 
 set(PCPROX_API_LIBRARY "" CACHE FILEPATH
   "The reader maker's library, to bundle in place of the virtual reader's")
-option(CARD_READER_RECORDER "Record the library's calls: see docs/first-contact.md" OFF)
+option(CARD_READER_RECORDER "Record the library's calls: see docs/bring-up.md" OFF)
 set(example_identifier local.card-reader-agent)
 set(CARD_READER_BUNDLE_IDENTIFIER ${example_identifier} CACHE STRING
   "The bundle's identifier; who ships the agent puts theirs")

@@ -6,7 +6,7 @@
 
 #include "fuzzing.h"
 #include "replay.h"
-#include "to_verbs.h"
+#include "to_scenario.h"
 #include "verbs.h"
 
 namespace {
@@ -61,11 +61,11 @@ void play_as_it_was(const std::vector<recorded_call>& calls) {
               "a poll finds the card that it found");
     }
   }
-  require(!same.has_told("recording parts"), "who does the same does not part with it");
+  require(!same.has_told("replay diverged"), "who does the same does not part with it");
   recorded_call another;
   another.name = "GetLastLibErr";
   same.make(another);
-  require(same.has_told("recording ended"), "it has an end");
+  require(same.has_told("replay ended"), "it has an end");
 }
 
 void play_otherwise(const std::vector<recorded_call>& calls) {
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(fewer.size() <= calls.size(), "nothing is made up");
   const bool hangs = !calls.empty() && !calls.back().has_ended;
   require(!hangs || !fewer.back().has_ended, "what hangs is not left out");
-  for (const std::string& line : to_verbs(calls)) parse(line);
+  for (const std::string& line : to_scenario(calls)) parse(line);
   play_as_it_was(calls);
   play_otherwise(fewer);
   return 0;

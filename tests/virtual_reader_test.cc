@@ -203,7 +203,7 @@ TEST(VirtualReader, EndsWhateverThoseDoWhoTellIt) {
   told = &reader;
   for (int i = 0; i < 20'000; ++i) reader.happened.add(0, "led " + std::to_string(i));
   std::vector<std::unique_ptr<descriptor>> peers;
-  for (const std::string verb : {"expect reset within 60000", "record follow 20000"}) {
+  for (const std::string verb : {"expect reset within 60000", "events follow 20000"}) {
     peers.push_back(std::make_unique<descriptor>(connect_to(folder.path + "/socket")));
     const int peer = peers.back()->number;
     ASSERT_TRUE(exchange_greetings(peer, teller_greeting));
@@ -232,7 +232,7 @@ TEST(VirtualReader, IsHeldByOneAgentAtATime) {
   second.disconnect();
   EXPECT_EQ(first->connect(), 1);
   first.reset();
-  EXPECT_EQ(tell(*reader, "expect agent gone"), "");
+  EXPECT_EQ(tell(*reader, "expect agent detached"), "");
   EXPECT_EQ(second.connect(), 1) << "given up by its end";
   reader.reset();
   EXPECT_EQ(second.beep(), 0) << "pulled out by its end";
@@ -311,7 +311,7 @@ TEST(VirtualReader, SaysWhatIsWrongWithALine) {
       {"part \"" + std::string(1'000'001, 'x') + '"', "the text is longer than a million bytes"},
       {"fail BeepNow at 0", "'0' is no number from 1"},
       {"fail BeepNow once once", "right would be: fail CALL"},
-      {R"(host "a\nb")", "a command is one line"},
+      {R"(send "a\nb")", "a command is one line"},
       {"again", "only a file can begin anew"},
       {"quit \"\"", "right would be: quit"},
       {"expect led gren", "no entry of the record has 'gren' there, did you mean 'green'?"},
@@ -386,7 +386,7 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
         {"unplug", ""},
         {"led", "led dark"},
         {"plug", ""},
-        {"led", "led own"}}},  // it was not written
+        {"led", "led auto"}}},  // it was not written
       {"configuration",
        {{".write", "1"},
         {"replug", ""},
@@ -395,9 +395,9 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
         {"config", stored},
         {".connect", "1"},
         {".reset", "1"},
-        {"led", "led own"},
+        {"led", "led auto"},
         {"expect reset within 0", ""},
-        {"expect led own within 0", ""}}},
+        {"expect led auto within 0", ""}}},
       {"failures",
        {{"fail BeepNow error 7 at 2", ""},
         {".beep", "1"},
@@ -440,7 +440,7 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
        {{"delay BeepNow 60000", ""},
         {"delay BeepNow 30", ""},  // in place of that
         {".beep", "1"},
-        {"expect begins BeepNow within 0", ""},
+        {"expect enter BeepNow within 0", ""},
         {"expect call BeepNow within 0", ""}}},
   };
   for (const auto& [what, steps] : rows) {
@@ -486,7 +486,7 @@ TEST(VirtualReader, RecordsWhatHappensInOrder) {
     library.poll();
     library.poll();
     std::thread beeping([&] { EXPECT_EQ(library.beep(), 1); });
-    EXPECT_EQ(tell(reader, "expect begins BeepNow"), "");
+    EXPECT_EQ(tell(reader, "expect enter BeepNow"), "");
     lines shown;
     EXPECT_EQ(tell(reader, "show", nullptr, &shown), "");
     EXPECT_EQ(shown[4], "hang BeepNow once");
@@ -495,9 +495,9 @@ TEST(VirtualReader, RecordsWhatHappensInOrder) {
     tell(reader, "release");
     beeping.join();
   }
-  ASSERT_EQ(tell(reader, "expect agent gone"), "");
+  ASSERT_EQ(tell(reader, "expect agent detached"), "");
   lines came;
-  ASSERT_EQ(tell(reader, "record all 100", nullptr, &came), "");
+  ASSERT_EQ(tell(reader, "events all 100", nullptr, &came), "");
   for (std::string& line : came) {
     line.erase(0, line.find(' ') + 1);
     line.erase(std::min(line.rfind(" ("), line.size()));
@@ -506,7 +506,7 @@ TEST(VirtualReader, RecordsWhatHappensInOrder) {
   EXPECT_EQ(came, (lines{"- verb card hold 3/2 # held",
                          "- verb say BeepNow \"a\\n\" length 1",
                          "- verb hang BeepNow times 2",
-                         "1 agent came",
+                         "1 agent attached",
                          "1 call SetMarkerFunction 1",
                          "1 call USBDisconnect",
                          "1 connected",
@@ -516,20 +516,20 @@ TEST(VirtualReader, RecordsWhatHappensInOrder) {
                          "- verb card remove",
                          "1 call GetQueuedID 1 0 -> 1",
                          "1 fault hang BeepNow",
-                         "1 begins BeepNow 1 0",
+                         "1 enter BeepNow 1 0",
                          "1 says \"a\\n\" length 1",
                          "- verb release",
                          "1 beep short 1",
                          "1 call BeepNow 1 0 -> 1",
                          "1 disconnected",
-                         "1 agent gone"}));
+                         "1 agent detached"}));
 }
 
 TEST(VirtualReader, ExpectsEntriesBehindItsCursor) {
   const scratch_folder folder;
   device reader(folder.path + "/socket");
-  const lines entries = {"led red",           "beep short 20",     "card 3AB1234/26", "led red",
-                         "call X -> \"a b\"", "host < Log: a \"b", "led green"};
+  const lines entries = {"led red",           "beep short 20",       "card 3AB1234/26", "led red",
+                         "call X -> \"a b\"", "received Log: a \"b", "led green"};
   for (const std::string& entry : entries) reader.happened.add(1, entry);
   const struct {
     std::string pattern;
@@ -541,7 +541,7 @@ TEST(VirtualReader, ExpectsEntriesBehindItsCursor) {
       {"led red", 5},
       {"card 3AB1234/26", 5},
       {"call \"a b\"", 6},
-      {"host < Log: \"a \\\"b\"", 7},
+      {"received Log: \"a \\\"b\"", 7},
       {"no led green", 7},
       {"no led red", 7},
       {"led green", 8},
@@ -582,7 +582,7 @@ TEST(VirtualReader, KeepsARecordOfABoundedSize) {
 TEST(VirtualReader, ReadsBackWhatItWrites) {
   for (const std::string text :
        {"call BeepNow 2 0 -> 1", "call SetMarkerFunction 1", "call getPartNumberString -> null",
-        "call getPartNumberString -> \"a\\n\\\" (1.000 ms)\" (12.345 ms)", "begins BeepNow -1 0",
+        "call getPartNumberString -> \"a\\n\\\" (1.000 ms)\" (12.345 ms)", "enter BeepNow -1 0",
         "call GetFlags -> 1 200 -9223372036854775808 (1500.123 ms)"}) {
     const auto read = parse_call(text);
     ASSERT_TRUE(read) << text;

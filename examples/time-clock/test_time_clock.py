@@ -1,4 +1,4 @@
-"""The time clock, without a reader on the desk. $KIT is the folder of the development kit."""
+"""The time clock, without a reader on the desk. $SDK is the folder of the SDK."""
 
 import os
 import subprocess
@@ -8,8 +8,8 @@ import unittest
 from card_reader_agent.testing import VirtualReader
 from time_clock import TimeClock
 
-KIT = os.environ["KIT"]
-CLOCK = [sys.executable, "time_clock.py", f"{KIT}/CardReaderAgent.app"]
+SDK = os.environ["SDK"]
+CLOCK = [sys.executable, "time_clock.py", f"{SDK}/CardReaderAgent.app"]
 
 
 class TimeClockTest(unittest.TestCase):
@@ -20,7 +20,7 @@ class TimeClockTest(unittest.TestCase):
         self.assertEqual([clock.booked(card) for card in cards], expected)
 
     def test_a_card_and_a_loose_plug(self):
-        with VirtualReader(f"{KIT}/bin/virtual-reader") as reader:
+        with VirtualReader(f"{SDK}/bin/virtual-reader") as reader:
             clock = subprocess.Popen(CLOCK, env=reader.env, stdout=subprocess.PIPE, text=True)
             self.addCleanup(clock.communicate)
             self.addCleanup(clock.kill)
@@ -30,7 +30,7 @@ class TimeClockTest(unittest.TestCase):
             reader.expect("beep short 1")
             self.assertEqual(clock.stdout.readline(), "Ada comes\n")
             reader.remove()
-            reader.expect("led own")
+            reader.expect("led auto")
             reader.replug()
             reader.expect("config tsCfgFlags2.bBeepID=0")
             reader.queue("DEADBEEF/32")

@@ -7,7 +7,7 @@ import asyncio
 import sys
 from contextlib import suppress
 
-from card_reader_agent import Card, CardGone, CardReader, CardReaderError
+from card_reader_agent import Card, CardRemoved, CardReader, CardReaderError
 
 PEOPLE = {"3AB1234": "Ada", "0FAB1234": "Grace"}
 
@@ -35,7 +35,7 @@ class TimeClock:
                         print(booking or f"nobody has card {event.id}", flush=True)
                         await reader.set_led("green" if booking else "red")
                         await reader.beep(1, "short" if booking else "long")
-                    elif isinstance(event, CardGone):
+                    elif isinstance(event, CardRemoved):
                         await reader.clear_led()
 
 

@@ -63,7 +63,7 @@ void device::serve(int socket) {
     why = "it speaks protocol version " + std::to_string(peer->version) +
           ", this virtual reader version " + std::to_string(protocol_version);
   }
-  const std::string came = why.empty() ? "agent came" : "agent refused: " + why;
+  const std::string came = why.empty() ? "agent attached" : "agent refused: " + why;
   int agent = 0;
   change([&](reader& r) {
     if (is_teller || ending) return;
@@ -89,7 +89,7 @@ void device::serve_agent(int socket, int agent) {
     if (!fault.empty() && !was_cut) r.happened.add(agent, "agent refused: " + fault);
     r.release_from(agent);
     r.agents.erase(agent);
-    r.happened.add(agent, "agent gone");
+    r.happened.add(agent, "agent detached");
   });
 }
 

@@ -8,7 +8,7 @@ namespace {
 
 template <typename T>
 std::string led_text(const T* record) {
-  if (record[0] == 0) return "own";
+  if (record[0] == 0) return "auto";
   if (record[1] != 0) return record[2] != 0 ? "amber" : "red";
   return record[2] != 0 ? "green" : "off";
 }

@@ -32,7 +32,7 @@ struct reader {
   bool fetch_was_idle = false;                  // the last fetch told nothing new
   std::int64_t short_beeps = 0, long_beeps = 0;
   configuration stored = factory_defaults;
-  std::string led = "own";  // red, green, amber, off, or own when the reader itself rules over it
+  std::string led = "auto";  // red, green, amber, off, or own when the reader itself rules over it
   rules faults;
   bool id_questions_wanted = false;  // calls of GetQueuedID_index, beyond those with a rule
 

@@ -115,7 +115,7 @@ std::optional<entry_line> parse_entry(const std::string& line) {
 }
 
 std::string to_text(const call_text& call) {
-  std::string text = (call.has_ended ? "call " : "begins ") + call.name;
+  std::string text = (call.has_ended ? "call " : "enter ") + call.name;
   const auto append = [&](const std::vector<std::int64_t>& numbers) {
     for (const std::int64_t number : numbers) text += " " + std::to_string(number);
   };
@@ -130,7 +130,7 @@ std::string to_text(const call_text& call) {
 std::optional<call_text> parse_call(const std::string& entry_text) {
   scanner left(entry_text);
   call_text call;
-  call.has_ended = !left.take_if("begins ");
+  call.has_ended = !left.take_if("enter ");
   if (call.has_ended) left.take("call ");
   call.name = left.take_word();
   call.arguments = left.take_numbers();

@@ -19,7 +19,7 @@ struct entry_line {
 std::string to_text(const entry_line&);
 std::optional<entry_line> parse_entry(const std::string& line);
 
-// `call NAME ARGS -> RESULT VALUES (TIME ms)`, or `begins NAME ARGS`.
+// `call NAME ARGS -> RESULT VALUES (TIME ms)`, or `enter NAME ARGS`.
 struct call_text {
   std::string name;
   std::vector<std::int64_t> arguments;

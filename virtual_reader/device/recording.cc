@@ -38,7 +38,7 @@ std::string text_of(const card_id& id) {
 
 bool is_of_a_call(const std::string& entry) {
   const std::string kind = entry.substr(0, entry.find(' '));
-  return kind == "call" || kind == "begins" || kind == "says";
+  return kind == "call" || kind == "enter" || kind == "says";
 }
 
 // Reads entry after entry; what belongs to a call before it goes there.

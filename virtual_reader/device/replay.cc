@@ -50,7 +50,7 @@ void replay::drop(std::size_t index) {
 
 // Said once for each time that the two part.
 void replay::part(const call& asked, reader* playing, const std::string& how) {
-  if (in_step) playing->happened.add(asked.agent, "recording parts: " + how);
+  if (in_step) playing->happened.add(asked.agent, "replay diverged: " + how);
   in_step = false;
 }
 
@@ -79,7 +79,7 @@ void replay::go_on(const call& asked, reader* playing) {
     part(asked, playing, "there was no more " + asked.name);
   } else if (!has_ended && !(is_poll && must_wait(calls.size(), asked, playing))) {
     has_ended = true;
-    playing->happened.add(asked.agent, "recording ended");
+    playing->happened.add(asked.agent, "replay ended");
   }
 }
 

@@ -31,22 +31,22 @@ std::chrono::milliseconds take_limit(words* given, std::chrono::milliseconds usu
 
 const std::vector<std::string>& pattern::kinds() {
   static const std::vector<std::string> all = {
-      "agent",     "beep",         "begins", "call", "card",      "config",
-      "connected", "disconnected", "fault",  "host", "input",     "led",
-      "plugged",   "recording",    "reset",  "says", "unplugged", "verb"};
+      "agent",        "beep",  "call",  "card",  "command",   "config",  "connected",
+      "disconnected", "enter", "fault", "input", "led",       "plugged", "received",
+      "replay",       "reset", "says",  "sent",  "unplugged", "verb"};
   return all;
 }
 
 std::vector<std::string> pattern::details_of(const std::string& kind) {
-  if (kind == "agent") return {"came", "gone", "refused:"};
+  if (kind == "agent") return {"attached", "detached", "refused:"};
   if (kind == "beep") return {"long", "short"};
-  if (kind == "begins" || kind == "call") return call_names;
+  if (kind == "enter" || kind == "call") return call_names;
   if (kind == "fault") return {"delay", "fail", "hang", "vanish"};
-  if (kind == "host") return {"<", ">", "ended"};
+  if (kind == "command") return {"exited"};
   if (kind == "input") return {"ended"};
-  if (kind == "led") return {"amber", "green", "off", "own", "red"};
+  if (kind == "led") return {"amber", "auto", "green", "off", "red"};
   if (kind == "plugged") return {"in"};
-  if (kind == "recording") return {"ended", "parts:"};
+  if (kind == "replay") return {"diverged:", "ended"};
   return {};
 }
 

@@ -93,7 +93,7 @@ void session::show(const std::string& topic) const {
 
 void session::show_record(std::size_t most, bool with_polls, bool follows) const {
   const auto is_wanted = [&](const record::entry& e) { return with_polls || !e.is_idle; };
-  if (follows && !outside.may_follow) throw bad_line("only --tell can follow; try `trace on`");
+  if (follows && !outside.may_follow) throw bad_line("only --execute can follow; try `trace on`");
   std::uint64_t next = reader.happened.end();
   for (const auto& entry : reader.happened.last(most, is_wanted)) {
     answer(line_of(entry));

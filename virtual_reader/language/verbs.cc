@@ -147,7 +147,7 @@ const std::vector<verb> all = {
        const std::uint64_t wanted = w.at_end() ? 20 : take_count(w);
        c->act = [wanted](const session& s) { s.show_calls(wanted); };
      }},
-    {"record", "[follow] [all] [N]", "the last N entries of the record; all: polls too",
+    {"events", "[follow] [all] [N]", "the last N entries of the record; all: polls too",
      [](words& w, command* c) {
        const bool follows = w.take_if("follow"), polls = w.take_if("all");
        const std::uint64_t wanted = !w.at_end() ? take_count(w) : follows ? 0 : 20;
@@ -179,7 +179,7 @@ const std::vector<verb> all = {
        const expectation what(&w);
        c->act = [what](const session& s) { s.expect(what); };
      }},
-    {"host", "\"COMMAND\" [\"ANSWER\"]", "sends a command to the agent, which is to answer so",
+    {"send", "\"COMMAND\" [\"ANSWER\"]", "sends a command to the agent, which is to answer so",
      [](words& w, command* c) {
        const std::string line = w.take_quoted(), answer = w.at_end() ? "" : w.take_quoted();
        if ((line + answer).find('\n') != std::string::npos) {
@@ -190,7 +190,7 @@ const std::vector<verb> all = {
          s.outside.host(line, answer);
        };
      }},
-    {"again", "", "begins the file anew, if there was a `wait`",
+    {"loop", "", "begins the file anew, if there was a `wait`",
      [](words&, command* c) {
        c->act = [](const session&) { throw bad_line("only a file can begin anew"); };
      }},

@@ -60,7 +60,7 @@ void line_host::send(const std::string& place, const std::string& command,
     const std::lock_guard<std::mutex> lock(mutex);
     line = name + ":" + command;
   }
-  reader.happened.add(0, "host > " + without_controls(line));
+  reader.happened.add(0, "sent " + without_controls(line));
   push({place, command, answer, ""}, line);
 }
 

@@ -7,10 +7,10 @@
 
 #include <iostream>
 
+#include "execute.h"
 #include "outcome.h"
 #include "run.h"
-#include "tell.h"
-#include "to_verbs.h"
+#include "to_scenario.h"
 
 namespace {
 
@@ -33,15 +33,16 @@ int main(int count, char** arguments) try {
   if (!chosen) return wrong_usage;
   if (chosen->help) std::cout << usage;
   if (chosen->version) std::cout << "virtual-reader " VERSION "\n";
-  if (!chosen->to_verbs.empty()) {
-    for (const std::string& line : to_verbs(read_recording(chosen->to_verbs))) {
+  if (!chosen->to_scenario.empty()) {
+    for (const std::string& line : to_scenario(read_recording(chosen->to_scenario))) {
       std::cout << line << '\n';
     }
     return passed;
   }
   if (chosen->help || chosen->version) return passed;
-  return chosen->tell ? tell(chosen_socket_path(*chosen, false), *chosen->tell, chosen->limit)
-                      : run(*chosen);
+  return chosen->execute
+             ? execute(chosen_socket_path(*chosen, false), *chosen->execute, chosen->timeout)
+             : run(*chosen);
 } catch (const std::exception& error) {
   std::cerr << "virtual-reader: " << error.what() << std::endl;
   return virtual_reader::wrong_usage;

@@ -9,12 +9,12 @@
 namespace virtual_reader {
 
 struct options {
-  int unplugged = 0, stay = 0, keep_going = 0, screen = 0, version = 0, help = 0;
-  std::string socket, file, replay, to_verbs;
+  int unplugged = 0, stay = 0, keep_going = 0, ui = 0, version = 0, help = 0;
+  std::string socket, file, replay, to_scenario;
   double speed = 1;  // of the replay
-  std::optional<std::string> tell;
-  std::chrono::milliseconds limit{0};  // none if 0
-  std::vector<std::string> command;    // the host's, what stands behind `--`
+  std::optional<std::string> execute;
+  std::chrono::milliseconds timeout{0};  // none if 0
+  std::vector<std::string> command;      // the host's, what stands behind `--`
 };
 
 extern const char usage[];

@@ -129,9 +129,9 @@ void printer::print_entries(std::uint64_t before) {
 
 bool printer::is_wanted(const record::entry& entry) const {
   static const std::vector<std::string> effects = {
-      "agent refused", "beep", "card",       "config",    "connected", "disconnected", "host >",
-      "input ended",   "led",  "plugged in", "recording", "reset",     "unplugged"};
-  static const std::vector<std::string> calls = {"begins ", "call ", "says "};
+      "agent refused", "beep", "card",       "config", "connected", "disconnected", "sent",
+      "input ended",   "led",  "plugged in", "replay", "reset",     "unplugged"};
+  static const std::vector<std::string> calls = {"enter ", "call ", "says "};
   return begins_with_one_of(entry.text, effects) ||
          (traced != tracing::off && !(entry.is_idle && traced == tracing::quiet) &&
           begins_with_one_of(entry.text, calls));

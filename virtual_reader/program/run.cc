@@ -15,11 +15,11 @@
 #include "line_host.h"
 #include "outcome.h"
 #include "printer.h"
-#include "screen.h"
 #include "script.h"
 #include "serve_teller.h"
 #include "socket_path.h"
 #include "terminal.h"
+#include "ui.h"
 #include "words.h"
 
 namespace virtual_reader {
@@ -34,7 +34,7 @@ std::string coloured(const std::string& text) {
                                                              {"led green", "32"},
                                                              {"led amber", "33"},
                                                              {"led off", "90"},
-                                                             {"led own", "90"}};
+                                                             {"led auto", "90"}};
   const auto colour = colours.find(text);
   return colour == colours.end() ? text : "\x1b[" + colour->second + "m\u25CF\x1b[0m " + text;
 }
@@ -132,16 +132,17 @@ void running::start_host() {
   const std::lock_guard<std::mutex> lock(mutex);
   if (!has_host || started || end.is_set()) return;
   const auto on_line = [this](const std::string& line) {
-    if (lines_of_host->take(line)) reader->happened.add(0, "host < " + without_controls(line));
+    if (lines_of_host->take(line)) reader->happened.add(0, "received " + without_controls(line));
   };
   const auto on_end = [this](int status) {
-    reader->happened.add(0, "host ended with " + status_text(status));
+    reader->happened.add(0, "command exited with " + status_text(status));
     // That there is nothing more on standard input may not have been seen yet.
     for (int i = 0; i < 50 && !file && !has_played && !end.is_set(); ++i) poll(nullptr, 0, 10);
     if (has_played && status == 0) return end.set(passed, "");
     const std::string when =
         file ? " at " + place() + ", before all was played" : ", before standard input did";
-    end.set(host_failed, "the host ended with " + status_text(status) + (has_played ? "" : when));
+    end.set(host_failed,
+            "the command exited with " + status_text(status) + (has_played ? "" : when));
   };
   started = new host(chosen.command, path, *watching, on_line, on_end);
 }
@@ -210,7 +211,7 @@ void running::carry_out_all() try {
   if (held && chosen.stay) return reader->happened.add(0, "input ended");
   // A recording alone is over when it has been played, or the host ends.
   if (has_host && !chosen.replay.empty() && !file) {
-    told.carry_out("expect recording ended within 86400000");
+    told.carry_out("expect replay ended within 86400000");
   }
   // Without either, what COMMAND does is all there is: its input ends with this one, and it ends
   // all.
@@ -226,7 +227,7 @@ void running::say_verdict(const verdict& said) {
   std::string line = std::string("virtual-reader: ") + words[said.status];
   if (!said.why.empty()) line += ": " + said.why;
   const bool nobody_came =
-      reader->happened.last(1, [](const auto& e) { return e.text == "agent came"; }).empty();
+      reader->happened.last(1, [](const auto& e) { return e.text == "agent attached"; }).empty();
   if (said.status != passed && said.status != cut_off && nobody_came)
     line += " (no agent has come)";
   printed->say(channel::error, line + "\n");
@@ -244,7 +245,7 @@ void running::run() {
   of_tellers.quit = [this] { end.set(status_of_an_end(), "told to quit"); };
   if (has_host) {
     of_tellers.host = [this](const std::string& command, const std::string& answer) {
-      send_to_host("--tell", command, answer);
+      send_to_host("--execute", command, answer);
     };
   }
   std::unique_lock<std::mutex> lock(mutex);  // until all is there that a teller may use
@@ -254,7 +255,7 @@ void running::run() {
         serve_teller(socket, is_over, *reader, tellers_cursor, of_tellers);
       });
   if (!chosen.replay.empty()) reader->play_back(recording);
-  if (chosen.screen) start_screen(path);
+  if (chosen.ui) start_ui(path);
   const channel own = has_host ? channel::error : channel::output;
   printer::sink put = print;
   if (typed_at) put = [this](channel, const std::string& lines) { typed_at->print(lines); };
@@ -276,9 +277,9 @@ void running::run() {
                           "No agent is there yet; one that runs searches every 10 s.\n");
   }
   std::thread([this] { carry_out_all(); }).detach();
-  const std::string limit = std::to_string(chosen.limit.count()) + " ms";
-  const auto first = end.wait(chosen.limit);
-  verdict last = first ? *first : verdict{cut_off, "the limit of " + limit + " ran out"};
+  const std::string limit = std::to_string(chosen.timeout.count()) + " ms";
+  const auto first = end.wait(chosen.timeout);
+  verdict last = first ? *first : verdict{cut_off, "timed out after " + limit};
   if (!first) end.set(last.status, last.why);
   if (last.status == cut_off) {
     last.why += file && has_played ? " after all was played" : " at " + place();

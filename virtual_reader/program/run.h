@@ -9,7 +9,7 @@ namespace virtual_reader {
 // std::runtime_error with one line.
 std::string chosen_socket_path(const options& chosen, bool makes_folder);
 
-// Does all but `--tell`. Does not return but before anything has started: the process ends.
+// Does all but `--execute`. Does not return but before anything has started: the process ends.
 int run(const options& chosen);
 
 }  // namespace virtual_reader

@@ -39,10 +39,10 @@ bool script::check(bool has_host, const report_function& report) const {
       const command told = parse(lines[i]);
       rests |= told.rests;
       tests |= told.what != nullptr;
-      if (is_verb(told, "again") && !rests) {
+      if (is_verb(told, "loop") && !rests) {
         throw bad_line("without a `wait` before it, this would never rest");
       }
-      if (is_verb(told, "host") && !has_host) {
+      if (is_verb(told, "send") && !has_host) {
         throw bad_line("there is no host to send it; right would be: virtual-reader FILE -- AGENT");
       }
     } catch (const bad_line& error) {
@@ -60,11 +60,11 @@ bool script::play(const session& with, const manner& how) {
     const std::string& line = lines[next];
     number = ++next;
     const command told = parse(line);
-    if (is_verb(told, "again")) {
+    if (is_verb(told, "loop")) {
       next = 0;
       continue;
     }
-    const bool waits = told.rests || is_verb(told, "expect") || is_verb(told, "host");
+    const bool waits = told.rests || is_verb(told, "expect") || is_verb(told, "send");
     if (waits && !std::exchange(has_waited, true)) how.before_waiting();
     held &= carry_out(with, line, place() + ": ", how.report);
     if (!held && !how.keeps_going) return false;
