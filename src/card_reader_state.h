@@ -14,7 +14,8 @@
 // As a reader's name: none is attached. As a work item's target: any reader, or none.
 inline constexpr std::string_view global_reader = "Global";
 
-// What a work item came to. The host sees "Ok" or "Error", then ": " and the message, or a lone
+// The result of a work item. The application sees "Ok" or "Error", then ": " and the message, or a
+// lone
 // ":" when the message is empty.
 struct action_result {
   bool ok;
@@ -24,6 +25,7 @@ struct action_result {
 // A piece of work for the main thread: a command, a scan, or the end. It is created by its
 // producer, moved into the queue by `enqueue`, run at most once by the loop and then destroyed.
 struct action {
+  action() = default;
   action(std::string_view target, bool is_silent) : reader(target), silent(is_silent) {}
   action(const action&) = delete;
   action& operator=(const action&) = delete;
@@ -32,8 +34,8 @@ struct action {
   virtual action_result execute_impl() = 0;
   virtual ~action() = default;
 
-  std::string reader;  // the reader it is meant for
-  bool silent;         // the loop writes no line for it, not even that it was for another reader
+  std::string reader{global_reader};  // the reader it is meant for
+  bool silent = false;  // the loop writes no line for it, not even that it was for another reader
 };
 
 using action_ptr = std::unique_ptr<action>;

@@ -5,33 +5,31 @@
 #include "standard_streams.h"
 
 bool line_reader::next(std::string_view* line) {
+  if (is_line_rejected) skip_rest_of_line();
+  is_line_rejected = false;
   std::size_t length = 0;
-  for (;;) {
+  while (!ended) {
     if (position == block_end && !fill()) {
-      if (!ended) {
-        skip_rest_of_line();
-        return false;
-      }
-      *line = {buffer, length};
-      return true;
+      is_line_rejected = !ended;
+      break;
     }
     const auto available = static_cast<std::size_t>(block_end - position);
-    const auto* const line_feed = static_cast<const char*>(std::memchr(position, '\n', available));
-    const std::size_t count =
-        line_feed ? static_cast<std::size_t>(line_feed - position) : available;
+    const auto* const newline = static_cast<const char*>(std::memchr(position, '\n', available));
+    const std::size_t count = newline ? static_cast<std::size_t>(newline - position) : available;
     if (count > most_characters - length) {
-      skip_rest_of_line();
-      return false;
+      is_line_rejected = true;
+      break;
     }
     std::memcpy(buffer + length, position, count);
     length += count;
     position += count;
-    if (line_feed) {
+    if (newline) {
       ++position;
-      *line = {buffer, length};
-      return true;
+      break;
     }
   }
+  *line = {buffer, length};
+  return !is_line_rejected;
 }
 
 // Reads the next block. Returns false at the end of input, when it sets `ended`, and after an
@@ -48,13 +46,13 @@ bool line_reader::fill() {
 void line_reader::skip_rest_of_line() {
   for (;;) {
     if (position == block_end && !fill()) {
-      // Either the end, or an error twice in a row: nobody can tell when it would go away.
+      // Either the end, or an error twice in a row, which may never go away.
       ended = true;
       return;
     }
     const auto available = static_cast<std::size_t>(block_end - position);
-    const auto* const line_feed = static_cast<const char*>(std::memchr(position, '\n', available));
-    position = line_feed ? line_feed + 1 : block_end;
-    if (line_feed) return;
+    const auto* const newline = static_cast<const char*>(std::memchr(position, '\n', available));
+    position = newline ? newline + 1 : block_end;
+    if (newline) return;
   }
 }

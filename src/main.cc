@@ -1,6 +1,10 @@
 #include "agent.h"
 
-// Of use to nobody at run time: `strings` finds it in the file.
+#ifndef VERSION  // the build defines it
+#define VERSION "unknown"
+#endif
+
+// Not used at run time: `strings` finds it in the file.
 [[gnu::used]] static const char version[] = "card-reader-agent " VERSION;
 
 int main() { return run_agent(); }

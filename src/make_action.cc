@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <limits>
 #include <string>
+#include <tuple>
 
 #include "feedback.h"
 #include "set_config.h"
@@ -23,7 +24,7 @@ action_ptr make_beep(std::string_view reader, std::string_view arguments) {
   const bool is_long = length == "long";
   if (!is_long && length != "short") return reject({"Invalid beep length '", length, "'"});
   const char most = is_long ? '2' : '5';
-  const std::string_view count = token_split(rest).token;
+  const std::string_view count = token_split(rest).first;
   if (count.size() != 1 || count[0] < '1' || count[0] > most) {
     return reject({"Invalid number of beeps: '", count, "'"});
   }
@@ -31,7 +32,7 @@ action_ptr make_beep(std::string_view reader, std::string_view arguments) {
 }
 
 action_ptr make_set_led(std::string_view reader, std::string_view arguments) {
-  const std::string_view color = token_split(arguments).token;
+  const std::string_view color = token_split(arguments).first;
   const bool red = color == "red" || color == "amber";
   const bool green = color == "green" || color == "amber";
   if (!red && !green && color != "off") {
@@ -76,9 +77,8 @@ bool to_int32(std::string_view text, std::int32_t* value) {
 // Settings are written type.name=value; surplus '.' and '=' between the pieces are skipped.
 action_ptr make_set_config(std::string_view reader, std::string_view arguments) {
   set_config::settings_map settings;
-  for (token_and_rest split = token_split(arguments); !split.token.empty();
-       split = token_split(split.rest)) {
-    const std::string_view setting = split.token;
+  for (auto [setting, rest] = token_split(arguments); !setting.empty();
+       std::tie(setting, rest) = token_split(rest)) {
     std::string_view pieces = setting;
     const std::string_view type = take_until(pieces, ".", '.');
     if (type.empty()) return reject({"Could not get setting type from '", setting, "'"});

@@ -37,7 +37,6 @@ void output_str_state::push_line(std::string text) {
   bool was_empty = false;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    if (ended) return;
     was_empty = lines.empty();
     lines.push_back(std::move(text));
   }
@@ -59,7 +58,6 @@ void output_str_state::loop() {
     cond.wait(lock, [this] { return stop || !lines.empty(); });
     write_batch();
   } while (!stop);
-  ended = true;
 }
 
 void output_str_state::write_batch() {

@@ -15,23 +15,22 @@
 // Never take another lock, and never call the reader library, while holding it.
 class output_str_state {
  public:
-  // Appends a line, without its line feed, and wakes a writer that waits. The bytes are written
-  // unchanged. A line handed in after the writer has ended is never written.
+  // Appends a line, without its newline, and wakes a writer that waits. The bytes are written
+  // unchanged. A line pushed after the writer has returned is never written.
   void push_line(std::string text);
 
   // Makes `loop` return once the lines pending then are written. Asking twice changes nothing.
   void request_stop();
 
-  // Writes batches until asked to stop: every line and its line feed, in order. A failed write is
+  // Writes batches until asked to stop: every line and its newline, in order. A failed write is
   // neither reported nor retried; from then on all lines are dropped.
   void loop();
 
+  std::mutex mutex;
+  std::condition_variable cond;    // notified when the batch fills and to stop; for the writer
+  std::vector<std::string> lines;  // guarded by mutex; keeps its capacity between batches
+  std::atomic<bool> stop{false};   // set under mutex, so that a writer about to wait can't miss it
+
  private:
   void write_batch();
-
-  std::mutex mutex;
-  std::condition_variable cond;
-  std::vector<std::string> lines;  // guarded by mutex; keeps its capacity between batches
-  bool ended = false;              // guarded by mutex: the writer has returned
-  std::atomic<bool> stop{false};   // set under mutex, so that a writer about to wait can't miss it
 };

@@ -74,7 +74,6 @@ void SetMarkerFunction(pc_prox::marker_function);
 pc_prox::status BeepNow(std::uint8_t count, std::int16_t long_beep);
 std::int64_t GetLastLibErr();
 pc_prox::status SetLEDCtrl(pc_prox::sLEDCtrl*);
-pc_prox::status GetLEDCtrl(pc_prox::sLEDCtrl*);
 pc_prox::status GetQueuedID(std::int16_t, std::int16_t);
 std::int64_t GetQueuedID_index(std::int16_t index);
 void USBDisconnect();
@@ -83,7 +82,6 @@ pc_prox::status usbConnect();
 const char* getPartNumberString();
 void GetDevName(char* name);
 pc_prox::status ReadCfg();
-pc_prox::status WriteCfg();
 pc_prox::status GetIDBitCnts(pc_prox::sIDBitCnts*);
 pc_prox::status SetIDBitCnts(pc_prox::sIDBitCnts*);
 pc_prox::status GetFlags(pc_prox::sCfgFlags*);
@@ -92,6 +90,8 @@ pc_prox::status GetTimeParms(pc_prox::sTimeParms*);
 pc_prox::status SetTimeParms(pc_prox::sTimeParms*);
 pc_prox::status GetFlags2(pc_prox::sCfgFlags2*);
 pc_prox::status SetFlags2(pc_prox::sCfgFlags2*);
+pc_prox::status GetLEDCtrl(pc_prox::sLEDCtrl*);
+pc_prox::status WriteCfg();
 pc_prox::status ResetFactoryDflts();
 }
 
@@ -101,6 +101,7 @@ namespace pc_prox {
 // that function's result. Any two instances behave the same.
 class pc_prox_api {
  public:
+  pc_prox_api() = default;
   // Installs the function that receives the library's diagnostic text; null removes it.
   void SetMarkerFunction(marker_function) const;
   // `long_beep`: 1 for long beeps, 0 for short ones.
@@ -108,7 +109,6 @@ class pc_prox_api {
   // The error number of the last call that failed; ask before making another call.
   std::int64_t GetLastLibErr() const;
   status SetLEDCtrl(sLEDCtrl*) const;
-  status GetLEDCtrl(sLEDCtrl*) const;
   // Fetches the next card ID that the reader holds ready; the agent passes 1 and 0. Fails when the
   // reader is gone. A reader without a card succeeds, with an ID of all zeros.
   status GetQueuedID(std::int16_t, std::int16_t) const;
@@ -123,8 +123,6 @@ class pc_prox_api {
   void GetDevName(char* name) const;
   // Loads the reader's configuration into the library, where the Get and Set operations work on it.
   status ReadCfg() const;
-  // Stores the library's configuration in the reader.
-  status WriteCfg() const;
   status GetIDBitCnts(sIDBitCnts*) const;
   status SetIDBitCnts(sIDBitCnts*) const;
   status GetFlags(sCfgFlags*) const;
@@ -133,6 +131,9 @@ class pc_prox_api {
   status SetTimeParms(sTimeParms*) const;
   status GetFlags2(sCfgFlags2*) const;
   status SetFlags2(sCfgFlags2*) const;
+  status GetLEDCtrl(sLEDCtrl*) const;
+  // Stores the library's configuration in the reader.
+  status WriteCfg() const;
   status ResetFactoryDflts() const;
 };
 

@@ -15,11 +15,11 @@ unsigned id_byte(std::int64_t index) {
                                0xFF);
 }
 
-// The length of the ID fetched last, in bits. A reader that does not tell it leaves 0: then the
+// The length of the ID fetched last, in bits. If the reader leaves it 0, the
 // highest byte that is not zero counts, and 0 means no card.
 std::int64_t id_length() {
-  const std::int64_t told = globals::api().GetQueuedID_index(id_length_index);
-  if (told != 0) return told;
+  const std::int64_t bits = globals::api().GetQueuedID_index(id_length_index);
+  if (bits != 0) return bits;
   for (std::int64_t index = 31; index >= 0; --index) {
     if (id_byte(index) != 0) return 8 * (index + 1);
   }
@@ -46,9 +46,9 @@ std::string card_text(std::int64_t bits) {
   return text;
 }
 
-// Makes the name for a reader just connected from the next number and its part number.
-std::string next_reader_name(card_reader_state& state, const std::string& part_number) {
-  std::string name = "Dev" + std::to_string(++state.device_counter);
+// The name of the connection with that number, of a reader with that part number.
+std::string reader_name(std::uint64_t number, const std::string& part_number) {
+  std::string name = "Dev" + std::to_string(number);
   if (part_number.empty()) return name;
   name += '-';
   for (const char c : part_number) name += is_white_space(c) ? '_' : c;
@@ -65,11 +65,12 @@ action_result scan_for_reader::execute_impl() {
   api.USBDisconnect();
   api.SetDevTypeSrch(state.device_type_search);
   if (api.usbConnect() != 0) {
-    const char* const told = api.getPartNumberString();
-    const std::string part_number = told ? told : "";
-    state.reader_name = next_reader_name(state, part_number);
+    const std::uint64_t number = ++state.device_counter;
+    const char* const text = api.getPartNumberString();
+    const std::string part_number = text ? text : "";
+    state.reader_name = reader_name(number, part_number);
     out.push_line("Reader: " + state.reader_name);
-    if (told) out.push_line("Log: Reader part number is '" + part_number + "'");
+    if (text) out.push_line("Log: Reader part number is '" + part_number + "'");
     // After the end of input a poll could report to nobody, and polls that fail would search anew.
     if (!state.stop) state.enqueue(std::make_unique<scan_for_card>(state.reader_name));
   } else if (state.reader_name != global_reader) {

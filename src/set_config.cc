@@ -19,59 +19,36 @@ struct set_config::record_kind {
   named_field fields[5];  // those left have no name
 };
 
-// A record on its way from the library and back. What is left of its values when it is destroyed
-// was not accepted for it, and is told to the host.
-template <typename T>
-class set_config::set_config_helper {
- public:
-  set_config_helper(const char* type, values_map batch)
-      : values(std::move(batch)), type_name(type) {}
-  set_config_helper(const set_config_helper&) = delete;
-  set_config_helper& operator=(const set_config_helper&) = delete;
-  ~set_config_helper() {
-    for (const auto& [name, value] : values) {
-      globals::out_state().push_line("Log: Ignoring unexpected setting " + type_name + "." + name +
-                                     "=" + std::to_string(value));
-    }
+void set_config::report_unexpected(const std::string& type_name, const values_map& values) {
+  for (const auto& [name, value] : values) {
+    globals::out_state().push_line("Log: Ignoring unexpected setting " + type_name + "." + name +
+                                   "=" + std::to_string(value));
   }
-
-  void take(const char* name, pc_prox::field T::*place) {
-    const auto found = values.find(name);
-    if (found == values.end()) return;
-    record.*place = static_cast<pc_prox::field>(found->second);  // the low 16 bits, by intent
-    values.erase(found);
-  }
-
-  bool unused() const { return values.empty(); }
-
-  // The record failed as a whole, so there is nothing to say of its settings.
-  void forget() { values.clear(); }
-
-  T record{};
-
- private:
-  values_map values;
-  std::string type_name;
-};
+}
 
 template <typename T>
 const char* set_config::apply(const record_kind<T>& kind) {
-  const auto found = settings.find(kind.type_name);
-  if (found == settings.end()) return nullptr;
-  set_config_helper<T> helper(kind.type_name, std::move(found->second));
-  settings.erase(found);
-  if (helper.unused()) return nullptr;
+  const auto batch = settings.find(kind.type_name);
+  if (batch == settings.end()) return nullptr;
+  set_config_helper<T> helper(kind.type_name);
+  helper.values = std::move(batch->second);
+  settings.erase(batch);
+  if (helper.values.empty()) return nullptr;
 
   const pc_prox::pc_prox_api& api = globals::api();
   if ((api.*kind.get)(&helper.record) == 0) {
-    helper.forget();
+    helper.values.clear();  // a record that failed as a whole reports no setting
     return kind.get_name;
   }
   for (const auto& field : kind.fields) {
-    if (field.name) helper.take(field.name, field.place);
+    if (!field.name) continue;
+    const auto found = helper.values.find(field.name);
+    if (found == helper.values.end()) continue;
+    helper.record.*field.place = static_cast<pc_prox::field>(found->second);  // the low 16 bits
+    helper.values.erase(found);
   }
   if ((api.*kind.set)(&helper.record) == 0) {
-    helper.forget();
+    helper.values.clear();
     return kind.set_name;
   }
   return nullptr;

@@ -23,11 +23,25 @@ struct set_config : action {
 
   settings_map settings;  // consumed by execute_impl
 
+  // A library record while its settings are applied. The values left when it is destroyed were not
+  // accepted for the record: each is reported in a log line.
+  template <typename T>
+  struct set_config_helper {
+    explicit set_config_helper(std::string type) : type_name(std::move(type)) {}
+    set_config_helper(const set_config_helper&) = delete;
+    set_config_helper& operator=(const set_config_helper&) = delete;
+    ~set_config_helper() { report_unexpected(type_name, values); }
+
+    T record{};  // the library may write all of its 16 bytes
+    values_map values;
+    std::string type_name;
+  };
+
  private:
   template <typename T>
   struct record_kind;
-  template <typename T>
-  class set_config_helper;
+
+  static void report_unexpected(const std::string& type_name, const values_map& values);
 
   // Applies the batch's settings for one record. Returns the failed operation's name, or null.
   template <typename T>

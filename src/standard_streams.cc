@@ -31,9 +31,8 @@ bool wait_until_ready(int descriptor, direction way) {
 
 void arrange_streams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-    // A new descriptor gets the lowest free number; this one is good for nothing else.
-    const int useless_for_it = stream == STDIN_FILENO ? O_WRONLY : O_RDONLY;
-    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", useless_for_it);
+    // A new descriptor gets the lowest free number.
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDONLY);
   }
   const int own = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (own < 0) return;

@@ -13,11 +13,11 @@ enum class input_status { data, end, failed };
 
 // Makes the process's streams safe from the reader library. Call it first of all, once.
 //
-// The places of streams that the host left closed are filled, so that no file that the library
-// opens can come to stand there; reading and writing them fails as before. And standard output
-// moves to a descriptor that only `write_output` knows and that no child process inherits, with
-// standard error in its old place: whatever the library prints goes there. (Where a thousand files
-// are open already, or none can be opened, it stays in its place.)
+// A stream that the application left closed gets /dev/null, so that no file that the library opens
+// takes its number: standard input is at its end, and writing fails as before. Standard output
+// moves to a descriptor that only `write_output` knows and that no child process inherits, and
+// standard error takes its number, so that anything the library prints goes there. (If a thousand
+// files are open already, or none can be opened, standard output stays where it is.)
 void arrange_streams();
 
 // Reads what standard input has, at most `size` bytes, and waits until there is something. Sets

@@ -2,7 +2,7 @@
 
 #include "white_space.h"
 
-token_and_rest token_split(std::string_view text) {
+std::pair<std::string_view, std::string_view> token_split(std::string_view text) {
   std::size_t begin = 0;
   while (begin < text.size() && is_white_space(text[begin])) ++begin;
   std::size_t end = begin;

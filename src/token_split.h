@@ -2,13 +2,9 @@
 #pragma once
 
 #include <string_view>
+#include <utility>
 
-// The token is empty when the text holds none.
-struct token_and_rest {
-  std::string_view token;
-  std::string_view rest;  // not trimmed: begins with the white space that ended the token
-};
-
-// Splits off the first run of characters that are not white space. There is no quoting. Both
-// results are views into `text`.
-token_and_rest token_split(std::string_view text);
+// Splits off the first run of characters that are not white space. There is no quoting. Returns
+// that token, empty if there is none, and the remainder, which is not trimmed: it begins with the
+// white space that ended the token. Both are views into `text`.
+std::pair<std::string_view, std::string_view> token_split(std::string_view text);

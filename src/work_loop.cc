@@ -56,10 +56,10 @@ void card_reader_state::loop() {
 
     const bool searching = reader_name == global_reader;
     const time_point deadline = last_scan + (searching ? reader_scan_interval : card_scan_interval);
-    while (actions.empty() && std::chrono::steady_clock::now() < deadline) {
+    while (!stop && actions.empty() && std::chrono::steady_clock::now() < deadline) {
       cond.wait_until(lock, deadline);
     }
-    if (!actions.empty()) continue;
+    if (stop || !actions.empty()) continue;
     if (searching) {
       actions.push(std::make_unique<scan_for_reader>());
     } else {

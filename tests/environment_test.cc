@@ -1,5 +1,5 @@
-// Broken surroundings: what becomes of the agent when its host, its pipes or its library are not as
-// they should be.
+// A broken environment: what the agent does when the application, its pipes or the library are not
+// as they should be.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -41,13 +41,13 @@ shell_result shell(const std::string& command) {
   return result;
 }
 
-TEST(Surroundings, HaveAStatedOutcome) {
+TEST(Environment, ClosedOrUnusualStreamsHaveStatedOutcomes) {
   const std::string read_error = "Error: Input line was too long to process\n";
   const struct {
     std::string what, command, output;
     int status;
   } rows[] = {
-      {"standard input closed", "\"$A\" <&-", read_error, 0},
+      {"standard input closed", "\"$A\" <&-", "", 0},
       {"standard input a folder", "\"$A\" </", read_error, 0},
       {"standard input empty", "\"$A\" </dev/null", "", 0},
       {"standard output closed", "echo Global:Ping | \"$A\" >&-", "", 0},
@@ -75,7 +75,7 @@ TEST(Surroundings, HaveAStatedOutcome) {
   }
 }
 
-TEST(Surroundings, MayStopListening) {
+TEST(Environment, ClosedOutputPipeEndsTheAgent) {
   agent_process agent(AGENT, no_reader);
   EXPECT_EQ(agent.ask("Global:Ping"), "Ok:");
   agent.close_output();
@@ -84,7 +84,7 @@ TEST(Surroundings, MayStopListening) {
 }
 
 // A failure to write is for good: who comes to listen afterwards finds no half of a session.
-TEST(Surroundings, MayListenAgainInVain) {
+TEST(Environment, NewListenerAfterAFailedWriteGetsNothing) {
 #ifndef __linux__
   GTEST_SKIP() << "needs Linux's word that the agent sleeps";
 #endif
@@ -119,7 +119,7 @@ TEST(Surroundings, MayListenAgainInVain) {
 
 // One in non-blocking mode at that, whose buffers are full most of the time, and on a system whose
 // `poll` takes no terminals.
-TEST(Surroundings, MayBeATerminal) {
+TEST(Environment, TerminalWorksLikeAPipe) {
   std::string preload;
 #if defined(__linux__) && !defined(SANITIZED)
   preload = "LD_PRELOAD='" REFUSING_POLL "' ";
@@ -171,7 +171,7 @@ TEST(Surroundings, MayBeATerminal) {
 #endif
 }
 
-TEST(Surroundings, MayLeavePipesInNonBlockingMode) {
+TEST(Environment, NonBlockingPipesLoseNoLine) {
   agent_process agent(AGENT, no_reader, true);
   EXPECT_EQ(agent.next_line(std::chrono::milliseconds(100)), "(timeout)") << "it waits for input";
   agent.send("Global:Pi");
@@ -187,7 +187,7 @@ TEST(Surroundings, MayLeavePipesInNonBlockingMode) {
   EXPECT_EQ(agent.finish(), 0);
 }
 
-TEST(Surroundings, MayInterruptOrKillWithSignals) {
+TEST(Environment, SignalsHaveTheirDefaultActions) {
   for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGPIPE}) {
     agent_process agent(AGENT, no_reader);
     EXPECT_EQ(agent.ask("Global:Ping"), "Ok:");
@@ -201,7 +201,7 @@ TEST(Surroundings, MayInterruptOrKillWithSignals) {
   }
 }
 
-TEST(Surroundings, MayLackRoomForAThread) {
+TEST(Environment, FailedThreadStartAbortsWithAMessage) {
 #if !defined(__linux__) || defined(SANITIZED)
   GTEST_SKIP() << "needs Linux's limits on a plain build";
 #endif
@@ -212,7 +212,7 @@ TEST(Surroundings, MayLackRoomForAThread) {
   EXPECT_NE(result.output.find("status 134\n"), std::string::npos) << result.output;
 }
 
-TEST(Surroundings, MayLackTheLibraryOrOneOfItsFunctions) {
+TEST(Environment, MissingLibraryOrFunctionIsNamedAtTheStart) {
 #ifdef SANITIZED
   GTEST_SKIP() << "needs a plain build";
 #endif

@@ -118,7 +118,7 @@ std::vector<std::pair<std::string, std::uint64_t>> calls_to_fault() {
   return chosen;
 }
 
-TEST(Sweep, AnswersEveryCommandWhateverCallFails) {
+TEST(FaultSweep, EveryCommandIsAnsweredWhateverCallFails) {
   const auto calls = calls_to_fault();
   ASSERT_GE(calls.size(), 30u);
   for (const auto& [name, occurrence] : calls) {

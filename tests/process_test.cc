@@ -28,7 +28,7 @@ struct stub_rig {
   std::unique_ptr<agent_process> agent;
 };
 
-TEST(Process, CutsItsInputIntoLinesOfAtMost1023Bytes) {
+TEST(Process, LinesHaveAtMost1023Bytes) {
   const std::string too_long = "Error: Input line was too long to process";
   const std::string ping = "Global:Ping ";
   const auto ping_of_size = [&](std::size_t size) {
@@ -62,7 +62,17 @@ TEST(Process, CutsItsInputIntoLinesOfAtMost1023Bytes) {
   }
 }
 
-TEST(Process, PutsLinesTogetherThatComeInPieces) {
+TEST(Process, LineIsRejectedBeforeItsEndIsRead) {
+  rig r({"unplug"});
+  r.agent->send(std::string(1023, 'x'));
+  EXPECT_EQ(r.agent->next_line(std::chrono::milliseconds(100)), "(timeout)");
+  r.agent->send("x");
+  EXPECT_EQ(r.agent->next_line(), "Error: Input line was too long to process");
+  r.agent->send(std::string(5000, 'x') + "\nGlobal:Ping\n");
+  EXPECT_EQ(r.agent->next_line(), "Ok:");
+}
+
+TEST(Process, LineSentInPiecesIsOneLine) {
   rig r({"unplug"});
   for (const std::size_t size : {500u, 511u, 512u, 900u}) {
     const std::string half(size, 'x');
@@ -74,7 +84,7 @@ TEST(Process, PutsLinesTogetherThatComeInPieces) {
   }
 }
 
-TEST(Process, WritesLinesOfAnyLength) {
+TEST(Process, OutputLinesMayHaveAnyLength) {
   rig r({"part none"});
   const std::string name = r.agent->await_reader();
   for (const std::size_t size : {1u, 16'000u, 16'363u, 16'364u, 17'000u, 70'000u, 1'000'000u}) {
@@ -94,7 +104,7 @@ TEST(Process, WritesLinesOfAnyLength) {
   }
 }
 
-TEST(Process, NumbersReadersFromTheClock) {
+TEST(Process, ReaderNumbersStartFromTheClock) {
   const auto start = static_cast<std::uint64_t>(std::time(nullptr));
   rig r({"part none"});
   const std::string name = r.agent->await_reader();
@@ -105,7 +115,7 @@ TEST(Process, NumbersReadersFromTheClock) {
   EXPECT_LE(number / 1000, static_cast<std::uint64_t>(std::time(nullptr)));
 }
 
-TEST(Process, CallsTheLibraryOnTheMainThreadAlone) {
+TEST(Process, LibraryIsCalledOnTheMainThreadOnly) {
   stub_rig r(true);
   const std::string name = r.agent->await_reader();
   r.agent->send(name + ":ReaderConfig tsLEDCtrl.iRedLEDState=1\n" + name + ":ResetConfig\n");
@@ -118,7 +128,7 @@ TEST(Process, CallsTheLibraryOnTheMainThreadAlone) {
   EXPECT_EQ(r.page.led_fields_set, 1 << 1) << "what the library left out is 0";
 }
 
-TEST(Process, WakesForItsScansAlone) {
+TEST(Process, IdleAgentWakesOnlyForScans) {
 #if !defined(__linux__) || defined(SANITIZED)
   GTEST_SKIP() << "needs Linux's count of context switches, and a plain build";
 #endif
@@ -141,7 +151,7 @@ TEST(Process, WakesForItsScansAlone) {
   }
 }
 
-TEST(Process, SearchesEveryTenSecondsAndPollsFourTimesASecond) {
+TEST(Process, ScanIntervalsAreTenSecondsAndAQuarter) {
   rig r({"unplug", "part none"});
   EXPECT_EQ(r.agent->ask("Global:Ping"), "Ok:");
   ASSERT_TRUE(r.wait_for_call("usbConnect", 1));
@@ -167,7 +177,7 @@ TEST(Process, SearchesEveryTenSecondsAndPollsFourTimesASecond) {
   EXPECT_LE(eight_polls.count(), 2.6);
 }
 
-TEST(Process, CountsItsPausesFromTheEndOfTheScanBefore) {
+TEST(Process, IntervalsStartAtTheEndOfAScan) {
   rig r({"part none", "hang usbConnect"}, QUICK_AGENT, {{"SEARCH_MS", "300"}, {"POLL_MS", "300"}});
   for (const std::string call : {"usbConnect", "GetQueuedID"}) {
     ASSERT_TRUE(r.wait_for_call(call, 1));
@@ -182,12 +192,12 @@ TEST(Process, CountsItsPausesFromTheEndOfTheScanBefore) {
   }
 }
 
-TEST(Process, PollsAtOnceAfterAConnection) {
+TEST(Process, FirstPollFollowsTheConnectionImmediately) {
   rig r({"part none"}, QUICK_AGENT, {{"POLL_MS", "60000"}});
   EXPECT_TRUE(r.wait_for_call("GetQueuedID", 1));
 }
 
-TEST(Process, CarriesOutWhatIsQueuedAtItsEnd) {
+TEST(Process, QueuedWorkRunsAfterTheEndOfInput) {
   rig r({"part none", "hang GetQueuedID"});
   r.agent->await_reader();
   ASSERT_TRUE(r.wait_for_call("GetQueuedID", 1));
@@ -200,7 +210,7 @@ TEST(Process, CarriesOutWhatIsQueuedAtItsEnd) {
   EXPECT_EQ(r.call_count("usbConnect"), 2u) << "the search that the failed poll asked for";
 }
 
-TEST(Process, AnswersBetweenPollsAtOnce) {
+TEST(Process, CommandsAreAnsweredBetweenPolls) {
   rig r;
   const std::string name = r.agent->await_reader();
   std::vector<clock::duration> times;
@@ -216,7 +226,7 @@ TEST(Process, AnswersBetweenPollsAtOnce) {
   EXPECT_LE(polls, 2 + (clock::now() - first) / std::chrono::milliseconds(250)) << "no more polls";
 }
 
-TEST(Process, TakesCommandsWhileTheLibraryIsBusy) {
+TEST(Process, InputIsReadWhileALibraryCallHangs) {
   rig r;
   const std::string name = r.agent->await_reader();
   r.run("hang BeepNow");
@@ -231,7 +241,7 @@ TEST(Process, TakesCommandsWhileTheLibraryIsBusy) {
   for (int i = 0; i < 20000; ++i) ASSERT_EQ(r.agent->next_line(), "Ok:  " + std::to_string(i));
 }
 
-TEST(Process, AnswersAllThatCameBeforeTheEndOfItsInput) {
+TEST(Process, EveryCommandBeforeTheEndOfInputIsAnswered) {
   rig r({"unplug"});
   std::thread host([&] {
     std::string flood;
@@ -249,7 +259,7 @@ TEST(Process, AnswersAllThatCameBeforeTheEndOfItsInput) {
 }
 
 // Scans follow each other without a pause then, each connection under another name.
-TEST(Process, TellsTheReaderOfTheMomentAndEndsWhileEveryPollFails) {
+TEST(Process, FailingPollsNeitherMisnameTheReaderNorBlockTheEnd) {
   rig r({"part none", "fail GetQueuedID always"});
   std::string reader = r.agent->await_reader();
   std::atomic<int> connections{1};

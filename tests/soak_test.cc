@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(Soak, KeepsMemoryAndDescriptorsFlat) {
+TEST(Soak, MemoryAndDescriptorsStayConstant) {
   constexpr int commands_a_round = 1000000;
   constexpr int cards_a_round = 100000;
   rig r({"part none", "card hold 3AB1234/26"}, QUICK_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "0"}});

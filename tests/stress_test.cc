@@ -43,7 +43,7 @@ void expect_pongs(agent_process& agent, int first, int count) {
   }
 }
 
-TEST(Storm, OfReplugsLosesNoCardAndRepeatsNoName) {
+TEST(Stress, ReplugsLoseNoCardAndRepeatNoName) {
   rig r({"part none"}, QUICK_AGENT, {{"SEARCH_MS", "1"}, {"POLL_MS", "1"}});
   std::uint64_t number = std::stoull(r.agent->await_reader().substr(3));
   for (int i = 0; i < 1000 / scale; ++i) {
@@ -56,7 +56,7 @@ TEST(Storm, OfReplugsLosesNoCardAndRepeatsNoName) {
   EXPECT_EQ(r.agent->finish(), 0);
 }
 
-TEST(Storm, OfCommandsIsAnsweredInOrderAndLeavesNoMemoryBehind) {
+TEST(Stress, CommandFloodIsAnsweredInOrderInConstantMemory) {
   const int flood = 5000000 / scale;
   rig r({"unplug"});
   std::uint64_t resident[3] = {};
@@ -74,7 +74,7 @@ TEST(Storm, OfCommandsIsAnsweredInOrderAndLeavesNoMemoryBehind) {
   EXPECT_EQ(r.agent->finish(), 0);
 }
 
-TEST(Storm, WithAHostThatStopsReadingLosesNothing) {
+TEST(Stress, ApplicationThatStopsReadingLosesNothing) {
   const int count = 1000000 / scale;
   rig r({"unplug"});
   const auto start = std::chrono::steady_clock::now();
@@ -91,7 +91,7 @@ TEST(Storm, WithAHostThatStopsReadingLosesNothing) {
 }
 
 // A writer that is about to wait hears of a stop all the same.
-TEST(Storm, OfStopsEndsEveryWriter) {
+TEST(Stress, StopRequestEndsEveryWriter) {
   for (int i = 0; i < 2000 / scale; ++i) {
     output_str_state out;
     std::atomic<int> started{0};
@@ -110,7 +110,7 @@ TEST(Storm, OfStopsEndsEveryWriter) {
   }
 }
 
-TEST(Storm, OfAHundredAgentsStartsAndEnds) {
+TEST(Stress, HundredAgentsStartAndExit) {
   rig r;
   r.agent->await_reader();
   std::vector<std::unique_ptr<agent_process>> agents;
