@@ -28,12 +28,18 @@ void rules::add(rule added) {
     return each.what == rule::kind::delay && added.what == each.what && added.call == each.call;
   };
   all.erase(std::remove_if(all.begin(), all.end(), is_replaced), all.end());
+  added.id = ++last_id;
   all.push_back(std::move(added));
 }
 
 void rules::clear(const std::string& call) {
   const auto is_of_it = [&](const rule& each) { return each.call == call; };
   all.erase(std::remove_if(all.begin(), all.end(), is_of_it), all.end());
+}
+
+void rules::clear(std::uint64_t id) {
+  const auto is_it = [&](const rule& each) { return each.id == id; };
+  all.erase(std::remove_if(all.begin(), all.end(), is_it), all.end());
 }
 
 std::vector<rule> rules::take_due(const std::string& call) {

@@ -22,6 +22,7 @@ struct rule {
   std::int64_t length = 0;            // say: told to the agent, at most the text's
   bool own_thread = false;            // say
   std::uint64_t seen = 0;
+  std::uint64_t id = 0;  // given by rules::add
 };
 
 // Like "fail BeepNow error 3".
@@ -33,6 +34,7 @@ class rules {
   void add(rule added);
   void clear() { all.clear(); }
   void clear(const std::string& call);
+  void clear(std::uint64_t id);
 
   // What there is for a call that comes now. Rules that are used up by it go. Of several failures
   // that begin with the next call one strikes, the others wait for the calls after it; so do hangs.
@@ -42,6 +44,7 @@ class rules {
 
  private:
   std::vector<rule> all;
+  std::uint64_t last_id = 0;
 };
 
 }  // namespace virtual_reader

@@ -1,8 +1,10 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <sstream>
 
+#include "event_json.h"
 #include "verbs.h"
 
 namespace virtual_reader {
@@ -25,6 +27,13 @@ std::string line_of(const record::entry& entry) {
 std::string seconds_since(std::chrono::steady_clock::time_point then) {
   const auto past = std::chrono::steady_clock::now() - then;
   return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(past).count()) + " s";
+}
+
+std::string json_seconds_since(std::chrono::steady_clock::time_point then) {
+  const std::chrono::duration<double> past = std::chrono::steady_clock::now() - then;
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f", past.count());
+  return text;
 }
 
 std::string when_of(const rule& r) {
@@ -91,12 +100,76 @@ void session::show(const std::string& topic) const {
   }
 }
 
-void session::show_record(std::size_t most, bool with_polls, bool follows) const {
-  const auto is_wanted = [&](const record::entry& e) { return with_polls || !e.is_idle; };
+void session::show_as_json() const {
+  const auto json_bool = [](bool is_so) { return std::string(is_so ? "true" : "false"); };
+  const auto json_text = [](const auto& text) {
+    return text ? json_string(text->substr(0, longest)) : "null";
+  };
+  json_fields fields;
+  reader.look([&](const virtual_reader::reader& r) {
+    std::vector<std::string> queued, agents, calls, faults;
+    for (const std::string& card : r.queue.first(100)) queued.push_back(json_string(card));
+    for (const auto& [agent, since] : r.agents) {
+      agents.push_back(json_object({{"number", std::to_string(agent)},
+                                    {"seconds", json_seconds_since(since)},
+                                    {"holds_reader", json_bool(agent == r.holder)}}));
+    }
+    for (const auto& call : r.waiting) {
+      calls.push_back(json_object({{"agent", std::to_string(call.agent)},
+                                   {"name", json_string(call.name)},
+                                   {"state", call.hangs ? "\"hangs\"" : "\"delayed\""},
+                                   {"seconds", json_seconds_since(call.since)}}));
+    }
+    for (const rule& each : r.faults.list()) {
+      faults.push_back(json_object({{"id", std::to_string(each.id)},
+                                    {"text", json_string(shortened(to_text(each) + when_of(each)))},
+                                    {"call", json_string(each.call)}}));
+    }
+    fields = {{"is_plugged", json_bool(r.plugged)},
+              {"part", json_text(r.part_number)},
+              {"led", json_string(r.plugged ? r.led : "dark")},
+              {"beeps", std::to_string(r.short_beeps + r.long_beeps)},
+              {"held", r.held ? json_string(r.held->text) : "null"},
+              {"queued", json_array(queued)},
+              {"more_queued", std::to_string(r.queue.size() - queued.size())},
+              {"agents", json_array(agents)},
+              {"calls", json_array(calls)},
+              {"faults", json_array(faults)}};
+  });
+  const std::string refused = "agent refused: ";
+  std::vector<std::string> all_refused;
+  for (const auto& entry :
+       reader.happened.last(5, [&](const auto& e) { return e.text.rfind(refused, 0) == 0; })) {
+    all_refused.push_back(json_object({{"number", std::to_string(entry.agent)},
+                                       {"why", json_string(entry.text.substr(refused.size()))}}));
+  }
+  const run_state run = outside.run ? outside.run() : run_state();
+  std::string command = "null", script = "null";
+  if (const auto& of = run.command_under_test) {
+    command = json_object({{"text", json_string(of->text)},
+                           {"is_running", json_bool(of->is_running)},
+                           {"is_agent", json_bool(of->is_agent)}});
+  }
+  if (const auto& of = run.played) {
+    script = json_object({{"path", json_string(of->path)},
+                          {"line", std::to_string(of->line)},
+                          {"is_finished", json_bool(of->is_finished)}});
+  }
+  fields.insert(fields.end(),
+                {{"refused", json_array(all_refused)}, {"command", command}, {"script", script}});
+  answer(json_object(fields));
+}
+
+void session::show_events(const events_wanted& wanted) const {
+  const auto [as_json, follows, with_polls, most] = wanted;
+  const auto is_wanted = [all = with_polls](const record::entry& e) { return all || !e.is_idle; };
+  const auto line = [json = as_json](const record::entry& e) {
+    return json ? to_json(e) : line_of(e);
+  };
   if (follows && !outside.may_follow) throw bad_line("only --execute can follow; try `trace on`");
   std::uint64_t next = reader.happened.end();
   for (const auto& entry : reader.happened.last(most, is_wanted)) {
-    answer(line_of(entry));
+    answer(line(entry));
     next = entry.end();
   }
   while (follows) {
@@ -104,7 +177,7 @@ void session::show_record(std::size_t most, bool with_polls, bool follows) const
                                            outside.is_interrupted);
     if (!came) throw interruption();
     for (const auto& entry : reader.happened.read(next)) {
-      if (is_wanted(entry)) answer(line_of(entry));
+      if (is_wanted(entry)) answer(line(entry));
       next = entry.end();
     }
   }

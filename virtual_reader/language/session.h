@@ -26,6 +26,22 @@ struct failed_expectation : std::runtime_error {
 // Whoever asked does not want to know any more.
 struct interruption {};
 
+// What is run with the reader, as `show --json` has it.
+struct run_state {
+  struct command {
+    std::string text;
+    bool is_running = false;
+    bool is_agent = false;  // this program itself sends lines to it
+  };
+  struct script {
+    std::string path;
+    std::size_t line = 0;
+    bool is_finished = false;
+  };
+  std::optional<command> command_under_test;
+  std::optional<script> played;
+};
+
 // What a session needs of whoever runs it. What is missing, it can't do.
 struct surroundings {
   std::function<void(const std::string& line)> answer;  // what a verb has to say, line by line
@@ -34,6 +50,7 @@ struct surroundings {
   // Sends a command to the host; the answer may be empty for any. Checked some time later.
   std::function<void(const std::string& command, const std::string& answer)> host;
   std::function<void()> quit;
+  std::function<run_state()> run;
   bool may_follow = false;
 };
 
@@ -52,7 +69,12 @@ class session {
   // What the verbs do.
   void answer(const std::string& line) const { outside.answer(line); }
   void show(const std::string& topic) const;
-  void show_record(std::size_t most, bool with_polls, bool follows) const;
+  void show_as_json() const;
+  struct events_wanted {
+    bool as_json, follows, with_polls;
+    std::size_t most;
+  };
+  void show_events(const events_wanted& wanted) const;
   void show_calls(std::size_t most) const;
   void wait(std::chrono::milliseconds time) const;
   void expect(const expectation& what) const;

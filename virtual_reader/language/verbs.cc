@@ -123,14 +123,21 @@ const std::vector<verb> all = {
      }},
     {"release", "", "ends the calls that hang or are delayed",
      [](words&, command* c) { c->change = [](reader& r) { ++r.releases; }; }},
-    {"clear", "[CALL]",
-     "drops what fail, vanish, delay, hang and say have set, or that of one call",
+    {"clear", "[CALL|ID]", "drop all faults, those of one call, or one",
      [](words& w, command* c) {
-       const std::string call = w.at_end() ? "" : w.take_call();
-       c->change = [call](reader& r) { call.empty() ? r.faults.clear() : r.faults.clear(call); };
+       if (w.at_end()) {
+         c->change = [](reader& r) { r.faults.clear(); };
+       } else if (w.is_number()) {
+         c->change = [id = take_count(w)](reader& r) { r.faults.clear(id); };
+       } else {
+         c->change = [call = w.take_call()](reader& r) { r.faults.clear(call); };
+       }
      }},
-    {"show", "", "all about the reader",
-     [](words&, command* c) { c->act = [](const session& s) { s.show(""); }; }},
+    {"show", "[--json]", "all about the reader",
+     [](words& w, command* c) {
+       const bool as_json = w.take_if("--json");
+       c->act = [as_json](const session& s) { as_json ? s.show_as_json() : s.show(""); };
+     }},
     {"led", "", "what the LED shows",
      [](words&, command* c) { c->act = [](const session& s) { s.show("led "); }; }},
     {"beeps", "", "how often it has beeped",
@@ -147,11 +154,13 @@ const std::vector<verb> all = {
        const std::uint64_t wanted = w.at_end() ? 20 : take_count(w);
        c->act = [wanted](const session& s) { s.show_calls(wanted); };
      }},
-    {"events", "[follow] [all] [N]", "the last N entries of the record; all: polls too",
+    {"events", "[--json] [follow] [all] [N]", "the last N entries of the record; all: polls too",
      [](words& w, command* c) {
-       const bool follows = w.take_if("follow"), polls = w.take_if("all");
-       const std::uint64_t wanted = !w.at_end() ? take_count(w) : follows ? 0 : 20;
-       c->act = [=](const session& s) { s.show_record(wanted, polls, follows); };
+       session::events_wanted wanted{w.take_if("--json"), w.take_if("follow"), w.take_if("all"),
+                                     20};
+       if (wanted.follows) wanted.most = 0;
+       if (!w.at_end()) wanted.most = take_count(w);
+       c->act = [wanted](const session& s) { s.show_events(wanted); };
      }},
     {"trace", "on|quiet|off", "prints each call; quiet: but the polls that tell nothing new",
      [](words& w, command* c) {

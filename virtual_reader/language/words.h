@@ -28,6 +28,7 @@ class words {
   std::size_t left() const { return all.size() - next; }
   void take_end() const;
   bool is_next(const std::string& keyword) const { return !at_end() && all[next] == keyword; }
+  bool is_number() const { return !at_end() && all[next][0] >= '0' && all[next][0] <= '9'; }
   bool is_quoted() const { return !at_end() && all[next][0] == '"'; }
   bool take_if(const std::string& keyword) { return is_next(keyword) && ++next; }
   std::string take();  // whatever is next, if it is not in quotes
