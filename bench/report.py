@@ -1,9 +1,8 @@
-"""Runs every measurement, prints the table, puts it into the page and draws the page's picture.
+"""Runs every measurement, prints the table and puts it into the page.
 
 Usage: report.py BUILD_FOLDER PAGE ROUNDS
 """
 
-import math
 import os
 import pathlib
 import platform
@@ -14,7 +13,7 @@ import tempfile
 from typing import NamedTuple
 
 AGENT = "agent"
-TWIN = "twin"
+BASELINE = "baseline"
 CAT = "cat"
 
 
@@ -27,7 +26,7 @@ class Figure(NamedTuple):
     key: str  # as `measure` prints it
     goal: float  # of the agent's ratio to the yardstick; 0: none
     more_is_better: bool = False
-    yardstick: str = TWIN
+    yardstick: str = BASELINE
 
 
 # Figures of one kind, count and CPUs stand together: they are taken in one go.
@@ -99,13 +98,13 @@ def verdict(value, goal, more_is_better=False):
 
 
 def tables(values, servers, alone):
-    yield f"\n| | {' | '.join(servers)} | agent / twin | goal |"
+    yield f"\n| | {' | '.join(servers)} | agent / baseline | goal |"
     yield "|---|" + "--:|" * (len(servers) + 1) + "---|"
     for figure, measured in values.items():
         cells = [number(statistics.median(measured[name])) for name in servers]
         unit = f", {figure.unit}" if figure.unit else ""
-        value = ratio(measured, AGENT, TWIN)
-        own_goal = figure.yardstick == TWIN
+        value = ratio(measured, AGENT, BASELINE)
+        own_goal = figure.yardstick == BASELINE
         yield (f"| {figure.title}{unit} | {' | '.join(cells)} | {value:.2f} "
                + verdict(value, own_goal and figure.goal, figure.more_is_better))
         if not own_goal:
@@ -128,59 +127,6 @@ def replace_table(page, text):
     page.write_text(f"{before}<!-- table -->\n{text}\n<!-- end of table -->\n{after}")
 
 
-STYLE = """
-  text { font: 13px sans-serif; fill: #57606a; }
-  .line { stroke: #8c959f; } .goal { stroke: #bc4c00; stroke-width: 2; }
-  .agent { fill: #0969da; } .relay { fill: #9a6700; }
-  .cat { fill: #8250df; } .scdaemon { fill: #1a7f37; }
-  @media (prefers-color-scheme: dark) {
-    text { fill: #b1bac4; } .goal { stroke: #f0883e; }
-    .agent { fill: #58a6ff; } .relay { fill: #d29922; }
-    .cat { fill: #bc8cff; } .scdaemon { fill: #3fb950; }
-  }"""
-
-
-def draw(values, servers, path):
-    """A row a figure, a dot a server, on a logarithmic axis where the twin is 1."""
-    left, width, row, top = 210, 480, 34, 60
-    low, high = math.log(1 / 32), math.log(32)
-
-    def x(value):
-        return left + width * min(max((math.log(value) - low) / (high - low), 0), 1)
-
-    bottom = top + row * len(values)
-    out = [f'<svg xmlns="http://www.w3.org/2000/svg" role="img"'
-           f' viewBox="0 0 {left + width + 30} {bottom + 30}">'
-           f"<title>The agent and others, against the twin</title><style>{STYLE}\n</style>"]
-    others = [name for name in servers if name != TWIN]
-    for i, name in enumerate(others):
-        out.append(f'<circle class="{name}" cx="{left + 10 + 90 * i}" cy="20" r="5"/>'
-                   f'<text x="{left + 20 + 90 * i}" y="25">{name}</text>')
-    goal_x = left + 10 + 90 * len(others)
-    out.append(f'<path class="goal" d="M{goal_x} 12v16"/>'
-               f'<text x="{goal_x + 8}" y="25">goal of the agent</text>')
-    for tick in (1 / 16, 1 / 4, 1, 4, 16):
-        label = f"{tick:g}" if tick >= 1 else f"1/{1 / tick:g}"
-        at = f"{x(tick):.1f}"
-        dash = "" if tick == 1 else ' stroke-dasharray="2 4"'
-        out.append(f'<path class="line" d="M{at} {top - 10}V{bottom}"{dash}/>'
-                   f'<text x="{at}" y="{bottom + 18}" text-anchor="middle">{label}</text>')
-    for i, (figure, measured) in enumerate(values.items()):
-        y = top + row * i + row // 2
-        hint = " ↑" if figure.more_is_better else ""
-        out.append(f'<text x="{left - 10}" y="{y + 4}" text-anchor="end">'
-                   f"{figure.title}{hint}</text>")
-        if figure.goal:
-            goal = figure.goal * (1 if figure.yardstick == TWIN else
-                                  ratio(measured, figure.yardstick, TWIN))
-            out.append(f'<path class="goal" d="M{x(goal):.1f} {y - 9}v18"/>')
-        for name in reversed(others):
-            value = ratio(measured, name, TWIN)
-            out.append(f'<circle class="{name}" cx="{x(value):.1f}" cy="{y}" r="5">'
-                       f"<title>{name}: {value:.2f} times the twin</title></circle>")
-    path.write_text("\n".join(out) + "\n</svg>\n")
-
-
 def processor():
     lines = pathlib.Path("/proc/cpuinfo").read_text().splitlines()
     return next((line.split(":")[1].strip() for line in lines if line.startswith("model name")),
@@ -193,8 +139,7 @@ def main():
     agent = str(build / "../Stub.app/Contents/MacOS/card-reader-agent")
     servers = {
         AGENT: ("agent", agent),
-        TWIN: ("echo", str(build / "relay"), "twin"),
-        "relay": ("echo", str(build / "relay")),
+        BASELINE: ("echo", str(build / "baseline")),
         CAT: ("echo", "cat"),
         "scdaemon": ("nop", "/usr/lib/gnupg/scdaemon", "--server"),
     }
@@ -216,7 +161,6 @@ def main():
         *tables(values, servers, alone)])
     print(text)
     replace_table(page, text)
-    draw(values, servers, page.with_suffix(".svg"))
 
 
 main()

@@ -78,7 +78,6 @@ foreach(page IN ITEMS
   sdk_page(${page}.md ${page}.md)
 endforeach()
 install(DIRECTORY ${sdk_pages}/ DESTINATION . ${in_sdk})
-install(FILES ${PROJECT_SOURCE_DIR}/docs/performance.svg DESTINATION docs ${in_sdk})
 
 # For whoever puts another library into the bundle, and signs it after.
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/macos/sign-ad-hoc DESTINATION packaging/macos ${in_sdk})

@@ -1,12 +1,8 @@
-// What the agent's shape costs by itself: as its twin, the yardstick of the agent. Like the agent
-// it has a reading, a working and a writing thread, two locks with a condition variable each, one
-// item at a time through the first and batches, written under the lock, through the second. It
-// echoes lines and does nothing else.
-//
-//   relay         takes one item at a time and notifies for every line
-//   relay twin    hands over as the agent does: it takes all items that wait at once, notifies for
-//                 the first line of an empty queue or batch only, and its work has a deadline to
-//                 wait for
+// The baseline that the agent is measured against: what its shape costs by itself. Like the agent
+// it has a reading, a working and a writing thread, two locks with a condition variable each, and
+// hands over as the agent does: the worker takes all waiting items at once and waits with a
+// deadline; only the first item of an empty queue and the first line of an empty batch wake
+// anybody; batches are written under the lock. It echoes lines and does nothing else.
 #include <unistd.h>
 
 #include <chrono>
@@ -20,8 +16,6 @@
 
 namespace {
 
-bool is_twin = false;  // set before the threads start
-
 std::mutex queue_mutex;
 std::condition_variable queue_cond;
 std::deque<std::string> queue;
@@ -34,24 +28,24 @@ bool stopped = false;  // guarded by batch_mutex
 
 void read_lines() {
   static char block[16 * 1024];
-  std::string begun;  // a line whose end is not read yet
+  std::string partial;  // a line whose end is not read yet
   for (ssize_t size; (size = read(STDIN_FILENO, block, sizeof block)) > 0;) {
     const char* at = block;
     const char* const end = block + size;
     while (const void* found = std::memchr(at, '\n', static_cast<std::size_t>(end - at))) {
-      const char* const line_feed = static_cast<const char*>(found);
-      begun.append(at, line_feed);
-      at = line_feed + 1;
+      const char* const newline = static_cast<const char*>(found);
+      partial.append(at, newline);
+      at = newline + 1;
       bool was_empty = false;
       {
         std::lock_guard<std::mutex> lock(queue_mutex);
         was_empty = queue.empty();
-        queue.push_back(std::move(begun));
+        queue.push_back(std::move(partial));
       }
-      if (was_empty || !is_twin) queue_cond.notify_one();
-      begun.clear();
+      if (was_empty) queue_cond.notify_one();
+      partial.clear();
     }
-    begun.append(at, end);
+    partial.append(at, end);
   }
   {
     std::lock_guard<std::mutex> lock(queue_mutex);
@@ -67,16 +61,12 @@ void push_line(std::string&& line) {
     was_empty = batch.empty();
     batch.push_back(std::move(line));
   }
-  if (was_empty || !is_twin) batch_cond.notify_one();
+  if (was_empty) batch_cond.notify_one();
 }
 
 void await_item(std::unique_lock<std::mutex>& lock) {
   const auto is_due = [] { return ended || !queue.empty(); };
-  if (is_twin) {
-    while (!queue_cond.wait_for(lock, std::chrono::seconds(10), is_due)) continue;
-  } else {
-    queue_cond.wait(lock, is_due);
-  }
+  while (!queue_cond.wait_for(lock, std::chrono::seconds(10), is_due)) continue;
 }
 
 void work() {
@@ -85,16 +75,9 @@ void work() {
   for (;;) {
     await_item(lock);
     if (queue.empty()) break;
-    if (is_twin) {
-      taken.swap(queue);
-      lock.unlock();
-      for (; !taken.empty(); taken.pop_front()) push_line(std::move(taken.front()));
-    } else {
-      std::string line = std::move(queue.front());
-      queue.pop_front();
-      lock.unlock();
-      push_line(std::move(line));
-    }
+    taken.swap(queue);
+    lock.unlock();
+    for (; !taken.empty(); taken.pop_front()) push_line(std::move(taken.front()));
     lock.lock();
   }
   {
@@ -139,8 +122,7 @@ void write_batches() {
 
 }  // namespace
 
-int main(int argc, char* argv[]) {
-  is_twin = argc > 1 && std::strcmp(argv[1], "twin") == 0;
+int main() {
   std::thread reader(read_lines);
   std::thread writer(write_batches);
   work();
