@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <iterator>
 
 #include "execute.h"
 #include "outcome.h"
@@ -40,9 +41,11 @@ int main(int count, char** arguments) try {
     return passed;
   }
   if (chosen->help || chosen->version) return passed;
-  return chosen->execute
-             ? execute(chosen_socket_path(*chosen, false), *chosen->execute, chosen->timeout)
-             : run(*chosen);
+  if (!chosen->execute) return run(*chosen);
+  const bool is_input = *chosen->execute == "-";
+  const std::string verbs =
+      is_input ? std::string(std::istreambuf_iterator<char>(std::cin), {}) : *chosen->execute;
+  return execute(chosen_socket_path(*chosen, false), verbs, chosen->timeout);
 } catch (const std::exception& error) {
   std::cerr << "virtual-reader: " << error.what() << std::endl;
   return virtual_reader::wrong_usage;

@@ -25,7 +25,8 @@ const char usage[] =
     "  --replay FILE    answers as the library did of which FILE is a recording\n"
     "  --speed N        N times as fast as it did\n"
     "  --to-scenario FILE  prints a recording as verbs\n"
-    "  --execute VERB      has a reader that runs carry the verb out\n"
+    "  --execute VERB      has a reader that runs carry the verb out; `-` reads verbs from "
+    "standard input\n"
     "  --version, --help\n"
     "Status 0: all held; 1: an expectation failed; 2: wrong usage or a wrong line in FILE;\n"
     "3: the host failed; 4: the limit ran out, or it was interrupted.\n";
