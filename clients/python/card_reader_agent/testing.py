@@ -1,167 +1,233 @@
-"""A virtual reader for the tests of a host: plugged in when it is made, ruled by its methods.
+"""Virtual readers for tests of applications, and a stub reader for their unit tests.
 
     with VirtualReader() as reader:
-        host = subprocess.Popen(["my-host"], env=reader.env)
+        app = subprocess.Popen(["my-app"], env=reader.env)
         reader.hold("3AB1234/26")
         reader.expect("led green", within=2)
 
-What it does is told by its program, `virtual-reader`, whose README has the verbs and patterns. Each
-method runs that program once and returns when the verb is carried out; in a coroutine use
-`await asyncio.to_thread(reader.expect, "led green")`, or the host under test waits too. Any thread
-may call them.
+The program `virtual-reader` does the work; its pages describe the verbs and patterns. Each method
+executes one verb and returns when it is done. In a coroutine use `AsyncVirtualReader`, which has the
+same methods to be awaited. Any thread may call the methods of `VirtualReader`.
 """
 
 from __future__ import annotations
 
+import asyncio
 import os
 import shutil
 import subprocess
 import tempfile
 import threading
-from collections.abc import Mapping
-from contextlib import suppress
-from types import TracebackType
+import time
+from collections.abc import Awaitable, Mapping, Sequence
+from functools import partial
+from typing import Generic, TypeVar
 
-STARTING = 10.0  # seconds that the program may take
-ENDING = 5.0
+START_TIMEOUT = 10.0  # seconds
+EXIT_TIMEOUT = 5.0
+
+Done = TypeVar("Done")
 
 
 class VirtualReaderError(AssertionError):
-    """A verb was wrong or an expectation not met; the message is the virtual reader's."""
+    """A verb was wrong or an expectation failed; the message is the virtual reader's."""
 
 
-class VirtualReader:
-    """One virtual reader with a private socket. It ends with this process at the latest."""
+class _Verbs(Generic[Done]):
+    """The verbs as methods. `Done` is what they return: nothing, or something to await."""
+
+    def _run(self, verb: str) -> Done:
+        raise NotImplementedError
+
+    def plug(self) -> Done:
+        return self._run("plug")
+
+    def unplug(self) -> Done:
+        return self._run("unplug")
+
+    def replug(self) -> Done:
+        return self._run("replug")
+
+    def queue(self, *cards: str) -> Done:
+        """Present cards ("HEX/BITS"), each for one poll."""
+        return self._run(f"card queue {' '.join(cards)}")
+
+    def hold(self, card: str) -> Done:
+        """Hold a card ("HEX/BITS") on the reader until `remove`."""
+        return self._run(f"card hold {card}")
+
+    def remove(self) -> Done:
+        """Take the held card away."""
+        return self._run("card remove")
+
+    def fail(self, call: str, *, error: int | None = None, when: str = "") -> Done:
+        """Make a library call fail: the next one, or as `when` says, for instance "always"."""
+        number = "" if error is None else f"error {error}"
+        return self._run(f"fail {call} {number} {when}")
+
+    def hang(self, call: str, *, when: str = "") -> Done:
+        """Make a library call hang until `release`."""
+        return self._run(f"hang {call} {when}")
+
+    def delay(self, call: str, seconds: float, *, when: str = "") -> Done:
+        """Make a library call take so long, each time unless `when` says otherwise."""
+        return self._run(f"delay {call} {round(seconds * 1000)} {when}")
+
+    def release(self) -> Done:
+        """Let the calls that hang or are delayed return."""
+        return self._run("release")
+
+    def clear(self) -> Done:
+        """Drop the faults that `fail`, `hang` and `delay` have set."""
+        return self._run("clear")
+
+    def expect(self, pattern: str, *, within: float = 5.0) -> Done:
+        """Wait up to `within` seconds for an event after the one expected before; raise
+        VirtualReaderError, an AssertionError, if none matches.
+        """
+        return self._run(f"expect {pattern} within {round(within * 1000)}")
+
+    def expect_no(self, pattern: str, *, within: float = 0.5) -> Done:
+        """Raise VirtualReaderError if such an event occurs within so many seconds."""
+        return self._run(f"expect no {pattern} within {round(within * 1000)}")
+
+
+class VirtualReader(_Verbs[None]):
+    """One virtual reader with a private socket, plugged in. It ends with this process at the latest."""
 
     env: Mapping[str, str]
-    """For the agent or the host under test: this process's environment, with the reader's socket."""
+    """For the agent or the application under test: this process's environment and the socket."""
+    process: subprocess.Popen[bytes]
+    socket: str
 
-    def __init__(self, program: str | os.PathLike[str] | None = None, *, plugged: bool = True) -> None:
-        """`program` is by default $VIRTUAL_READER, or else `virtual-reader` on the path. Raises
-        OSError when it can't be run, VirtualReaderError when it does not answer.
+    def __init__(
+        self,
+        program: str | os.PathLike[str] | None = None,
+        *,
+        plugged: bool = True,
+        arguments: Sequence[str | os.PathLike[str]] = (),
+    ) -> None:
+        """`program` is by default $VIRTUAL_READER, or else `virtual-reader` on the path; `arguments`
+        are appended to its command line. Raises OSError when it cannot be run, VirtualReaderError
+        when it does not answer.
         """
         self._program = os.fspath(program or os.environ.get("VIRTUAL_READER") or "virtual-reader")
         self._folder = tempfile.mkdtemp(prefix="reader-")
-        self._socket = os.path.join(self._folder, "reader.sock")
-        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self._socket}
-        self._answered = threading.Event()
+        self.socket = os.path.join(self._folder, "reader.sock")
+        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self.socket}
+        self._output: list[bytes] = []
+        unplugged = [] if plugged else ["--unplugged"]
         try:
-            self._process = subprocess.Popen(
-                [self._program, "--socket", self._socket, *([] if plugged else ["--unplugged"])],
-                bufsize=0,
+            self.process = subprocess.Popen(
+                [self._program, "--socket", self.socket, *unplugged, *arguments],
                 stdin=subprocess.PIPE,
                 stdout=subprocess.PIPE,
             )
         except OSError:
             shutil.rmtree(self._folder, ignore_errors=True)
             raise
-        self._listener = threading.Thread(target=self._listen, daemon=True)
-        self._listener.start()
-        assert self._process.stdin
-        with suppress(BrokenPipeError):  # it has ended
-            self._process.stdin.write(b'echo "ready"\n')
-        if not self._answered.wait(STARTING) or self._process.poll() is not None:
+        assert self.process.stdout
+        self._collector = threading.Thread(
+            target=self._output.extend, args=(self.process.stdout,), daemon=True
+        )
+        self._collector.start()
+        try:
+            self._wait_until_it_listens()
+        except BaseException:
             self.close()
-            raise VirtualReaderError(f"no answer from {self._program}")
+            raise
+
+    @property
+    def output(self) -> str:
+        """The program's standard output so far."""
+        return b"".join(self._output).decode(errors="surrogateescape")
 
     def close(self) -> None:
-        """Pulls the reader out and ends it."""
-        if self._process.stdin:
-            self._process.stdin.close()
+        """Unplug the reader and end it."""
+        if self.process.stdin and not self.process.stdin.closed:
+            self.process.stdin.close()
         try:
-            self._process.wait(ENDING)
+            self.process.wait(EXIT_TIMEOUT)
         except subprocess.TimeoutExpired:
-            self._process.kill()
-            self._process.wait()
-        self._listener.join()
+            self.process.kill()
+            self.process.wait()
+        self._collector.join(EXIT_TIMEOUT)
+        if self.process.stdout and not self._collector.is_alive():
+            self.process.stdout.close()
         shutil.rmtree(self._folder, ignore_errors=True)
 
     def __enter__(self) -> VirtualReader:
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
+    def __exit__(self, *_: object) -> None:
         self.close()
 
     def execute(self, verb: str) -> str:
-        """Has the verb carried out and returns what it answers, a line feed behind each line."""
-        told = subprocess.run(
-            [self._program, "--socket", self._socket, "--execute", verb],
+        """Execute a verb and return its answer, a newline after each line."""
+        result = subprocess.run(
+            [self._program, "--socket", self.socket, "--execute", verb],
             stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
+            capture_output=True,
             text=True,
             errors="surrogateescape",
         )
-        if told.returncode:
-            raise VirtualReaderError(told.stderr.strip())
-        return told.stdout
-
-    def plug(self) -> None:
-        self.execute("plug")
-
-    def unplug(self) -> None:
-        self.execute("unplug")
-
-    def replug(self) -> None:
-        self.execute("replug")
-
-    def queue(self, *cards: str) -> None:
-        """Cards, "HEX/BITS" each, that are shown one after the other, for one poll each."""
-        self.execute(f"card queue {' '.join(cards)}")
-
-    def hold(self, card: str) -> None:
-        """A card, "HEX/BITS", that stays until `remove`."""
-        self.execute(f"card hold {card}")
-
-    def remove(self) -> None:
-        """Takes the held card away."""
-        self.execute("card remove")
-
-    def fail(self, call: str, *, error: int | None = None, when: str = "") -> None:
-        """The library's call fails: the next one, or as `when` says, such as "always"."""
-        number = "" if error is None else f"error {error}"
-        self.execute(f"fail {call} {number} {when}")
-
-    def hang(self, call: str, *, when: str = "") -> None:
-        """The library's call does not return until `release`."""
-        self.execute(f"hang {call} {when}")
-
-    def delay(self, call: str, seconds: float, *, when: str = "") -> None:
-        """The library's call takes that long, each time if `when` does not tell."""
-        self.execute(f"delay {call} {round(seconds * 1000)} {when}")
-
-    def release(self) -> None:
-        """Ends the calls that hang or are delayed just now."""
-        self.execute("release")
-
-    def clear(self) -> None:
-        """Drops what `fail`, `hang` and `delay` have set."""
-        self.execute("clear")
-
-    def expect(self, pattern: str, *, within: float = 5.0) -> None:
-        """Waits, so many seconds at most, for what comes behind the expectation before; raises
-        VirtualReaderError, which is an AssertionError, when it does not come.
-        """
-        self.execute(f"expect {pattern} within {round(within * 1000)}")
-
-    def expect_no(self, pattern: str, *, within: float = 0.5) -> None:
-        """Raises VirtualReaderError when it comes within so many seconds."""
-        self.execute(f"expect no {pattern} within {round(within * 1000)}")
+        if result.returncode:
+            raise VirtualReaderError(result.stderr.strip())
+        return result.stdout
 
     def events(self, count: int = 1_000_000) -> list[str]:
-        """The last entries of what has happened, by default all."""
+        """The last events of the event log, by default all."""
         return self.execute(f"events {count}").splitlines()
 
-    def _listen(self) -> None:
-        """Takes what the program prints off its pipe, up to the end."""
-        assert self._process.stdout
-        with self._process.stdout as lines:
-            for line in lines:
-                if line == b"= ready\n":
-                    self._answered.set()
-        self._answered.set()  # it has ended, whatever it said
+    def _run(self, verb: str) -> None:
+        self.execute(verb)
+
+    def _wait_until_it_listens(self) -> None:
+        deadline = time.monotonic() + START_TIMEOUT
+        while True:
+            try:
+                self.execute("events 1")
+                return
+            except VirtualReaderError as error:
+                if self.process.poll() is not None or time.monotonic() > deadline:
+                    raise VirtualReaderError(f"no answer from {self._program}: {error}") from None
+            time.sleep(0.01)
+
+
+class AsyncVirtualReader(_Verbs[Awaitable[None]]):
+    """A `VirtualReader` for coroutines: started by `async with`, its methods awaited.
+
+    Cancelling an `expect` leaves it waiting in the background for the rest of its time.
+    """
+
+    reader: VirtualReader
+    """The same reader, for `env`, `socket`, `process` and `output`."""
+
+    def __init__(
+        self,
+        program: str | os.PathLike[str] | None = None,
+        *,
+        plugged: bool = True,
+        arguments: Sequence[str | os.PathLike[str]] = (),
+    ) -> None:
+        self._new_reader = partial(VirtualReader, program, plugged=plugged, arguments=arguments)
+
+    @property
+    def env(self) -> Mapping[str, str]:
+        return self.reader.env
+
+    async def execute(self, verb: str) -> str:
+        return await asyncio.get_running_loop().run_in_executor(None, self.reader.execute, verb)
+
+    async def events(self, count: int = 1_000_000) -> list[str]:
+        return (await self.execute(f"events {count}")).splitlines()
+
+    async def _run(self, verb: str) -> None:
+        await self.execute(verb)
+
+    async def __aenter__(self) -> AsyncVirtualReader:
+        self.reader = await asyncio.get_running_loop().run_in_executor(None, self._new_reader)
+        return self
+
+    async def __aexit__(self, *_: object) -> None:
+        await asyncio.get_running_loop().run_in_executor(None, self.reader.close)
