@@ -7,9 +7,9 @@
 
 #include <cstdint>
 
-#include "device.h"
+#include "control.h"
 #include "fuzzing.h"
-#include "serve_teller.h"
+#include "server.h"
 
 namespace {
 
@@ -35,8 +35,9 @@ bool is_closed_by_peer(int socket) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static std::atomic<std::uint64_t> cursor{1};
-  static device reader(socket_path(), true, [](int socket, const std::function<bool()>& is_over) {
-    serve_teller(socket, is_over, reader, cursor, {});
+  static device reader;
+  static server listening(reader, socket_path(), [](int socket, const auto& is_over) {
+    serve_control(socket, is_over, reader, cursor, {});
   });
   if (size == 0) return 0;
 
@@ -44,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(link.number >= 0, "it accepts a connection");
   if (data[0] % 4 != 0) {
     const auto peer =
-        exchange_greetings(link.number, data[0] % 4 == 3 ? teller_greeting : agent_greeting);
+        exchange_greetings(link.number, data[0] % 4 == 3 ? control_greeting : agent_greeting);
     require(peer && peer->version == protocol_version, "it returns a greeting");
   }
   send_bytes(link.number, data + 1, size - 1, in(message_limit));  // it may hang up on the way

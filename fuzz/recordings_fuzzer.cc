@@ -6,7 +6,7 @@
 
 #include "fuzzing.h"
 #include "replay.h"
-#include "to_scenario.h"
+#include "scenario.h"
 #include "verbs.h"
 
 namespace {
@@ -21,22 +21,22 @@ class player {
   explicit player(const std::vector<recorded_call>& calls) : recording(calls) {}
 
   // Returns the rules for the call, and what it fetched.
-  std::pair<std::vector<rule>, std::vector<std::int64_t>> make(const recorded_call& wanted) {
+  std::pair<std::vector<fault>, std::vector<std::int64_t>> make(const recorded_call& wanted) {
     call asked;
     asked.agent = agent;
     asked.name = wanted.name;
     asked.arguments = wanted.arguments;
     auto due = recording.prepare(asked, &playing);
-    playing.carry_out(&asked);
+    playing.run(&asked);
     return {std::move(due), std::move(asked.result.numbers)};
   }
   bool has_told(const std::string& what) const {
     const auto is_it = [&](const auto& entry) { return entry.text.rfind(what, 0) == 0; };
-    return !happened.last(1, is_it).empty();
+    return !log.last(1, is_it).empty();
   }
 
-  record happened;
-  reader playing{happened};
+  event_log happened;
+  reader playing{log};
 
  private:
   replay recording;
@@ -48,10 +48,10 @@ void play_as_it_was(const std::vector<recorded_call>& calls) {
     const bool is_connected = same.playing.holder == agent;
     const auto [due, fetched] = same.make(each);
     bool fails = false, hangs = false;
-    for (const rule& one : due) {
-      fails |= one.what == rule::kind::fail;
-      hangs |= one.what == rule::kind::hang;
-      require(one.time <= rule::longest, "no call takes longer than a rule can say");
+    for (const fault& one : due) {
+      fails |= one.what == fault::kind::fail;
+      hangs |= one.what == fault::kind::hang;
+      require(one.time <= fault::longest, "no call takes longer than a rule can say");
       require(one.length <= static_cast<std::int64_t>(one.text.size()), "no text is told too long");
     }
     require(fails == each.has_failed() && hangs != each.has_ended, "a call ends as it did");
@@ -71,7 +71,7 @@ void play_as_it_was(const std::vector<recorded_call>& calls) {
 void play_otherwise(const std::vector<recorded_call>& calls) {
   player other(calls);
   for (auto each = calls.rbegin(); each != calls.rend(); ++each) other.make(*each);
-  for (const auto& entry : other.happened.last(100, [](const auto&) { return true; })) {
+  for (const auto& entry : other.log.last(100, [](const auto&) { return true; })) {
     require(entry.text.find('\n') == std::string::npos, "an entry is one line");
   }
 }

@@ -20,10 +20,9 @@ std::string in_words(const reader& now) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const scratch_folder folder;
-  static device reader(folder.path + "/socket");
-  std::atomic<std::uint64_t> cursor{reader.happened.end()};
-  surroundings around;
+  static device reader;
+  std::atomic<std::uint64_t> cursor{reader.log.end()};
+  session_callbacks around;
   around.answer = [](const std::string& line) {
     require(line.find('\n') == std::string::npos, "it answers line by line");
   };
@@ -33,23 +32,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
   for (std::string line; std::getline(input, line);) {
-    const std::string before = reader.look(in_words);
+    const std::string before = reader.read(in_words);
     completions(line);
     try {
-      told.carry_out(line);
-    } catch (const bad_line& error) {
+      told.execute(line);
+    } catch (const syntax_error& error) {
       require(std::string(error.what()).find('\n') == std::string::npos, "an error is one line");
-      require(reader.look(in_words) == before, "a wrong verb changes nothing");
+      require(reader.read(in_words) == before, "a wrong verb changes nothing");
     } catch (const failed_expectation&) {
-    } catch (const interruption&) {
+    } catch (const cancelled&) {
     }
   }
-  for (const auto& entry : reader.happened.last(100, [](const auto&) { return true; })) {
+  for (const auto& entry : reader.log.last(100, [](const auto&) { return true; })) {
     require(entry.text.find('\n') == std::string::npos, "an entry is one line");
-    const auto read = parse_entry(to_text(static_cast<const entry_line&>(entry)));
+    const auto read = parse_event(to_text(static_cast<const event_line&>(entry)));
     require(read && read->text == entry.text && read->time == entry.time, "it can be read back");
   }
-  reader.change([&](auto& now) {
+  reader.modify([&](auto& now) {
     now.unplug(), now.plug(), now.hold({});
     now.queue = {}, now.faults.clear();
     now.part_number.reset();

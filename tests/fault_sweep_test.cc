@@ -11,7 +11,7 @@
 namespace {
 
 using lines = std::vector<std::string>;
-using virtual_reader::rule;
+using virtual_reader::fault;
 
 const agent_process::environment quick = {{"SEARCH_MS", "2"}, {"POLL_MS", "2"}};
 
@@ -27,8 +27,8 @@ const std::regex known_line(
 class session {
  public:
   // With a fault, or none for the call "".
-  explicit session(const rule& fault)
-      : is_whole(fault.call.empty()), r({"card queue 3AB1234/26"}, QUICK_AGENT, quick, fault) {}
+  explicit session(const fault& injected)
+      : is_whole(injected.call.empty()), r({"card queue 3AB1234/26"}, QUICK_AGENT, quick, injected) {}
 
   // Plays the session and returns the library calls that it made.
   lines play() {
@@ -51,7 +51,7 @@ class session {
     for (const std::string& line : r.agent->remaining_lines()) check(line);
     EXPECT_EQ(r.agent->wait(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - closed, std::chrono::seconds(1));
-    EXPECT_EQ(r.reader.look([](const auto& reader) { return reader.faults.list().size(); }), 0u)
+    EXPECT_EQ(r.reader.read([](const auto& reader) { return reader.faults.list().size(); }), 0u)
         << "the fault never came up";
     return r.calls();
   }
@@ -111,7 +111,7 @@ class session {
 std::vector<std::pair<std::string, std::uint64_t>> calls_to_fault() {
   std::vector<std::pair<std::string, std::uint64_t>> chosen;
   std::map<std::string, std::uint64_t> seen;
-  for (const std::string& call : session(rule{}).play()) {
+  for (const std::string& call : session(fault{}).play()) {
     const std::string name = call.substr(0, call.find(' '));
     if (++seen[name] <= 3) chosen.emplace_back(name, seen[name]);
   }
@@ -122,15 +122,15 @@ TEST(FaultSweep, EveryCommandIsAnsweredWhateverCallFails) {
   const auto calls = calls_to_fault();
   ASSERT_GE(calls.size(), 30u);
   for (const auto& [name, occurrence] : calls) {
-    for (const rule::kind kind : {rule::kind::fail, rule::kind::vanish, rule::kind::delay}) {
-      rule fault{};
-      fault.what = kind;
-      fault.call = name;
-      fault.first = fault.last = occurrence;
-      fault.time = std::chrono::milliseconds(10);
+    for (const fault::kind kind : {fault::kind::fail, fault::kind::vanish, fault::kind::delay}) {
+      fault injected{};
+      injected.what = kind;
+      injected.call = name;
+      injected.first = injected.last = occurrence;
+      injected.time = std::chrono::milliseconds(10);
       SCOPED_TRACE(name + " " + std::to_string(occurrence) + " fault " +
                    std::to_string(static_cast<int>(kind)));
-      session(fault).play();
+      session(injected).play();
     }
   }
 }

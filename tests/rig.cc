@@ -5,10 +5,10 @@
 #include "session.h"
 
 rig::rig(const std::vector<std::string>& verbs, const std::string& agent_executable,
-         agent_process::environment agent_variables, const virtual_reader::rule& fault)
-    : executable(agent_executable), variables(std::move(agent_variables)), reader(socket()) {
+         agent_process::environment agent_variables, const virtual_reader::fault& fault)
+    : executable(agent_executable), variables(std::move(agent_variables)) {
   for (const std::string& verb : verbs) run(verb);
-  if (!fault.call.empty()) reader.change([&](auto& r) { r.faults.add(fault); });
+  if (!fault.call.empty()) reader.modify([&](auto& r) { r.faults.add(fault); });
   variables["VIRTUAL_READER_SOCKET"] = socket();
   start_agent();
 }
@@ -20,11 +20,11 @@ void rig::start_agent() {
 
 void rig::run(const std::string& verb) {
   std::atomic<std::uint64_t> cursor{1};
-  virtual_reader::surroundings around;
+  virtual_reader::session_callbacks around;
   around.answer = [](const std::string&) {};
   const virtual_reader::session told(reader, cursor, around);
   try {
-    told.carry_out(verb);
+    told.execute(verb);
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(verb + ": " + error.what());
   }
@@ -33,8 +33,8 @@ void rig::run(const std::string& verb) {
 std::vector<std::string> rig::calls() const {
   const std::string head = "call ";
   std::vector<std::string> all;
-  for (std::uint64_t next = 1; next < reader.happened.end();) {
-    for (const auto& entry : reader.happened.read(next)) {
+  for (std::uint64_t next = 1; next < reader.log.end();) {
+    for (const auto& entry : reader.log.read(next)) {
       next = entry.end();
       if (entry.text.rfind(head, 0) != 0) continue;
       all.insert(all.end(), entry.count, entry.text.substr(head.size()));
@@ -57,8 +57,8 @@ bool rig::wait_for_call(const std::string& name, std::uint64_t count) const {
     return waiting;
   };
   for (;;) {
-    const std::uint64_t next = reader.happened.end();
-    if (call_count(name) + reader.look(is_waiting) >= count) return true;
-    if (!reader.happened.wait(next, until, nullptr)) return false;
+    const std::uint64_t next = reader.log.end();
+    if (call_count(name) + reader.read(is_waiting) >= count) return true;
+    if (!reader.log.wait(next, until, nullptr)) return false;
   }
 }

@@ -6,14 +6,14 @@
 #include <vector>
 
 #include "agent_process.h"
-#include "device.h"
 #include "scratch_folder.h"
+#include "server.h"
 
 class rig {
  public:
   // Carries out the verbs, sets the fault if it names a call, and then starts the agent.
   explicit rig(const std::vector<std::string>& verbs = {}, const std::string& executable = AGENT,
-               agent_process::environment variables = {}, const virtual_reader::rule& fault = {});
+               agent_process::environment variables = {}, const virtual_reader::fault& fault = {});
 
   // Carries out one verb of the virtual reader; it must be a right one.
   void run(const std::string& verb);
@@ -38,5 +38,10 @@ class rig {
 
  public:
   virtual_reader::device reader;
+
+ private:
+  virtual_reader::server listening{reader, socket()};
+
+ public:
   std::unique_ptr<agent_process> agent;
 };

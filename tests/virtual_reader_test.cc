@@ -11,10 +11,10 @@
 #include <future>
 #include <thread>
 
+#include "control.h"
 #include "pc_prox_api.h"
 #include "process_figures.h"
 #include "rig.h"
-#include "serve_teller.h"
 #include "session.h"
 #include "socket_path.h"
 
@@ -93,16 +93,21 @@ class loaded_library {
   void* handle;
 };
 
+struct served_device : device {
+  explicit served_device(const std::string& path) : listening(*this, path) {}
+  server listening;
+};
+
 // Carries out a line of verbs, and returns what was wrong with it.
 std::string tell(device& reader, const std::string& line,
                  std::atomic<std::uint64_t>* cursor = nullptr, lines* answers = nullptr) {
   std::atomic<std::uint64_t> beginning{1};
-  surroundings around;
+  session_callbacks around;
   around.answer = [&](const std::string& answer) {
     if (answers) answers->push_back(answer);
   };
   try {
-    session(reader, cursor ? *cursor : beginning, around).carry_out(line);
+    session(reader, cursor ? *cursor : beginning, around).execute(line);
     return "";
   } catch (const std::runtime_error& error) {
     return error.what();
@@ -110,8 +115,8 @@ std::string tell(device& reader, const std::string& line,
 }
 
 // Null, and why, if it can't start.
-std::unique_ptr<device> start(const std::string& path, std::string* failure) try {
-  return std::make_unique<device>(path);
+std::unique_ptr<served_device> start(const std::string& path, std::string* failure) try {
+  return std::make_unique<served_device>(path);
 } catch (const std::runtime_error& error) {
   *failure = error.what();
   return nullptr;
@@ -120,7 +125,7 @@ std::unique_ptr<device> start(const std::string& path, std::string* failure) try
 // The fuzzer sends all kinds of bytes; these peers wait and do not hang up.
 TEST(VirtualReader, OutlivesPeersThatWait) {
   const scratch_folder folder;
-  device reader(folder.path + "/socket");
+  served_device reader(folder.path + "/socket");
   std::vector<std::unique_ptr<descriptor>> peers;
   for (const std::string& sent :
        {std::string(), other_greeting, right_greeting + bytes_of({100, 1}),
@@ -171,7 +176,7 @@ TEST(VirtualReader, IsNoReaderToTheLibraryWhenItTalksNonsense) {
   };
   for (const auto& row : rows) {
     const scratch_folder folder;
-    entrance door(folder.path + "/socket");
+    listener door(folder.path + "/socket");
     std::atomic<bool> over{false};
     std::thread listener([&] {
       std::vector<std::unique_ptr<descriptor>> links;
@@ -197,29 +202,28 @@ TEST(VirtualReader, IsNoReaderToTheLibraryWhenItTalksNonsense) {
 TEST(VirtualReader, EndsWhateverThoseDoWhoTellIt) {
   const scratch_folder folder;
   std::atomic<std::uint64_t> cursor{1};
-  device* told = nullptr;
-  device reader(folder.path + "/socket", true, [&](int socket, const auto& is_over) {
-    serve_teller(socket, is_over, *told, cursor, {});
-  });
-  told = &reader;
-  for (int i = 0; i < 20'000; ++i) reader.happened.add(0, "led " + std::to_string(i));
+  device reader;
+  auto listening = std::make_unique<server>(
+      reader, folder.path + "/socket",
+      [&](int socket, const auto& is_over) { serve_control(socket, is_over, reader, cursor, {}); });
+  for (int i = 0; i < 20'000; ++i) reader.log.add(0, "led " + std::to_string(i));
   std::vector<std::unique_ptr<descriptor>> peers;
   for (const std::string verb : {"expect reset within 60000", "events follow 20000"}) {
     peers.push_back(std::make_unique<descriptor>(connect_to(folder.path + "/socket")));
     const int peer = peers.back()->number;
-    ASSERT_TRUE(exchange_greetings(peer, teller_greeting));
+    ASSERT_TRUE(exchange_greetings(peer, control_greeting));
     ASSERT_TRUE(send_message(peer, {{}, {"echo \"x\"\n" + verb}}, in(patience)));
     ASSERT_TRUE(receive_message(peer, telling_size_limit, in(patience)));
     ASSERT_TRUE(send_bytes(peer, "more", 4, in(patience)));  // and reads nothing
   }
   const auto start = std::chrono::steady_clock::now();
-  reader.end();
+  listening.reset();
   EXPECT_LT(std::chrono::steady_clock::now() - start, message_limit - greeting_limit);
 }
 
 TEST(VirtualReader, IsHeldByOneAgentAtATime) {
   const scratch_folder folder;
-  auto reader = std::make_unique<device>(folder.path + "/socket");
+  auto reader = std::make_unique<served_device>(folder.path + "/socket");
   auto first = std::make_unique<loaded_library>(folder);
   const loaded_library second(folder);
   EXPECT_EQ(first->connect(), 1);
@@ -241,7 +245,7 @@ TEST(VirtualReader, IsHeldByOneAgentAtATime) {
 
 TEST(VirtualReader, CanBePulledOutDuringACall) {
   const scratch_folder folder;
-  device reader(folder.path + "/socket");
+  served_device reader(folder.path + "/socket");
   std::atomic<std::uint64_t> cursor{1};
   const loaded_library library(folder);
   for (const std::string fault : {"hang BeepNow", "delay BeepNow 60000 once", "vanish BeepNow"}) {
@@ -268,7 +272,7 @@ TEST(VirtualReader, TakesOverItsSocketOnlyFromWhatHasEnded) {
   EXPECT_EQ(start(folder.path + "/none/socket", &why), nullptr);
   EXPECT_EQ(start(folder.path + std::string(200, 'x'), &why), nullptr);
   {
-    const device ended(path);
+    const served_device ended(path);
     EXPECT_EQ(link(path.c_str(), left.c_str()), 0);
   }
   EXPECT_NE(access(path.c_str(), F_OK), 0) << "removed at the end";
@@ -292,7 +296,7 @@ TEST(VirtualReader, TakesOverItsSocketOnlyFromWhatHasEnded) {
   EXPECT_FALSE(default_socket_path_is_private()) << "a link may lead elsewhere tomorrow";
   unsetenv("XDG_RUNTIME_DIR");
   {
-    const device robbed(path);
+    const served_device robbed(path);
     EXPECT_EQ(unlink(path.c_str()), 0);
     std::ofstream(path) << "somebody else's";
   }
@@ -313,13 +317,13 @@ TEST(VirtualReader, SaysWhatIsWrongWithALine) {
       {"fail BeepNow at 0", "'0' is no number from 1"},
       {"fail BeepNow once once", "right would be: fail CALL"},
       {R"(send "a\nb")", "a command is one line"},
-      {"again", "only a file can begin anew"},
+      {"loop", "only a file can begin anew"},
       {"quit \"\"", "right would be: quit"},
       {"expect led gren", "no entry of the record has 'gren' there, did you mean 'green'?"},
       {" # a comment", ""},
   };
   const scratch_folder folder;
-  device reader(folder.path + "/socket");
+  served_device reader(folder.path + "/socket");
   for (const auto& [line, error] : rows) {
     const std::string came = tell(reader, line);
     EXPECT_EQ(came.substr(0, error.empty() ? came.npos : error.size()), error) << line;
@@ -447,7 +451,7 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
   for (const auto& [what, steps] : rows) {
     SCOPED_TRACE(what);
     const scratch_folder folder;
-    device reader(folder.path + "/socket");
+    served_device reader(folder.path + "/socket");
     const loaded_library library(folder);
     ASSERT_EQ(library.connect(), 1);
     std::atomic<std::uint64_t> cursor{1};
@@ -474,7 +478,7 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
 
 TEST(VirtualReader, RecordsWhatHappensInOrder) {
   const scratch_folder folder;
-  device reader(folder.path + "/socket");
+  served_device reader(folder.path + "/socket");
   for (const std::string verb :
        {"card hold 3/2 # held", "say BeepNow \"a\\n\" length 1", "hang BeepNow times 2"}) {
     ASSERT_EQ(tell(reader, verb), "");
@@ -528,10 +532,10 @@ TEST(VirtualReader, RecordsWhatHappensInOrder) {
 
 TEST(VirtualReader, ExpectsEntriesBehindItsCursor) {
   const scratch_folder folder;
-  device reader(folder.path + "/socket");
+  served_device reader(folder.path + "/socket");
   const lines entries = {"led red",           "beep short 20",       "card 3AB1234/26", "led red",
                          "call X -> \"a b\"", "received Log: a \"b", "led green"};
-  for (const std::string& entry : entries) reader.happened.add(1, entry);
+  for (const std::string& entry : entries) reader.log.add(1, entry);
   const struct {
     std::string pattern;
     std::uint64_t next;  // the cursor, which starts at 1; the same if it fails
@@ -561,14 +565,14 @@ TEST(VirtualReader, ExpectsEntriesBehindItsCursor) {
   // It waits for what comes later, and not longer.
   std::thread later([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    reader.happened.add(1, "reset");
+    reader.log.add(1, "reset");
   });
   EXPECT_EQ(tell(reader, "expect reset within 20000", &cursor), "");
   later.join();
 }
 
 TEST(VirtualReader, KeepsARecordOfABoundedSize) {
-  record small(10'000);
+  event_log small(10'000);
   for (int i = 0; i < 1000; ++i) small.add(0, "led " + std::to_string(i / 2));
   const auto kept = small.read(1);
   EXPECT_EQ(small.end(), 1001u);
@@ -595,12 +599,12 @@ TEST(VirtualReader, ReadsBackWhatItWrites) {
     EXPECT_EQ(to_text(*read), text);
   }
   for (const std::string line : {"0.000001 - reset", "12345.678901 17 led red"}) {
-    const auto read = parse_entry(line);
+    const auto read = parse_event(line);
     ASSERT_TRUE(read) << line;
     EXPECT_EQ(to_text(*read), line);
   }
   for (const std::string wrong : {"", "1.5 - x", "1.000000 x y", "1.000000 -", "-1.000000 - x"}) {
-    EXPECT_FALSE(parse_entry(wrong)) << wrong;
+    EXPECT_FALSE(parse_event(wrong)) << wrong;
   }
   for (const std::string wrong : {"call", "call X -> \"a", "call X y", "call X -> 1 (1.5 ms)"}) {
     EXPECT_FALSE(parse_call(wrong)) << wrong;
@@ -612,12 +616,12 @@ TEST(VirtualReader, LeavesNothingBehind) {
   const loaded_library library(folder);
   const std::size_t before = open_descriptors(getpid());
   for (int cycle = 0; cycle < 1000; ++cycle) {
-    device reader(folder.path + "/socket");
+    served_device reader(folder.path + "/socket");
     ASSERT_EQ(library.connect(), 1) << cycle;
     ASSERT_EQ(library.beep(), 1);
-    reader.change([](auto& r) { r.unplug(); });
+    reader.modify([](auto& r) { r.unplug(); });
     ASSERT_EQ(library.beep(), 0);
-    reader.change([](auto& r) { r.plug(); });
+    reader.modify([](auto& r) { r.plug(); });
     ASSERT_EQ(library.connect(), 1);
   }
   EXPECT_EQ(library.beep(), 0);

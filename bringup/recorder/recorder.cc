@@ -15,7 +15,7 @@
 #include "pc_prox_api.h"
 #pragma GCC visibility pop
 #include "reader_library.h"
-#include "record_text.h"
+#include "event_line.h"
 #include "recording.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <ctime>
 #include <system_error>
 
-#include "record_text.h"
+#include "event_line.h"
 
 namespace bringup {
 
@@ -87,7 +87,7 @@ void recording::add(const std::string& text) noexcept {
   const std::lock_guard<std::mutex> lock(mutex);
   if (on) try {
       if (file < 0) open_file();
-      virtual_reader::entry_line entry;
+      virtual_reader::event_line entry;
       entry.time = std::chrono::duration_cast<std::chrono::microseconds>(
           std::chrono::steady_clock::now() - beginning);
       entry.agent = 1;

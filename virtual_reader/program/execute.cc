@@ -33,7 +33,7 @@ int execute(const std::string& socket_path, const std::string& verbs,
                 (is_nobody_there ? "" : ": " + std::generic_category().message(errno)));
   }
   std::string why;
-  const auto peer = exchange_greetings(link.number, teller_greeting, &why);
+  const auto peer = exchange_greetings(link.number, control_greeting, &why);
   if (!peer) return fail("no virtual reader is on " + socket_path + ": " + why);
   if (peer->version != protocol_version) {
     return fail("the one on " + socket_path + " is another version of the virtual reader");

@@ -156,7 +156,7 @@ void host::pass_output(const line_function& on_line) const {
       on_line(pending.substr(start, end - start));
     }
     pending.erase(0, start);
-    if (pending.size() > longest) on_line(std::exchange(pending, ""));
+    if (pending.size() > longest_event) on_line(std::exchange(pending, ""));
     write_all(STDOUT_FILENO, came);
   }
   if (!pending.empty()) on_line(pending);

@@ -39,8 +39,8 @@ bool line_host::wait_until_settled(const std::function<bool()>& is_interrupted, 
   };
   std::unique_lock<std::mutex> lock(mutex);
   while (!unsettled.empty()) {
-    if (is_interrupted && is_interrupted()) throw interruption();
-    if (or_hanging && reader.look(hangs)) return true;
+    if (is_interrupted && is_interrupted()) throw cancelled();
+    if (or_hanging && reader.read(hangs)) return true;
     if (std::chrono::steady_clock::now() >= until) return false;
     changed.wait_for(lock, std::chrono::milliseconds(10));
   }
@@ -60,7 +60,7 @@ void line_host::send(const std::string& place, const std::string& command,
     const std::lock_guard<std::mutex> lock(mutex);
     line = name + ":" + command;
   }
-  reader.happened.add(0, "sent " + without_controls(line));
+  reader.log.add(0, "sent " + without_controls(line));
   push({place, command, answer, ""}, line);
 }
 

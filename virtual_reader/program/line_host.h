@@ -24,7 +24,7 @@ class line_host {
 
   // Sends it to the reader that is attached, or as it is if it begins with "Global:". The answer,
   // any if empty, is looked at when it comes. Throws failed_expectation when the agent does not
-  // answer at all, and interruption.
+  // answer at all, and cancelled.
   void send(const std::string& place, const std::string& command, const std::string& answer,
             const std::function<bool()>& is_interrupted);
   // What the agent says. False if that is of no interest to anybody else.

@@ -11,7 +11,7 @@
 #include "execute.h"
 #include "outcome.h"
 #include "run.h"
-#include "to_scenario.h"
+#include "scenario.h"
 
 namespace {
 

@@ -34,16 +34,16 @@ void write_all(int descriptor, const std::string& bytes) {
   }
 }
 
-printer::printer(const record& printed, channel of_entries, sink where, look_function look)
-    : happened(printed),
+printer::printer(const event_log& printed, channel of_entries, sink where, look_function look)
+    : log(printed),
       entries_go(of_entries),
       put(std::move(where)),
       look_of(std::move(look)),
       worker([this] { print(); }) {}
 
-void printer::say(channel where, const std::string& lines) { push({happened.end(), where, lines}); }
+void printer::say(channel where, const std::string& lines) { push({log.end(), where, lines}); }
 
-void printer::trace(tracing wanted) { push({happened.end(), channel::output, "", wanted}); }
+void printer::trace(tracing wanted) { push({log.end(), channel::output, "", wanted}); }
 
 void printer::push(const piece& pushed) {
   {
@@ -56,7 +56,7 @@ void printer::push(const piece& pushed) {
       pieces.push_back(pushed);
     }
   }
-  happened.wake();
+  log.wake();
 }
 
 void printer::end(std::chrono::milliseconds limit) {
@@ -65,7 +65,7 @@ void printer::end(std::chrono::milliseconds limit) {
     const std::lock_guard<std::mutex> lock(mutex);
     ending = true;
   }
-  happened.wake();
+  log.wake();
   std::unique_lock<std::mutex> lock(mutex);
   const bool in_time = changed.wait_for(lock, limit, [this] { return ended; });
   lock.unlock();
@@ -84,7 +84,7 @@ void printer::print() {
       bytes -= sizeof *due + due->lines.size();
     }
     lock.unlock();
-    print_entries(due ? due->place : happened.end());
+    print_entries(due ? due->place : log.end());
     if (due && !due->lines.empty()) put(due->where, due->lines);
     if (due && due->traced) traced = *due->traced;
     if (missing > 0) {
@@ -93,7 +93,7 @@ void printer::print() {
     if (due) continue;
     if (lost > 0) put(entries_go, lost_line());
     if (is_last) break;
-    happened.wait(next, std::chrono::steady_clock::time_point::max(), [this] {
+    log.wait(next, std::chrono::steady_clock::time_point::max(), [this] {
       const std::lock_guard<std::mutex> asking(mutex);
       return ending || !pieces.empty();
     });
@@ -112,7 +112,7 @@ std::string printer::lost_line() {
 void printer::print_entries(std::uint64_t before) {
   while (next < before) {
     std::string lines;
-    for (const auto& entry : happened.read(next)) {
+    for (const auto& entry : log.read(next)) {
       const std::uint64_t known = std::min(entry.number, before);
       lost += known - std::min(next, known);
       next = std::max(next, known);
@@ -127,7 +127,7 @@ void printer::print_entries(std::uint64_t before) {
   }
 }
 
-bool printer::is_wanted(const record::entry& entry) const {
+bool printer::is_wanted(const event& entry) const {
   static const std::vector<std::string> effects = {
       "agent refused", "beep", "card",       "config", "connected", "disconnected", "sent",
       "input ended",   "led",  "plugged in", "replay", "reset",     "unplugged"};

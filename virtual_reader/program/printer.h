@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "record.h"
+#include "event_log.h"
 #include "session.h"
 
 namespace virtual_reader {
@@ -23,7 +23,7 @@ class printer {
   // How the text of an entry is printed, without a line feed.
   using look_function = std::function<std::string(const std::string& text)>;
 
-  printer(const record& printed, channel of_entries, sink where, look_function look);
+  printer(const event_log& printed, channel of_entries, sink where, look_function look);
   ~printer() { end(std::chrono::seconds(2)); }
 
   // From any thread, without waiting. The lines come behind all entries that were there before.
@@ -44,9 +44,9 @@ class printer {
   void print();
   void print_entries(std::uint64_t before);
   std::string lost_line();
-  bool is_wanted(const record::entry& entry) const;
+  bool is_wanted(const event& entry) const;
 
-  const record& happened;
+  const event_log& log;
   const channel entries_go;
   const sink put;
   const look_function look_of;

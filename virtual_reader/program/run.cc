@@ -11,16 +11,17 @@
 #include <map>
 #include <thread>
 
+#include "control.h"
 #include "host.h"
 #include "line_host.h"
 #include "outcome.h"
 #include "printer.h"
 #include "script.h"
-#include "serve_teller.h"
+#include "server.h"
 #include "socket_path.h"
 #include "terminal.h"
+#include "tokens.h"
 #include "ui.h"
-#include "words.h"
 
 namespace virtual_reader {
 
@@ -109,6 +110,7 @@ class running {
   std::atomic<std::uint64_t> tellers_cursor{1}, own_cursor{1};
   std::unique_ptr<terminal> typed_at;  // null if standard input is none, or not listened to
   std::unique_ptr<device> reader;
+  std::unique_ptr<server> listening;
   std::unique_ptr<printer> printed;
   std::unique_ptr<line_host> lines_of_host;
   std::mutex mutex;
@@ -132,10 +134,10 @@ void running::start_host() {
   const std::lock_guard<std::mutex> lock(mutex);
   if (!has_host || started || end.is_set()) return;
   const auto on_line = [this](const std::string& line) {
-    if (lines_of_host->take(line)) reader->happened.add(0, "received " + without_controls(line));
+    if (lines_of_host->take(line)) reader->log.add(0, "received " + without_controls(line));
   };
   const auto on_end = [this](int status) {
-    reader->happened.add(0, "command exited with " + status_text(status));
+    reader->log.add(0, "command exited with " + status_text(status));
     // That there is nothing more on standard input may not have been seen yet.
     for (int i = 0; i < 50 && !file && !has_played && !end.is_set(); ++i) poll(nullptr, 0, 10);
     if (has_played && status == 0) return end.set(passed, "");
@@ -154,13 +156,13 @@ void running::send_to_host(const std::string& where, const std::string& command,
     start_host();
   } catch (const std::runtime_error& error) {
     end.set(host_failed, error.what());
-    throw interruption();
+    throw cancelled();
   }
   lines_of_host->send(where, command, answer, [this] { return end.is_set(); });
 }
 
 session running::make_session() {
-  surroundings around;
+  session_callbacks around;
   around.answer = [this](const std::string& line) {
     printed->say(has_host ? channel::error : channel::output, (typed_at ? "" : "= ") + line + "\n");
   };
@@ -208,16 +210,16 @@ void running::carry_out_all() try {
                          : carry_out_input(told);
   if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
   has_played = true;
-  if (held && chosen.stay) return reader->happened.add(0, "input ended");
+  if (held && chosen.stay) return reader->log.add(0, "input ended");
   // A recording alone is over when it has been played, or the host ends.
   if (has_host && !chosen.replay.empty() && !file) {
-    told.carry_out("expect replay ended within 86400000");
+    told.execute("expect replay ended within 86400000");
   }
   // Without either, what COMMAND does is all there is: its input ends with this one, and it ends
   // all.
   if (held && started && chosen.replay.empty() && !file) return started->close_input();
   end.set(passed, "");
-} catch (const interruption&) {
+} catch (const cancelled&) {
 } catch (const std::runtime_error& error) {
   end.set(host_failed, error.what());
 }
@@ -227,7 +229,7 @@ void running::say_verdict(const verdict& said) {
   std::string line = std::string("virtual-reader: ") + words[said.status];
   if (!said.why.empty()) line += ": " + said.why;
   const bool nobody_came =
-      reader->happened.last(1, [](const auto& e) { return e.text == "agent attached"; }).empty();
+      reader->log.last(1, [](const auto& e) { return e.text == "agent attached"; }).empty();
   if (said.status != passed && said.status != cut_off && nobody_came)
     line += " (no agent has come)";
   printed->say(channel::error, line + "\n");
@@ -237,7 +239,7 @@ void running::run() {
   if (!file && !has_host && isatty(STDIN_FILENO)) typed_at = std::make_unique<terminal>();
   // A file that is cut off has not held; all else goes on until it is ended somehow.
   handle_signals([this] { end.set(has_host ? cut_off : status_of_an_end(), "interrupted"); });
-  surroundings of_tellers;
+  session_callbacks of_tellers;
   std::atomic<printer*> printing{nullptr};
   of_tellers.trace = [&](tracing wanted) {
     if (printer* const p = printing) p->trace(wanted);
@@ -248,19 +250,12 @@ void running::run() {
       send_to_host("--execute", command, answer);
     };
   }
-  std::unique_lock<std::mutex> lock(mutex);  // until all is there that a teller may use
-  reader = std::make_unique<device>(
-      path, !chosen.unplugged, [&](int socket, const std::function<bool()>& is_over) {
-        std::unique_lock<std::mutex>(mutex).unlock();  // all is there then
-        serve_teller(socket, is_over, *reader, tellers_cursor, of_tellers);
-      });
-  if (!chosen.replay.empty()) reader->play_back(recording);
-  if (chosen.ui) start_ui(path);
+  reader = std::make_unique<device>(!chosen.unplugged, recording);
   const channel own = has_host ? channel::error : channel::output;
   printer::sink put = print;
   if (typed_at) put = [this](channel, const std::string& lines) { typed_at->print(lines); };
   printed = std::make_unique<printer>(
-      reader->happened, own, put,
+      reader->log, own, put,
       look_on(has_host ? STDERR_FILENO : STDOUT_FILENO, typed_at != nullptr));
   printing = printed.get();
   lines_of_host = std::make_unique<line_host>(
@@ -269,7 +264,11 @@ void running::run() {
         fail(where + ": FAILED: " + what + "\n");
         if (!chosen.keep_going) end.set(expectation_failed, first_failure);
       });
-  lock.unlock();
+  listening = std::make_unique<server>(
+      *reader, path, [&](int socket, const std::function<bool()>& is_over) {
+        serve_control(socket, is_over, *reader, tellers_cursor, of_tellers);
+      });
+  if (chosen.ui) start_ui(path);
   if (typed_at) {
     printed->say(own, "A virtual reader is on " + path +
                           (chosen.unplugged ? ", unplugged." : ", plugged in.") +
@@ -284,7 +283,7 @@ void running::run() {
   if (last.status == cut_off) {
     last.why += file && has_played ? " after all was played" : " at " + place();
   }
-  lock.lock();
+  std::unique_lock<std::mutex> lock(mutex);
   host* const to_end = started;
   lock.unlock();
   const host::ending ended = to_end ? to_end->end() : host::ending{};
@@ -294,7 +293,7 @@ void running::run() {
     last = {ended.is_good ? passed : host_failed, ended.what};
   }
   lock.unlock();
-  reader->end();
+  listening.reset();
   if (has_host) say_verdict(last);
   printed->end(std::chrono::seconds(2));
   if (typed_at) typed_at->restore();

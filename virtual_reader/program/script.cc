@@ -3,8 +3,8 @@
 #include <fstream>
 #include <utility>
 
+#include "tokens.h"
 #include "verbs.h"
-#include "words.h"
 
 namespace virtual_reader {
 
@@ -16,9 +16,9 @@ bool read_line(std::istream& from, std::string* line) {
 
 bool carry_out(const session& with, const std::string& line, const std::string& place,
                const report_function& report) try {
-  with.carry_out(line);
+  with.execute(line);
   return true;
-} catch (const bad_line& error) {
+} catch (const syntax_error& error) {
   report(place + error.what() + "\n");
   return false;
 } catch (const failed_expectation& failure) {
@@ -40,12 +40,13 @@ bool script::check(bool has_host, const report_function& report) const {
       rests |= told.rests;
       tests |= told.what != nullptr;
       if (is_verb(told, "loop") && !rests) {
-        throw bad_line("without a `wait` before it, this would never rest");
+        throw syntax_error("without a `wait` before it, this would never rest");
       }
       if (is_verb(told, "send") && !has_host) {
-        throw bad_line("there is no host to send it; right would be: virtual-reader FILE -- AGENT");
+        throw syntax_error(
+            "there is no host to send it; right would be: virtual-reader FILE -- AGENT");
       }
-    } catch (const bad_line& error) {
+    } catch (const syntax_error& error) {
       report(path + ":" + std::to_string(i + 1) + ": " + error.what() + "\n");
       is_right = false;
       tests = true;

@@ -18,7 +18,7 @@ using report_function = std::function<void(const std::string& lines)>;
 bool read_line(std::istream& from, std::string* line);
 
 // Carries out a line. What goes wrong is reported, after `place`, and then it returns false. Throws
-// interruption.
+// cancelled.
 bool carry_out(const session& with, const std::string& line, const std::string& place,
                const report_function& report);
 
@@ -39,7 +39,7 @@ class script {
     report_function report;
   };
   // Plays it to its end, or to the first line that goes wrong. False if anything has gone wrong;
-  // throws interruption.
+  // throws cancelled.
   bool play(const session& with, const manner& how);
 
   // FILE:LINE of the line that is carried out, or was last; from any thread.

@@ -193,7 +193,7 @@ std::optional<greeting> exchange_greetings(int socket, const char* role, std::st
     return {};
   }
   const std::string came(peer.role, 4);
-  if (came == agent_greeting || came == teller_greeting) return greeting{came, peer.version};
+  if (came == agent_greeting || came == control_greeting) return greeting{came, peer.version};
   if (why) *why = "its greeting is none of a virtual reader's";
   return {};
 }

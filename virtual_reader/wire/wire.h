@@ -99,7 +99,7 @@ std::optional<message> receive_message(int socket, std::size_t size_limit, momen
 
 // How a greeting begins: that of agents and devices, and that of those who tell verbs.
 inline constexpr char agent_greeting[] = "VRdr";
-inline constexpr char teller_greeting[] = "VRtl";
+inline constexpr char control_greeting[] = "VRtl";
 struct greeting {
   std::string role;
   std::uint32_t version;

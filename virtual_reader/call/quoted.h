@@ -1,0 +1,25 @@
+// Texts in double quotes, with C escapes: as the verbs take them and the record gives them.
+#pragma once
+
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+
+namespace virtual_reader {
+
+// One line that says what is wrong with a text that was read.
+struct syntax_error : std::runtime_error {
+  using runtime_error::runtime_error;
+};
+
+// The text in quotes, with escapes wherever it needs them.
+std::string quoted(const std::string& text);
+
+// Reads the text that begins with the quote at `*place`, and moves behind the closing one. Throws
+// syntax_error, also if the text has more than a million bytes.
+std::string parse_quoted(const std::string& line, std::size_t* place);
+
+// The line with its control characters as escapes.
+std::string without_controls(const std::string& line);
+
+}  // namespace virtual_reader

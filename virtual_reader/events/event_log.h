@@ -1,0 +1,61 @@
+// What has log, in order and once: all that is printed, expected or counted is read off it.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "event_line.h"
+
+namespace virtual_reader {
+
+// An event in the log. Numbers grow by one and never come again, so that a reader of the log goes
+// on where it was, also when what is between has been dropped. Equal events in a row are one that
+// has a count, and as many numbers.
+struct event : event_line {
+  std::uint64_t number = 0, count = 1;
+  bool is_idle = false;  // a poll that found nothing new
+
+  std::uint64_t end() const { return number + count; }
+};
+
+// Any member may be called from any thread, and none waits for whoever reads, but wait().
+class event_log {
+ public:
+  // Beyond the limit the oldest events are dropped, but for one.
+  explicit event_log(std::size_t limit_in_bytes = std::size_t{4} << 20) : limit(limit_in_bytes) {}
+
+  void add(int agent, std::string text, bool is_idle = false);
+
+  // The number that the next event gets. The first has 1.
+  std::uint64_t end() const;
+  // Events from that number on, the first perhaps with those numbers alone; some kilobytes of them
+  // at a time, none only if there are none. Less than `from` says nothing about what was dropped.
+  std::vector<event> read(std::uint64_t from) const;
+  // The last events that are wanted, at most so many.
+  std::vector<event> last(std::size_t most, const std::function<bool(const event&)>& wanted) const;
+
+  // Waits until there is an event with that number. False at the limit, or when it was interrupted,
+  // which is asked after wake(), and often.
+  bool wait(std::uint64_t number, std::chrono::steady_clock::time_point until,
+            const std::function<bool()>& is_interrupted) const;
+  void wake() const;
+
+ private:
+  const std::size_t limit;
+  const std::chrono::steady_clock::time_point beginning = std::chrono::steady_clock::now();
+  mutable std::mutex mutex;
+  mutable std::condition_variable changed;
+  // Guarded by mutex:
+  std::deque<event> events;
+  std::size_t bytes = 0;
+  std::uint64_t next = 1;
+  mutable std::uint64_t wakes = 0;
+};
+
+}  // namespace virtual_reader

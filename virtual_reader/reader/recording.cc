@@ -1,0 +1,182 @@
+#include "recording.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <stdexcept>
+
+namespace virtual_reader {
+
+namespace {
+
+// Where the configuration has each record.
+const std::map<std::string, std::size_t> places = {
+    {"IDBitCnts", 0}, {"Flags", 8}, {"TimeParms", 16}, {"Flags2", 24}, {"LEDCtrl", led_record}};
+
+// As the verbs have it.
+std::string text_of(const card_id& id) {
+  const std::int64_t bits = id.values.back();
+  const auto byte = [&](std::size_t i) { return id.values[i] & 0xFF; };
+  bool is_whole = bits >= 1 && bits <= 256;
+  for (std::size_t i = 0; i < 32; ++i) is_whole &= id.values[i] == byte(i);
+  for (std::size_t bit = 0; bit < 256; ++bit) {
+    is_whole &= static_cast<std::int64_t>(bit) < bits || (byte(bit / 8) >> bit % 8 & 1) == 0;
+  }
+  std::string text;
+  if (is_whole) {
+    for (auto i = static_cast<std::size_t>(bits + 3) / 4; i-- > 0;) {
+      text += "0123456789ABCDEF"[byte(i / 2) >> i % 2 * 4 & 15];
+    }
+    return text + "/" + std::to_string(bits);
+  }
+  std::size_t last = 31;
+  while (last > 0 && id.values[last] == 0) --last;
+  text = "raw " + std::to_string(bits);
+  for (std::size_t i = 0; i <= last; ++i) text += " " + std::to_string(id.values[i]);
+  return text;
+}
+
+bool is_of_a_call(const std::string& entry) {
+  const std::string kind = entry.substr(0, entry.find(' '));
+  return kind == "call" || kind == "enter" || kind == "says";
+}
+
+// Reads entry after entry; what belongs to a call before it goes there.
+class collector {
+ public:
+  void add_says(const says_text& said) { said_before.push_back(said); }
+  void add_beginning(const call_text& text, std::chrono::microseconds began) {
+    begun.emplace();
+    begun->name = text.name;
+    begun->arguments = text.arguments;
+    begun->has_ended = false;
+    begun->ended = began;
+  }
+  void add_call(const call_text& text, std::chrono::microseconds ended) {
+    begun.reset();
+    if (text.name == "GetQueuedID_index") return add_index(text);
+    recorded_call added;
+    static_cast<call_text&>(added) = text;
+    added.ended = ended;
+    added.said.swap(said_before);
+    calls.push_back(added);
+    const std::size_t index = calls.size() - 1;
+    if (text.name == "GetLastLibErr" && failed && !text.values.empty()) {
+      calls[*failed].error = text.values[0];
+    }
+    if (added.has_failed()) failed = index;
+    if (added.is_poll()) poll = index;
+    if (text.name == "usbConnect") connection = index;
+    if (text.name == "ReadCfg") configuration_read = index;
+    if (text.name == "getPartNumberString" && connection) calls[*connection].part = text.text;
+    if (configuration_read && text.values.size() == 9 && text.name.rfind("Get", 0) == 0) {
+      std::array<std::int16_t, 8> fields;
+      std::transform(text.values.begin() + 1, text.values.end(), fields.begin(),
+                     [](std::int64_t value) { return static_cast<std::int16_t>(value); });
+      const auto place = places.find(text.name.substr(3));
+      // The first: what comes later may have been set in between.
+      if (place != places.end()) calls[*configuration_read].records.emplace(place->second, fields);
+    }
+  }
+  std::vector<recorded_call> take(bool was_cut_off) {
+    // What was written after its beginning may have been its end.
+    if (begun && !was_cut_off) {
+      begun->said.swap(said_before);
+      calls.push_back(*std::move(begun));
+    }
+    for (recorded_call& each : calls) {
+      if (each.card) each.card->text = text_of(*each.card);
+    }
+    return std::move(calls);
+  }
+
+ private:
+  void add_index(const call_text& text) {
+    const std::int64_t index = text.arguments.empty() ? -1 : text.arguments[0];
+    if (!poll || index < 0 || index > 32 || text.values.empty() || text.values[0] == 0) return;
+    if (!calls[*poll].card) calls[*poll].card.emplace();
+    calls[*poll].card->values[static_cast<std::size_t>(index)] = text.values[0];
+  }
+
+  std::vector<recorded_call> calls;
+  std::vector<says_text> said_before;
+  std::optional<recorded_call> begun;  // and has not ended so far
+  std::optional<std::size_t> failed, poll, connection, configuration_read;  // the last one of each
+};
+
+// A poll or a search that told nothing new.
+struct quiet_time {
+  std::size_t calls;  // it takes; 0 if it is none
+  std::string what;   // it told
+};
+
+quiet_time quiet_time_at(const std::vector<recorded_call>& calls, std::size_t from) {
+  const recorded_call& first = calls[from];
+  if (first.is_poll() && first.has_ended && !first.has_failed() && first.said.empty()) {
+    return {1, first.card ? first.card->text : "no card"};
+  }
+  const char* const search[] = {"USBDisconnect", "SetDevTypeSrch", "usbConnect"};
+  for (std::size_t i = 0; i < 3; ++i) {
+    const bool fits = from + i < calls.size() && calls[from + i].name == search[i];
+    if (!fits || !calls[from + i].said.empty()) return {0, ""};
+  }
+  return {calls[from + 2].has_failed() ? std::size_t{3} : 0, "no reader"};
+}
+
+}  // namespace
+
+std::vector<recorded_call> read_recording(std::istream& recording, const std::string& name) {
+  collector all;
+  int number = 0;
+  bool was_cut_off = false;
+  for (std::string line; std::getline(recording, line);) {
+    if (++number == 1 && line != "# card reader recording 1") break;
+    if (line.empty() || line[0] == '#') continue;
+    const auto entry = parse_event(line);
+    const auto call = entry ? parse_call(entry->text) : std::nullopt;
+    const auto said = entry ? parse_says(entry->text) : std::nullopt;
+    if (said) {
+      all.add_says(*said);
+    } else if (call && is_call(call->name)) {
+      call->has_ended ? all.add_call(*call, entry->time) : all.add_beginning(*call, entry->time);
+    } else if (!entry || call || is_of_a_call(entry->text)) {
+      was_cut_off = recording.eof();
+      if (was_cut_off) break;
+      throw std::runtime_error(
+          name + ":" + std::to_string(number) +
+          ": this is no entry, like '1.250000 1 call BeepNow 2 0 -> 1 (0.125 ms)'");
+    }  // others say what follows from the calls
+  }
+  if (number < 2) throw std::runtime_error(name + " is no recording, or cannot be read");
+  return all.take(was_cut_off);
+}
+
+std::vector<recorded_call> read_recording(const std::string& path) {
+  std::ifstream file(path);
+  return read_recording(file, path);
+}
+
+std::vector<recorded_call> hurried(const std::vector<recorded_call>& calls, double speed) {
+  std::vector<recorded_call> kept;
+  std::string row;    // of what
+  double in_row = 0;  // so far
+  for (std::size_t i = 0; i < calls.size();) {
+    const quiet_time quiet = quiet_time_at(calls, i);
+    if (quiet.calls == 0 || quiet.what != row) in_row = 0;
+    row = quiet.what;
+    // The first of a row stays, since it tells something.
+    const bool stays = in_row == 0 || std::floor(in_row / speed) > std::floor((in_row - 1) / speed);
+    ++in_row;
+    for (const std::size_t end = i + std::max<std::size_t>(quiet.calls, 1); i < end; ++i) {
+      if (!stays) continue;
+      kept.push_back(calls[i]);
+      if (auto& took = kept.back().took) {
+        const double shorter = static_cast<double>(took->count()) / speed;
+        took = std::chrono::microseconds(std::llround(shorter));
+      }
+    }
+  }
+  return kept;
+}
+
+}  // namespace virtual_reader

@@ -1,0 +1,44 @@
+// A recording played back: what the recorded library would answer to an agent's calls.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "call.h"
+#include "fault.h"
+#include "reader.h"
+#include "recording.h"
+
+namespace virtual_reader {
+
+// Each call is answered by the first one of its name that was not played yet. A poll whose answer
+// is an event to the host (a card, a failure) waits for the calls that were recorded before it,
+// since the host may need longer for them than it did then. Where agent and recording part, the
+// record says so; then, and at the end of the recording, the reader answers by itself.
+class replay {
+ public:
+  explicit replay(std::vector<recorded_call> recorded);
+
+  // Prepares the reader for a call that comes now, and returns the rules for it.
+  std::vector<fault> prepare(const call& asked, reader* playing);
+
+ private:
+  bool must_wait(std::size_t index, const call& asked, reader* playing);
+  void go_on(const call& asked, reader* playing);
+  void drop(std::size_t index);
+  void part(const call& asked, reader* playing, const std::string& how);
+
+  const std::vector<recorded_call> calls;
+  // Of those that were not played yet: the indices by name, and all but polls.
+  std::map<std::string, std::deque<std::size_t>> left;
+  std::set<std::size_t> left_but_polls;
+  const recorded_call* last_poll = nullptr;  // that was played
+  bool in_step = true, has_ended = false;
+  std::chrono::steady_clock::time_point waiting_since{};  // for the calls before a poll, if any
+};
+
+}  // namespace virtual_reader

@@ -1,0 +1,18 @@
+// Serves one who has come to a device's socket to tell it verbs.
+#pragma once
+
+#include <atomic>
+#include <functional>
+
+#include "device.h"
+#include "session.h"
+
+namespace virtual_reader {
+
+// Carries out the verbs that come, one a line, up to the first that goes wrong, and sends what they
+// answer and the outcome. `around` is what a session needs but for its answers and cancelled.
+// Fits device::control_function.
+void serve_control(int socket, const std::function<bool()>& is_over, device& reader,
+                   std::atomic<std::uint64_t>& cursor, session_callbacks around);
+
+}  // namespace virtual_reader

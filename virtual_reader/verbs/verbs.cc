@@ -1,0 +1,355 @@
+#include "verbs.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "tokens.h"
+
+namespace virtual_reader {
+
+// One or two words, the syntax of what follows them, and what they do.
+struct verb {
+  std::string name, syntax, help;
+  // Takes what follows, up to the end, and says what to do then. Throws syntax_error.
+  void (*parse)(tokens& given, command* made);
+};
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+
+std::uint64_t take_count(tokens& given) {
+  return static_cast<std::uint64_t>(given.take_number(1, most));
+}
+
+milliseconds take_time(tokens& given) {
+  return milliseconds(given.take_number(0, fault::longest.count()));
+}
+
+// Takes the WHEN, and sets the rule for the calls that it says.
+void take_when(tokens& given, fault made, const char* usual_when, command* told) {
+  const std::string when = given.at_end() ? usual_when : given.take();
+  const bool is_counted = when == "times" || when == "at" || when == "from";
+  if (!is_counted && when != "once" && when != "always") throw syntax_error("");
+  const std::uint64_t number = is_counted ? take_count(given) : 1;
+  made.first = when == "times" ? 1 : number;
+  made.last = when == "from" || when == "always" ? fault::for_ever : number;
+  told->change = [made](reader& r) { r.faults.add(made); };
+}
+
+tracing take_tracing(tokens& given) {
+  if (given.take_if("on")) return tracing::on;
+  if (given.take_if("quiet")) return tracing::quiet;
+  if (given.take_if("off")) return tracing::off;
+  throw syntax_error("");
+}
+
+void print_help(const session& s, const std::string& topic);
+
+const std::vector<verb> all = {
+    {"plug", "", "plugs the reader in",
+     [](tokens&, command* c) { c->change = [](reader& r) { r.plug(); }; }},
+    {"unplug", "", "pulls the reader out",
+     [](tokens&, command* c) { c->change = [](reader& r) { r.unplug(); }; }},
+    {"replug", "", "pulls it out and plugs it in at once",
+     [](tokens&, command* c) { c->change = [](reader& r) { r.unplug(), r.plug(); }; }},
+    {"part", "none|\"TEXT\"", "its part number, from the next connection on",
+     [](tokens& w, command* c) {
+       std::optional<std::string> part;
+       if (!w.take_if("none")) part = w.take_quoted();
+       c->change = [part](reader& r) { r.part_number = part; };
+     }},
+    {"card queue", "HEX[/BITS] ...", "cards that are reported once each, in order",
+     [](tokens& w, command* c) {
+       card_queue cards;
+       do {
+         cards.push(w.take_card().text);
+       } while (!w.at_end());
+       c->change = [cards](reader& r) { r.queue.append(cards); };
+     }},
+    {"card drop", "", "drops the cards that are queued",
+     [](tokens&, command* c) { c->change = [](reader& r) { r.queue = {}; }; }},
+    {"card hold", "HEX[/BITS]", "a card that is reported again and again",
+     [](tokens& w, command* c) {
+       const card_id id = w.take_card();
+       c->change = [id](reader& r) { r.hold(id); };
+     }},
+    {"card remove", "", "takes the held card away",
+     [](tokens&, command* c) { c->change = [](reader& r) { r.hold({}); }; }},
+    {"card raw", "BITS VALUE ...", "an ID of up to 32 numbers of any size, reported once",
+     [](tokens& w, command* c) {
+       std::string card = "raw " + std::to_string(w.take_number(least, most));
+       std::size_t count = 0;
+       do {
+         card += " " + std::to_string(w.take_number(least, most));
+       } while (!w.at_end() && ++count < 32);
+       c->change = [card](reader& r) { r.queue.push(card); };
+     }},
+    {"fail", "CALL [error N] [WHEN]", "lets calls fail",
+     [](tokens& w, command* c) {
+       fault made{fault::kind::fail, w.take_call()};
+       if (w.take_if("error")) made.error = w.take_number(least, most);
+       take_when(w, made, "once", c);
+     }},
+    {"vanish", "CALL [WHEN]", "pulls the reader out in the middle of a call",
+     [](tokens& w, command* c) {
+       take_when(w, {fault::kind::vanish, w.take_call()}, "once", c);
+     }},
+    {"delay", "CALL MS [WHEN]", "lets calls take that long, always if not told otherwise",
+     [](tokens& w, command* c) {
+       fault made{fault::kind::delay, w.take_call()};
+       made.time = take_time(w);
+       take_when(w, made, "always", c);
+     }},
+    {"hang", "CALL [WHEN]", "lets a call not return until `release`, or for a day",
+     [](tokens& w, command* c) {
+       fault made{fault::kind::hang, w.take_call()};
+       made.time = fault::longest;
+       take_when(w, made, "once", c);
+     }},
+    {"say", "CALL [thread] \"TEXT\" [length N] [WHEN]", "lets the library talk during a call",
+     [](tokens& w, command* c) {
+       fault made{fault::kind::say, w.take_call()};
+       made.own_thread = w.take_if("thread");
+       made.text = w.take_quoted();
+       made.length = static_cast<int>(made.text.size());
+       constexpr int shortest = std::numeric_limits<int>::min();
+       if (w.take_if("length")) made.length = w.take_number(shortest, made.length);
+       take_when(w, made, "once", c);
+     }},
+    {"release", "", "ends the calls that hang or are delayed",
+     [](tokens&, command* c) { c->change = [](reader& r) { ++r.releases; }; }},
+    {"clear", "[CALL|ID]", "drop all faults, those of one call, or one",
+     [](tokens& w, command* c) {
+       if (w.at_end()) {
+         c->change = [](reader& r) { r.faults.clear(); };
+       } else if (w.is_number()) {
+         c->change = [id = take_count(w)](reader& r) { r.faults.clear(id); };
+       } else {
+         c->change = [call = w.take_call()](reader& r) { r.faults.clear(call); };
+       }
+     }},
+    {"show", "[--json]", "all about the reader",
+     [](tokens& w, command* c) {
+       const bool as_json = w.take_if("--json");
+       c->act = [as_json](const session& s) { as_json ? s.show_as_json() : s.show(""); };
+     }},
+    {"led", "", "what the LED shows",
+     [](tokens&, command* c) { c->act = [](const session& s) { s.show("led "); }; }},
+    {"beeps", "", "how often it has beeped",
+     [](tokens&, command* c) { c->act = [](const session& s) { s.show("beeps "); }; }},
+    {"config", "", "the configuration that it has stored",
+     [](tokens&, command* c) {
+       c->act = [](const session& s) {
+         const auto stored = s.reader.read([](const reader& r) { return r.stored; });
+         for (const std::string& line : to_text(stored, true)) s.answer(line);
+       };
+     }},
+    {"calls", "[N]", "the last N library calls, or 20",
+     [](tokens& w, command* c) {
+       const std::uint64_t wanted = w.at_end() ? 20 : take_count(w);
+       c->act = [wanted](const session& s) { s.show_calls(wanted); };
+     }},
+    {"events", "[--json] [follow] [all] [N]", "the last N entries of the record; all: polls too",
+     [](tokens& w, command* c) {
+       session::events_wanted wanted{w.take_if("--json"), w.take_if("follow"), w.take_if("all"),
+                                     20};
+       if (wanted.follows) wanted.most = 0;
+       if (!w.at_end()) wanted.most = take_count(w);
+       c->act = [wanted](const session& s) { s.show_events(wanted); };
+     }},
+    {"trace", "on|quiet|off", "prints each call; quiet: but the polls that tell nothing new",
+     [](tokens& w, command* c) {
+       const tracing wanted = take_tracing(w);
+       c->act = [wanted](const session& s) {
+         if (!s.callbacks.trace) throw syntax_error("nothing is printed here");
+         s.reader.modify([&](reader& r) { r.id_questions_wanted = wanted != tracing::off; });
+         s.callbacks.trace(wanted);
+       };
+     }},
+    {"echo", "\"TEXT\"", "prints the text",
+     [](tokens& w, command* c) {
+       const std::string text = w.take_quoted();
+       if (text.find('\n') != std::string::npos) throw syntax_error("the text is one line");
+       c->act = [text](const session& s) { s.answer(text); };
+     }},
+    {"wait", "MS", "waits",
+     [](tokens& w, command* c) {
+       const milliseconds time = take_time(w);
+       c->rests = time.count() > 0;
+       c->act = [time](const session& s) { s.wait(time); };
+     }},
+    {"expect", "[no] PATTERN [within MS]", "waits until that has log, at most 5000 ms",
+     [](tokens& w, command* c) {
+       const expectation what(&w);
+       c->act = [what](const session& s) { s.expect(what); };
+     }},
+    {"send", "\"COMMAND\" [\"ANSWER\"]", "sends a command to the agent, which is to answer so",
+     [](tokens& w, command* c) {
+       const std::string line = w.take_quoted(), answer = w.at_end() ? "" : w.take_quoted();
+       if ((line + answer).find('\n') != std::string::npos) {
+         throw syntax_error("a command is one line, and so is its answer");
+       }
+       c->act = [line, answer](const session& s) {
+         if (!s.callbacks.host)
+           throw syntax_error("there is no host: `virtual-reader FILE -- AGENT`");
+         s.callbacks.host(line, answer);
+       };
+     }},
+    {"loop", "", "begins the file anew, if there was a `wait`",
+     [](tokens&, command* c) {
+       c->act = [](const session&) { throw syntax_error("only a file can begin anew"); };
+     }},
+    {"help", "[VERB]", "prints this",
+     [](tokens& w, command* c) {
+       std::string topic = w.at_end() ? "" : w.take();
+       if (!w.at_end()) topic += " " + w.take();
+       c->act = [topic](const session& s) { print_help(s, topic); };
+     }},
+    {"quit", "", "ends the virtual reader",
+     [](tokens&, command* c) {
+       c->act = [](const session& s) {
+         if (!s.callbacks.quit) throw syntax_error("there is nothing to end here");
+         s.callbacks.quit();
+       };
+     }},
+};
+
+std::vector<std::string> names() {
+  std::vector<std::string> found;
+  for (const verb& one : all) found.push_back(one.name);
+  return found;
+}
+
+bool begins_with(const std::string& text, const std::string& start) {
+  return text.compare(0, start.size(), start) == 0;
+}
+
+void print_help(const session& s, const std::string& topic) {
+  bool is_known = false;
+  const auto explain = [&](const std::string& what, const std::string& help) {
+    std::string text = what;
+    text.resize(std::max<std::size_t>(text.size() + 2, 34), ' ');
+    s.answer(text + help);
+    is_known = true;
+  };
+  const auto is_wanted = [&](const std::string& name) {
+    return topic.empty() || name == topic || begins_with(name, topic + " ");
+  };
+  for (const verb& one : all) {
+    if (is_wanted(one.name)) explain(one.name + " " + one.syntax, one.help);
+  }
+  if (is_wanted("CALL")) {
+    std::string calls;
+    for (const std::string& call : call_names) calls += (calls.empty() ? "" : " ") + call;
+    explain("CALL", calls);
+  }
+  if (is_wanted("WHEN")) {
+    explain("WHEN", "once (usual); times N; at K, from K: the K-th call from now; always");
+  }
+  if (is_wanted("PATTERN")) {
+    std::string kinds;
+    for (const std::string& kind : pattern::kinds()) kinds += (kinds.empty() ? "" : " ") + kind;
+    explain("PATTERN", "words that an entry of the record has in this order; the first is one of");
+    explain("", kinds);
+  }
+  if (!is_known) throw syntax_error("no verb '" + topic + "'" + suggestion(topic, names()));
+}
+
+}  // namespace
+
+command parse(const std::string& line) {
+  command made;
+  std::string right;
+  try {
+    tokens given(line);
+    if (given.at_end()) return made;
+    const std::string blanks = " \t\r";
+    const std::size_t start = line.find_first_not_of(blanks);
+    const std::size_t size = line.find_last_not_of(blanks) + 1 - start;
+    made.text = without_controls(line.substr(start, std::min(size, longest_event + 1)));
+    std::string name = given.take();
+    if (name == "exit") name = "quit";
+    if (name == "card" && !given.at_end() && !given.is_quoted()) name += " " + given.take();
+    const auto one =
+        std::find_if(all.begin(), all.end(), [&](const verb& each) { return each.name == name; });
+    if (one == all.end()) {
+      throw syntax_error("unknown verb '" + without_controls(name) + "'" +
+                         suggestion(name, names()));
+    }
+    right = "right would be: " + name + (one->syntax.empty() ? "" : " ") + one->syntax;
+    made.what = &*one;
+    one->parse(given, &made);
+    given.take_end();
+    return made;
+  } catch (const syntax_error& error) {
+    const std::string what = error.what();
+    throw syntax_error(what + (what.empty() || right.empty() ? "" : "; ") + right);
+  }
+}
+
+bool is_verb(const command& told, const std::string& name) {
+  return told.what && told.what->name == name;
+}
+
+std::vector<std::string> completions(const std::string& line) {
+  std::vector<std::string> before = {""};
+  for (const char c : line) {
+    if (c == ' ' && !before.back().empty()) before.emplace_back();
+    if (c != ' ') before.back() += c;
+  }
+  const std::string last = before.back();
+  before.pop_back();
+  std::vector<std::string> known;
+  const std::string first = before.empty() ? "" : before[0];
+  if (before.empty()) {
+    for (const std::string& name : names()) known.push_back(name.substr(0, name.find(' ')));
+  } else if (first == "card" && before.size() == 1) {
+    for (const std::string& name : names()) {
+      if (begins_with(name, "card ")) known.push_back(name.substr(5));
+    }
+  } else if (first == "help") {
+    known = names();
+  } else if (first == "expect") {
+    const bool is_negative = before.size() > 1 && before[1] == "no";
+    const std::size_t place = before.size() - (is_negative ? 1 : 0);
+    if (place == 1) known = pattern::kinds();
+    if (place == 1 && !is_negative) known.emplace_back("no");
+    if (place == 2) known = pattern::details_of(before.back());
+    if (place >= 2) known.emplace_back("within");
+  } else {
+    const auto one = std::find_if(all.begin(), all.end(), [&](const verb& v) {
+      return v.name == first || v.name == first + " " + (before.size() > 1 ? before[1] : "");
+    });
+    const std::string syntax = one == all.end() ? "" : one->syntax;
+    const bool takes_call = syntax.find("CALL") != std::string::npos;
+    if (takes_call && before.size() == 1) {
+      known = call_names;
+    } else {
+      std::string word;
+      for (const char c : syntax + " ") {
+        if (std::islower(c & 0xFF)) {
+          word += c;
+        } else {
+          if (!word.empty()) known.push_back(std::exchange(word, ""));
+        }
+      }
+      if (syntax.find("WHEN") != std::string::npos) {
+        known.insert(known.end(), {"always", "at", "from", "once", "times"});
+      }
+    }
+  }
+  std::vector<std::string> found;
+  for (const std::string& one : known) {
+    if (begins_with(one, last)) found.push_back(one);
+  }
+  std::sort(found.begin(), found.end());
+  found.erase(std::unique(found.begin(), found.end()), found.end());
+  return found;
+}
+
+}  // namespace virtual_reader
