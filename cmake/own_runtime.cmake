@@ -1,7 +1,7 @@
-# with_own_runtime(TARGET): on Linux, puts the C++ runtime into a program or shared library, which then
-# needs the C library alone: it goes to machines with another runtime or none, and starts faster.
+# with_own_runtime(TARGET): on Linux, links the C++ runtime into a program or shared library and strips
+# release builds. The file then needs only the C library.
 function(with_own_runtime TARGET)
   if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT CARD_READER_SANITIZERS)
-    target_link_options(${TARGET} PRIVATE -static-libstdc++ -static-libgcc)
+    target_link_options(${TARGET} PRIVATE -static-libstdc++ -static-libgcc $<$<CONFIG:Release>:-s>)
   endif()
 endfunction()

@@ -12,7 +12,7 @@ function(sdk_page FROM TO)
     string(REGEX REPLACE "\\]\\((scenarios/|demo[.]txt)" "](../scenarios/\\1" page "${page}")
     string(REPLACE "scenarios/scenarios/" "scenarios/" page "${page}")
   endif()
-  string(REGEX REPLACE "\\[([^]]*)\\]\\((device|language|library|program|ui|wire|[.][.]/src)/[^)]*\\)"
+  string(REGEX REPLACE "\\[([^]]*)\\]\\((call|device|events|language|library|program|reader|server|ui|verbs|wire|[.][.]/bench|[.][.]/src)/[^)]*\\)"
     "\\1" page "${page}")
   foreach(path IN ITEMS
       build/macos/library-check=bin/library-check

@@ -1,15 +1,14 @@
 # shellcheck shell=sh
-# For the scripts of this project to source, from the project's folder: says what is done, removes at
-# the end what was made on the way, builds, and installs what a machine lacks.
-# Debian and its kin: apt-get; macOS: brew.
+# For the scripts of this project to source, from the project's folder. Prints messages, removes
+# temporary files at the end, builds, and installs missing packages (apt-get or brew).
 
 say() { printf '%s\n' "$*" >&2; }
 fail() { say "error: $*"; exit 1; }
 
-# begin SCRIPT ARGUMENT...: what each script does first, with its own arguments. --help prints the
-# comment at the script's top; else there is a folder $scratch, with its real path, until the script
-# ends, however it ends. A script that has more to undo gives `undo` another body.
-begin() {
+# init_script SCRIPT ARGUMENT...: each script calls this first, with its own arguments. --help prints
+# the comment at the script's top. $scratch is a temporary folder, by its real path, which is removed
+# however the script exits. A script with more to clean up redefines `undo`.
+init_script() {
   script=$1
   shift
   for argument in "$@"; do
@@ -25,7 +24,7 @@ begin() {
   trap 'exit 143' TERM
   scratch=$(mktemp -d "${TMPDIR:-/tmp}/card-reader.XXXXXX" 2>/dev/null) &&
     scratch=$(CDPATH='' cd -P -- "$scratch" && pwd) ||
-    fail "cannot make a folder in ${TMPDIR:-/tmp}; TMPDIR has to name one that can be written to"
+    fail "cannot make a folder in ${TMPDIR:-/tmp}; set TMPDIR to a writable folder"
 }
 scratch=''
 undo() { :; }
@@ -39,18 +38,18 @@ from_caller() {
   esac
 }
 
-# misused WHAT: for arguments that the script does not take.
-misused() { fail "$*; see $script --help"; }
+# usage_error WHAT: exits because of arguments that the script does not take.
+usage_error() { fail "$*; see $script --help"; }
 
-# The packages that are missing, gathered by the functions below until install_missing.
+# The missing packages: need_* functions add to them, install_missing installs them.
 missing=''
 
-# need_command COMMAND DEBIAN_PACKAGE BREW_FORMULA: '-' where a system needs no package for it.
+# need_command COMMAND DEBIAN_PACKAGE BREW_FORMULA: '-' if that system needs no package.
 need_command() {
   command -v "$1" >/dev/null 2>&1 || add_missing "$2" "$3"
 }
 
-# need_file FILES DEBIAN_PACKAGE BREW_FORMULA: for what is no command; any of the files will do.
+# need_file PATTERN DEBIAN_PACKAGE BREW_FORMULA: at least one file must match.
 need_file() {
   for candidate in $1; do
     [ ! -e "$candidate" ] || return 0
@@ -67,7 +66,7 @@ add_missing() {
 
 need_brew() {
   command -v brew >/dev/null 2>&1 ||
-    fail "Homebrew is missing: type the line that its home page, brew.sh, shows; then this again"
+    fail "Homebrew is missing; install it as its home page says, then run this again"
 }
 
 # shellcheck disable=SC2086 # packages and commands of several words
@@ -80,16 +79,16 @@ install_missing() {
       brew install $missing >&2 || fail "brew could not install:$missing"
       ;;
     *)
-      command -v apt-get >/dev/null 2>&1 || fail "please install by hand:$missing"
+      command -v apt-get >/dev/null 2>&1 || fail "missing packages:$missing; install them by hand"
       installer="apt-get install -y --no-install-recommends$missing"
       as_root=''
       if [ "$(id -u)" != 0 ]; then
         command -v sudo >/dev/null 2>&1 ||
-          fail "there is no sudo; type as root: apt-get update && $installer"
+          fail "sudo is missing; as root, run: apt-get update && $installer"
         as_root=sudo
       fi
       say "installing:$missing"
-      # Another run may be at it too. Old lists do no harm, as long as all is found.
+      # Another run may hold the lists. Old lists do no harm if they name every package.
       $as_root apt-get update >"$scratch/update.log" 2>&1 || cat "$scratch/update.log" >&2
       quietly $as_root env DEBIAN_FRONTEND=noninteractive $installer -o DPkg::Lock::Timeout=600
       ;;
@@ -97,11 +96,11 @@ install_missing() {
   missing=''
 }
 
-# What every build needs.
+# Requires what every build needs.
 need_build_tools() {
   if [ "$(uname -s)" = Darwin ]; then
-    # The command c++ is there on any Mac, and asks for this in a window.
-    xcode-select -p >/dev/null 2>&1 || fail "no compiler is installed; type: xcode-select --install"
+    # Every Mac has a command c++, which only offers to install the compiler.
+    xcode-select -p >/dev/null 2>&1 || fail "no compiler is installed; run: xcode-select --install"
   fi
   need_command cmake cmake cmake
   need_command make make -
@@ -109,67 +108,81 @@ need_build_tools() {
   need_file /usr/include/histedit.h libedit-dev - # line editing at the virtual reader's terminal
 }
 
-# The clang++ of the system, whatever other there is on the path: it is the one that has sanitizers,
-# libFuzzer and libc++ in packages of their own.
+# Requires Debian's clang++, whatever other one is on the path: its packages have the sanitizers,
+# libFuzzer and libc++.
 need_clang() {
   need_file /usr/bin/clang++ clang -
   need_file '/usr/lib/llvm-*/lib/clang/*/lib/*/libclang_rt.fuzzer*' libclang-rt-dev -
 }
 
-# GoogleTest's sources, where cmake/googletest.cmake looks for them.
+# Requires GoogleTest's sources where cmake/googletest.cmake looks for them.
 need_googletest() {
   if [ "$(uname -s)" != Darwin ]; then
     need_file /usr/src/googletest/googletest/src/gtest-all.cc googletest -
   elif [ ! -d build/googletest ]; then
-    # What Homebrew installs of it is compiled for the Mac's own processor.
+    # Homebrew's compiled package is for the Mac's own processor only.
     need_brew
     quietly brew unpack --destdir="$scratch" googletest
     mkdir -p build && mv "$scratch"/googletest-* build/googletest || fail "cannot write to $PWD/build"
   fi
 }
 
-# What building and running all tests needs.
+# Requires what building and running all tests needs. The tests ask no package index.
 need_test_tools() {
   need_build_tools
   need_googletest
   need_command node nodejs node
   need_command python3 python3 python3
+  need_file '/usr/lib/python3*/ensurepip' python3-venv -
+  for module in pip setuptools wheel; do
+    need_file /usr/lib/python3/dist-packages/$module python3-$module -
+  done
   need_command pgrep procps -
 }
 
-# hold FOLDER: makes a build folder, and waits until no other of these scripts builds in it; until
-# `release`, or until this script ends and all that it started.
+# hold FOLDER: makes a build folder and locks it against the other scripts, until `release` or until
+# this script and everything it started have exited.
 hold() {
-  mkdir -p "$1" 2>/dev/null && [ -w "$1" ] || fail "cannot write to the folder $PWD/$1"
+  mkdir -p "$1" 2>/dev/null && [ -w "$1" ] ||
+    fail "cannot write to the folder $1 in $PWD; build elsewhere: cmake -S '$PWD' -B FOLDER"
   exec 9>"$1/.lock"
-  # macOS has no command for this; its perl and Debian's take the lock for the descriptor.
-  perl -e 'open my $f, ">&=", 9; exit !flock $f, 6' || {
+  lock_descriptor -n || {
     say "waiting for another run in $1 ..."
-    perl -e 'open my $f, ">&=", 9; exit !flock $f, 2' || fail "cannot lock the folder $1"
+    lock_descriptor || fail "cannot lock the folder $1"
   }
 }
 release() { exec 9>&-; }
 
-# configure FOLDER CMAKE_ARGUMENT...: makes it the build folder of this project, and holds it.
+# lock_descriptor [-n]: locks descriptor 9; with -n, fails if another process has locked it.
+lock_descriptor() {
+  if command -v flock >/dev/null; then
+    flock "$@" 9
+  else # macOS has no such command, but Perl
+    command -v perl >/dev/null || fail "cannot lock a folder: neither flock nor perl is installed"
+    perl -e 'open my $f, ">&=", 9; exit !flock $f, @ARGV ? 6 : 2' -- "$@"
+  fi
+}
+
+# configure FOLDER CMAKE_ARGUMENT...: makes it a build folder of this project and locks it.
 configure() {
   hold "$1"
   home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$1/CMakeCache.txt" 2>/dev/null)
   [ -z "$home" ] || [ "$(CDPATH='' cd -P -- "$home" 2>/dev/null && pwd)" = "$PWD" ] ||
-    fail "$1 was made for the sources in $home; remove it, for instance: rm -r '$PWD/$1'"
+    fail "$1 was configured for the sources in $home; remove it: rm -r '$PWD/$1'"
   configured=$1
   shift
   quietly cmake -S . -B "$configured" "$@"
 }
 
-# build FOLDER CMAKE_ARGUMENT...: builds what was configured there, on all processors.
+# build FOLDER CMAKE_ARGUMENT...: builds on all processors.
 build() {
   quietly cmake --build "$@" --parallel "$(getconf _NPROCESSORS_ONLN)"
 }
 
-# quietly COMMAND...: shows what it prints only if it fails.
+# quietly COMMAND...: shows its output only if it fails.
 quietly() {
   "$@" >"$scratch/log" 2>&1 || {
     cat "$scratch/log" >&2
-    fail "this failed: $*"
+    fail "command failed: $*"
   }
 }

@@ -143,7 +143,6 @@ std::optional<int> host::status_told() {
 }
 
 void host::pass_output(const line_function& on_line) const {
-  constexpr std::size_t longest = 1 << 20;  // of a line that is told whole
   std::string pending;
   char block[65536];
   for (ssize_t count; (count = read(output, block, sizeof block)) != 0;) {
