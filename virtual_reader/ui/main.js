@@ -1,38 +1,74 @@
-// The page: what happens goes to each of its parts.
-import { at, follow } from './link.js';
+// The page: events and state go to each of its parts, once a frame at most.
+import { at } from './page.js';
 import { beep } from './sound.js';
 import * as reader from './reader.js';
-import * as host from './host.js';
-import * as record from './record.js';
+import * as cards from './cards.js';
+import * as faults from './faults.js';
+import * as application from './application.js';
+import * as script from './script.js';
+import * as eventLog from './event_log.js';
+import * as timeline from './timeline.js';
 
-const parts = [reader, host, record];
-const spoken = /^(led|beep|card|plugged|unplugged|connected|disconnected|fault|received) /;
+const parts = [reader, cards, faults, application, script, eventLog, timeline];
+const links = {
+  connecting: 'connecting …',
+  running: 'running',
+  busy: 'no answer, trying again …',
+  ended: 'has exited. Start it again, and open its new address.',
+};
+const announced = /^(led|beep|card|plugged|unplugged|connected|disconnected|fault|verdict|received (Ok|Error):)/;
+let events = [];
+let state;
+let hasHistory = false;
+let frame;
 let news = [];
 
-// To whoever hears the page, in a few words: what is shown all over it.
+// To listeners, in a few words, what is shown all over the page.
 setInterval(() => {
   if (news.length) at('news').textContent = news.slice(-5).join(', ');
   news = [];
 }, 300);
 
-function setLink(isThere) {
-  document.querySelector('main').inert = !isThere;
-  at('link').textContent = isThere ? 'live' : '';
-  at('trouble').textContent =
-    isThere ? '' : 'The reader has ended. Start it again, and open its new address.';
+function setLink(link) {
+  at('link').textContent = links[link];
+  document.body.dataset.link = link;
+  const hasEnded = link === 'ended';
+  if (hasEnded && document.activeElement.closest('.controls')) at('link').focus();
+  for (const each of document.querySelectorAll('.controls')) each.inert = hasEnded;
+  if (hasEnded && state) {
+    draw({ ...state, is_plugged: false, led: 'dark', held: null, queued: [], more_queued: 0,
+      agents: [], refused: [], calls: [], faults: [] });
+  }
 }
 
-follow({
-  begins() {
-    setLink(true);
-    for (const part of parts) part.begin();
-  },
-  entries(entries) {
-    for (const part of parts) part.take(entries);
-    for (const { kind, text } of entries.filter(({ isNew }) => isNew)) {
-      if (spoken.test(`${kind} ${text} `)) news.push(`${kind} ${text}`);
-      if (kind === 'beep') beep(...text.split(' '));
-    }
-  },
-  ends: () => setLink(false),
-});
+function draw(now) {
+  document.title = now.part ? `${now.part} · Virtual reader` : 'Virtual reader';
+  for (const part of parts) part.draw?.(now);
+}
+
+function update() {
+  frame = undefined;
+  for (const part of parts) part.add?.(events);
+  for (const event of events.filter(({ isNew }) => isNew)) {
+    if (announced.test(event.text)) news.push(event.text);
+    if (event.kind === 'beep') beep(event);
+  }
+  events = [];
+  if (state && document.body.dataset.link !== 'ended') draw(state);
+}
+
+// In a hidden tab no frame comes: its events wait, at most 5000, and are no news once it is seen.
+const { port } = new SharedWorker('worker.js', { type: 'module' });
+port.onmessage = ({ data }) => {
+  if (data.events) {
+    const isNew = hasHistory && !document.hidden;
+    hasHistory = true;
+    for (const event of data.events) events.push({ ...event, isNew });
+    events.splice(0, events.length - 5000);
+  }
+  state = data.state ?? state;
+  if (data.link) setLink(data.link);
+  frame ??= requestAnimationFrame(update);
+};
+addEventListener('pagehide', () => port.postMessage('closing'));
+addEventListener('pageshow', ({ persisted }) => persisted && location.reload());

@@ -1,17 +1,20 @@
-// The beeper, as far as the browser lets it be heard: after the first click or key.
-import { at } from './link.js';
+// The beeper, as far as the browser lets it sound: after the first click or key.
+import { at } from './page.js';
 
 let context;
 let free = 0; // when the last beep ends, in the context's time
 
 for (const gesture of ['pointerdown', 'keydown']) {
-  addEventListener(gesture, () => (context ??= new AudioContext()).resume(), { capture: true });
+  addEventListener(gesture, () => {
+    context ??= new AudioContext();
+    context.resume().then(() => { at('silence').hidden = true; });
+  }, { capture: true });
 }
 
-export function beep(length, count) {
-  const isHeard = at('sound').checked && context?.state === 'running';
-  if (!isHeard || free > context.currentTime + 5) return;
-  for (let i = 0; i < Math.min(count, 5); i += 1) {
+export function beep({ length, beeps }) {
+  const canSound = at('sound').checked && context?.state === 'running';
+  if (!canSound || free > context.currentTime + 5) return;
+  for (let i = 0; i < Math.min(beeps, 5); i += 1) {
     const start = Math.max(context.currentTime, free);
     const end = start + (length === 'long' ? 0.6 : 0.12);
     const tone = new OscillatorNode(context, { type: 'triangle', frequency: 2600 });
