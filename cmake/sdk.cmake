@@ -71,13 +71,17 @@ sdk_page(clients/README.md clients/README.md)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION . USE_SOURCE_PERMISSIONS ${in_sdk}
   PATTERN __pycache__ EXCLUDE)
 
-sdk_page(packaging/sdk.md README.md)
+sdk_page(packaging/sdk.md ../sdk-readme.md)
 sdk_page(virtual_reader/README.md docs/virtual-reader.md)
 foreach(page IN ITEMS
     CHANGELOG SECURITY docs/bring-up docs/performance docs/protocol docs/shipping docs/security-model)
   sdk_page(${page}.md ${page}.md)
 endforeach()
 install(DIRECTORY ${sdk_pages}/ DESTINATION . ${in_sdk})
+install(CODE "set(SYSTEM ${CMAKE_SYSTEM_NAME})\nset(MINIMUM_MACOS ${CMAKE_OSX_DEPLOYMENT_TARGET})
+set(PROGRAMS \"$<TARGET_FILE:card-reader-agent>;$<TARGET_FILE:pcProxAPI>;$<TARGET_FILE:virtual-reader>;\
+$<TARGET_FILE:pcProxAPI-recorder>\")\nset(README \"${CMAKE_BINARY_DIR}/sdk-readme.md\")" ${in_sdk})
+install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/sdk_readme.cmake ${in_sdk})
 
 # For whoever puts another library into the bundle, and signs it after.
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/macos/sign-ad-hoc DESTINATION packaging/macos ${in_sdk})

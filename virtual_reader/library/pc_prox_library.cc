@@ -27,7 +27,8 @@ enum record_index : std::size_t { id_bit_counts, flags, times, flags2, led, reco
 
 // What a call takes along: a few numbers, held without allocating, since that may throw.
 struct numbers {
-  numbers(std::initializer_list<std::int64_t> given = {}) { append(given); }
+  numbers() = default;
+  numbers(std::initializer_list<std::int64_t> given) { append(given); }
   template <typename T>
   void append(const T& given) {
     for (const std::int64_t number : given) values[count++] = number;

@@ -1,0 +1,18 @@
+# Installs README, the SDK's first page, with the oldest system that PROGRAMS run on: on Linux, the
+# newest version of the C library among those that they name.
+if(SYSTEM STREQUAL "Darwin")
+  set(OLDEST_SYSTEM "macOS ${MINIMUM_MACOS} or later")
+else()
+  set(newest 0)
+  foreach(program IN LISTS PROGRAMS)
+    file(STRINGS "${program}" versions REGEX "^GLIBC_[0-9.]+$")
+    list(TRANSFORM versions REPLACE "GLIBC_" "")
+    foreach(version IN LISTS versions)
+      if(version VERSION_GREATER newest)
+        set(newest ${version})
+      endif()
+    endforeach()
+  endforeach()
+  set(OLDEST_SYSTEM "Linux with glibc ${newest} or later")
+endif()
+configure_file("${README}" "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/README.md" @ONLY)
