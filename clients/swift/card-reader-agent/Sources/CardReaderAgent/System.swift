@@ -5,7 +5,7 @@
   import Darwin
 
   /// The error of starting a program for a processor that this machine can't stand in for.
-  let wrongProcessor: Int32? = EBADARCH
+  let wrongProcessor = EBADARCH
   // With the second flag, what else this program has open stays out of the child.
   private let spawnFlags = Int32(POSIX_SPAWN_SETSID) | Int32(POSIX_SPAWN_CLOEXEC_DEFAULT)
   private let sendFlags: Int32 = 0
@@ -16,7 +16,7 @@
     import Glibc
   #endif
 
-  let wrongProcessor: Int32? = nil
+  let wrongProcessor: Int32 = -1
   private let spawnFlags: Int32 = 0x80  // POSIX_SPAWN_SETSID, which the header shows only to C
   private let sendFlags = Int32(MSG_NOSIGNAL)
 #endif

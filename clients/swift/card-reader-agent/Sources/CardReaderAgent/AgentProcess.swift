@@ -8,36 +8,31 @@ import Dispatch
   import Glibc
 #endif
 
-/// A child process and its three streams. All that is here belongs to the queue it was given, on
-/// which it also calls back; only the wait for the child's end takes a thread of its own.
+/// A child process and its three streams. Its functions may be called from any thread; its state
+/// belongs to its queue. Only the wait for the child's end takes a thread.
 ///
 /// Foundation's `Process` gives neither a session of the child's own nor pipes that are safe to
 /// write to when the child has ended, so this starts the child itself.
 package final class AgentProcess: @unchecked Sendable {
-  /// What the owner is told of. `end` is the last, once all the child wrote has been told.
-  package struct Listener {
-    /// A line without its line feed.
-    package var line: (ArraySlice<UInt8>) -> Void
-    /// Whatever comes on standard error, as it comes.
-    package var errorOutput: (ArraySlice<UInt8>) -> Void
-    package var end: (AgentStatus?) -> Void
-
-    package init(
-      line: @escaping (ArraySlice<UInt8>) -> Void,
-      errorOutput: @escaping (ArraySlice<UInt8>) -> Void,
-      end: @escaping (AgentStatus?) -> Void
-    ) {
-      self.line = line
-      self.errorOutput = errorOutput
-      self.end = end
-    }
+  package enum Event: Sendable {
+    /// A line without its newline.
+    case line(ArraySlice<UInt8>)
+    /// Whatever arrives on standard error.
+    case errorOutput([UInt8])
+    /// The time of ``wake(after:)`` has come. All that the child had written by then was told before.
+    case woken
+    /// The last event, after all that the child wrote; nil when something else took the status.
+    case ended(AgentStatus?)
   }
 
   package let id: pid_t
-  private let queue: DispatchQueue
-  private let listener: Listener
+  /// What the child writes and how it ends, for one iteration.
+  package let events: AsyncStream<Event>
+  private let listener: AsyncStream<Event>.Continuation
+  private let queue = DispatchQueue(label: "card reader agent")
+  private let timer: any DispatchSourceTimer
   private let input: Int32
-  private let inputHasRoom: DispatchSourceWrite
+  private let inputHasRoom: any DispatchSourceWrite
   private var waitsForRoom = false
   private var inputIsOpen = true
   private var closesInput = false
@@ -46,13 +41,10 @@ package final class AgentProcess: @unchecked Sendable {
   private var output: Inflow?
   private var errorOutput: Inflow?
   private var unfinishedLine: [UInt8] = []
-  private var hasEnded = false
+  private var isOver = false
 
   /// Starts the program; throws `SystemError` when it can't be started.
-  package init(
-    path: String, arguments: [String] = [], environment: [String: String], queue: DispatchQueue,
-    listener: Listener
-  ) throws {
+  package init(path: String, arguments: [String] = [], environment: [String: String]) throws {
     var streams: [ChildStream] = []
     do {
       for _ in 0...2 { streams.append(try ChildStream()) }
@@ -64,45 +56,92 @@ package final class AgentProcess: @unchecked Sendable {
       throw error
     }
     for stream in streams { _ = close(stream.theirs) }
-    self.queue = queue
-    self.listener = listener
+    (events, listener) = AsyncStream.makeStream(of: Event.self)
+    timer = DispatchSource.makeTimerSource(queue: queue)
     let input = streams[0].ours
     self.input = input
     inputHasRoom = DispatchSource.makeWriteSource(fileDescriptor: input, queue: queue)
     inputHasRoom.setEventHandler { [unowned self] in flush() }
     inputHasRoom.setCancelHandler { _ = close(input) }
-    output = Inflow(streams[1].ours, queue) { [unowned self] in takeOutput($0) }
-    errorOutput = Inflow(streams[2].ours, queue) { listener.errorOutput($0) }
-    let id = id
-    DispatchQueue(label: "card reader agent's end").async {
+    queue.sync {
+      output = Inflow(streams[1].ours, queue) { [unowned self] in take($0) }
+      errorOutput = Inflow(streams[2].ours, queue) { [listener] in
+        listener.yield(.errorOutput(Array($0)))
+      }
+    }
+    timer.setEventHandler { [unowned self] in
+      readAll()
+      listener.yield(.woken)
+    }
+    timer.resume()
+    DispatchQueue(label: "card reader agent's end").async { [self] in
       awaitEnd(of: id)
-      queue.async { self.finish() }  // keeps this object until then
+      queue.async { [self] in  // both keep this object until then
+        let status = reap(id)
+        readAll()
+        listener.yield(.ended(status))
+        cutAll()
+      }
     }
   }
 
   /// Sends bytes, or keeps them until there is room. After the child's end they are lost.
   package func write(_ bytes: [UInt8]) {
-    guard inputIsOpen && !closesInput else { return }
-    if sent * 2 > outgoing.count {
-      outgoing.removeFirst(sent)
-      sent = 0
+    queue.async { [self] in
+      guard inputIsOpen && !closesInput else { return }
+      if sent * 2 > outgoing.count {
+        outgoing.removeFirst(sent)
+        sent = 0
+      }
+      outgoing += bytes
+      if !waitsForRoom { flush() }
     }
-    outgoing += bytes
-    if !waitsForRoom { flush() }
   }
 
   /// Closes the child's standard input, once all before is sent.
   package func closeInput() {
-    closesInput = true
-    if outgoing.isEmpty { cutInput() }
+    queue.async { [self] in
+      closesInput = true
+      if outgoing.isEmpty { cutInput() }
+    }
   }
 
   /// Sends a signal to the child and all of its own children. Does nothing after its end.
   package func signal(_ number: Int32) {
-    if !hasEnded { _ = kill(-id, number) }
+    queue.async { [self] in
+      if !isOver { _ = kill(-id, number) }
+    }
+  }
+
+  /// Sets the time of the next event `woken`, in place of the one set before.
+  package func wake(after seconds: Double) {
+    queue.async { [self] in timer.schedule(deadline: .now() + min(seconds, 86_400)) }
+  }
+
+  /// Closes the streams and ends the events, whether or not the child has ended.
+  package func abandon() {
+    queue.async { [self] in cutAll() }
+  }
+
+  private func readAll() {
+    output?.takeAll()
+    errorOutput?.takeAll()
+  }
+
+  // The streams may stay open in a child's child, whose output no longer counts.
+  private func cutAll() {
+    dispatchPrecondition(condition: .onQueue(queue))
+    if isOver { return }
+    isOver = true
+    cutInput()
+    output?.cut()
+    errorOutput?.cut()
+    timer.cancel()
+    listener.finish()
   }
 
   private func flush() {
+    dispatchPrecondition(condition: .onQueue(queue))
     while sent < outgoing.count {
       switch sendToChild(input, outgoing[sent...]) {
       case .success(let count): sent += count
@@ -123,6 +162,7 @@ package final class AgentProcess: @unchecked Sendable {
   }
 
   private func cutInput() {
+    dispatchPrecondition(condition: .onQueue(queue))
     if !inputIsOpen { return }
     inputIsOpen = false
     outgoing = []
@@ -131,30 +171,15 @@ package final class AgentProcess: @unchecked Sendable {
     inputHasRoom.cancel()
   }
 
-  private func takeOutput(_ bytes: ArraySlice<UInt8>) {
+  private func take(_ bytes: ArraySlice<UInt8>) {
+    dispatchPrecondition(condition: .onQueue(queue))
     var rest = bytes
-    while let lineFeed = rest.firstIndex(of: UInt8(ascii: "\n")) {
-      let end = rest[..<lineFeed]
-      rest = rest[(lineFeed + 1)...]
-      if unfinishedLine.isEmpty {
-        listener.line(end)
-      } else {
-        let line = unfinishedLine + end
-        unfinishedLine = []
-        listener.line(line[...])
-      }
+    while let newline = rest.firstIndex(of: UInt8(ascii: "\n")) {
+      listener.yield(.line((unfinishedLine + rest[..<newline])[...]))
+      unfinishedLine = []
+      rest = rest[(newline + 1)...]
     }
     unfinishedLine += rest
-  }
-
-  // The streams may stay open in a child's child: what is there by now is all that counts.
-  private func finish() {
-    hasEnded = true
-    let status = reap(id)
-    cutInput()
-    output?.finish()
-    errorOutput?.finish()
-    listener.end(status)
   }
 }
 
@@ -162,7 +187,7 @@ package final class AgentProcess: @unchecked Sendable {
 /// not on a thread.
 private final class Inflow {
   private let stream: Int32
-  private let source: DispatchSourceRead
+  private let source: any DispatchSourceRead
   private let take: (ArraySlice<UInt8>) -> Void
   private var buffer = [UInt8](repeating: 0, count: 65_536)
 
@@ -175,11 +200,10 @@ private final class Inflow {
     source.resume()
   }
 
-  /// Takes what is there at once, and ends.
-  func finish() {
-    while takeSome() {}
-    source.cancel()
-  }
+  /// Takes what is there: no more than a stream can hold, for another process may go on writing.
+  func takeAll() { for _ in 0..<64 where !takeSome() { break } }
+
+  func cut() { source.cancel() }
 
   private func takeSome() -> Bool {
     if source.isCancelled { return false }

@@ -1,0 +1,155 @@
+import CardReaderAgentTesting
+import Foundation
+import XCTest
+
+@testable import CardReaderAgent
+
+/// Plays the cases that the clients of all languages share. $CASE chooses those with it in their name.
+final class ConformanceTests: XCTestCase {
+  func testCases() async throws {
+    // All are made before anything is started: a child that begins while a file is written has it
+    // open too for a moment, and that file can't be run.
+    let programs = try makeFolder([
+      "denied": script(""), "silent": script("exec sleep 600"),
+      "dies": script("echo no library here >&2; exit 13"),
+      "global": script("echo Reader: Global; echo no library here >&2; exit 13"),
+      "leaves": script("sleep 20 & echo Reader: Dev1-A; exec sleep 600"),
+    ])
+    defer { try? FileManager.default.removeItem(atPath: programs) }
+    var cases = try (try? sections("conformance-new.txt")) ?? sections("conformance.txt")
+    XCTAssertGreaterThan(cases.count, 30)
+    if let part = environment["CASE"] { cases.removeAll { !$0.name.contains(part) } }
+    // Cases that suspend this process would suspend the others too.
+    let first = cases.partition { $0.lines.contains { $0.text.hasPrefix("suspend") } }
+    await withTaskGroup(of: Void.self) { group in
+      for (index, item) in cases[..<first].enumerated() {
+        if index >= 6 { await group.next() }
+        group.addTask { await play(item.name, item.lines, programs) }
+      }
+    }
+    for item in cases[first...] { await play(item.name, item.lines, programs) }
+  }
+}
+
+private func play(_ name: String, _ lines: [(number: Int, text: String)], _ programs: String) async
+{
+  do {
+    let player = Player(try await startVirtualReader(), programs)
+    for (number, line) in lines {
+      do { try await player.play(line) } catch {
+        XCTFail("\(name), line \(number): \(line): \(error)")
+        return await player.end()
+      }
+    }
+    let left = await player.events.texts
+    XCTAssert(left.isEmpty && player.commands.isEmpty, "\(name): left over: \(left)")
+    await player.end()
+    if let pid = player.pid, kill(pid, 0) == 0 { XCTFail("\(name): the agent is left") }
+  } catch {
+    XCTFail("\(name): \(error)")
+  }
+}
+
+extension CardReader {
+  /// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
+  fileprivate func begin(_ command: @escaping Command) -> Task<String, any Error> {
+    Task { try await command(self) }
+  }
+}
+
+private final class Player {
+  let events = Inbox()  // besides `poll` and those below
+  let logs = Inbox()
+  private(set) var commands: [Task<String, any Error>] = []
+  private(set) var pid: Int32?
+  private let virtual: VirtualReader
+  private let programs: String
+  private var options = CardReader.Options()
+  private var program = agentProgram
+  private var reader: CardReader!
+  private var background: Task<Void, Never>?
+
+  init(_ virtual: VirtualReader, _ programs: String) {
+    (self.virtual, self.programs) = (virtual, programs)
+    options.env = virtual.env
+  }
+
+  func end() async {
+    background?.cancel()
+    await reader?.close()
+    await virtual.close()
+  }
+
+  func play(_ line: String) async throws {
+    let (step, rest) = line.cut(at: " ")
+    pid = await reader?.pid ?? pid
+    switch step {
+    case "option": try set(&options, rest.cut(at: " ").0, rest.cut(at: " ").1)
+    case "agent":
+      program = rest == "bundle" ? "\(build)/CardReaderAgent.app" : "\(programs)/\(rest)"
+    case "!": try await virtual.execute(rest)
+    case "start": try await start()
+    case ">":
+      commands.append(await reader.begin(try parse(rest)))
+      _ = await reader.pid  // comes behind it on the actor
+    case "every":
+      let (reader, pause) = (reader!, Double(rest.cut(at: " ").0)!)
+      let command = try parse(rest.cut(at: " ").1)
+      background = Task {
+        while (try? await sleep(.milliseconds(pause))) != nil { _ = await reader.begin(command) }
+      }
+    case "cancel": commands.first?.cancel()
+    case "=": try await check(commands.removeFirst(), rest)
+    case "<" where rest.hasPrefix("log "):
+      while try await !logs.next().contains(rest.dropFirst(4)) {}
+    case "<":
+      let event = try await events.next()
+      let (expected, part) = rest.cut(at: ": ")
+      let (actual, reason) = event.cut(at: ": ")
+      if actual != expected || !(part.isEmpty || reason.contains(part)) {
+        throw Failure("it was \(event)")
+      }
+    case "reason":
+      let reason = await reader.reason ?? ""
+      if rest.isEmpty ? !reason.isEmpty : !reason.contains(rest) {
+        throw Failure("it was \(reason)")
+      }
+    case "kill", "stop":
+      if kill(pid!, step == "kill" ? SIGKILL : SIGSTOP) != 0 { throw Failure("no agent") }
+    case "suspend":
+      let all = "\(getpid()) \(pid!)"
+      let script = "kill -STOP \(all); sleep \(Double(rest)! / 1000); kill -CONT \(all)"
+      let helper = try AgentProcess(path: "/bin/sh", arguments: ["-c", script], environment: [:])
+      for await _ in helper.events {}
+    case "quiet":
+      try await sleep(.milliseconds(Double(rest)!))
+      let left = await events.texts
+      if !left.isEmpty { throw Failure("not quiet: \(left)") }
+    case "close":
+      let (start, hasFailed) = (Date(), await reader.state == .failed)
+      await reader.close()
+      if Date().timeIntervalSince(start) > 5 { throw Failure("it took more than 5 s") }
+      if hasFailed { await events.put("state \(reader.state)") }  // its stream of events has ended
+    default: throw Failure("no such step")
+    }
+  }
+
+  private func start() async throws {
+    reader = try CardReader(path: program, options: options)
+    let stream = await reader.events()
+    Task { [events, logs, reader] in
+      do {
+        for try await event in stream {
+          switch event {
+          case .log(let text): await logs.put(text)
+          case .poll: break
+          default: await events.put(event.text)
+          }
+        }
+      } catch {
+        if await reader?.state != .failed { await events.put("thrown: \(error)") }
+      }
+    }
+    await reader.start()
+  }
+}

@@ -1,0 +1,105 @@
+import Foundation
+import XCTest
+
+@testable import CardReaderAgent
+
+/// Plays the list of lines, answers, arguments and options that the clients of all languages share.
+final class LinesTests: XCTestCase {
+  func testLines() async throws {
+    let rows = try rows("lines")
+    let lines = rows.reduce(Data()) { $0 + unescape($1.left) + [0x0a] }
+    let folder = try makeFolder(["lines": lines, "agent": script("cat lines; exec cat >/dev/null")])
+    defer { try? FileManager.default.removeItem(atPath: folder) }
+    var options = CardReader.Options()
+    options.cardRemovedAfter = 3600
+    let expected = rows.filter { !$0.right.isEmpty }.flatMap { row in
+      row.right.components(separatedBy: "; ").map {
+        "\(row.number): " + String(decoding: unescape($0), as: UTF8.self)
+      }
+    }
+    try await withCardReader(path: "\(folder)/agent", options: options) { reader in
+      var rest = expected[...]
+      for try await event in await reader.events() {
+        if case .state = event { continue }
+        let (number, text) = rest.removeFirst().cut(at: ": ")
+        XCTAssertEqual(event.text, text, "line \(number)")
+        if event.text != text || rest.isEmpty { return }
+      }
+    }
+  }
+
+  func testAnswersAndArguments() async throws {
+    let answers = try rows("answers")
+    var files = [
+      "agent": script(
+        """
+        echo Reader: Dev1-A; n=0
+        while read -r line; do
+          case $line in
+          *ClearLED) n=$((n + 1)); cat $n ;;
+          *) echo "Ok:  ${line#Global:Ping }" ;;
+          esac
+        done
+        """)
+    ]
+    for (index, row) in answers.enumerated() { files["\(index + 1)"] = unescape(row.left) + [0x0a] }
+    let folder = try makeFolder(files)
+    defer { try? FileManager.default.removeItem(atPath: folder) }
+    let sent = Inbox()
+    var options = CardReader.Options()
+    options.trace = { _, direction, line in
+      if direction == .toAgent { Task { await sent.put(line) } }
+    }
+    try await withCardReader(path: "\(folder)/agent", options: options) { reader in
+      try await reader.waitFor(.ready, timeout: 10)
+      for (number, left, right) in try self.rows("arguments") {
+        do {
+          _ = try await parse(left)(reader)
+          XCTFail("line \(number): no error")
+        } catch is NotInSwift {
+        } catch CardReaderError.invalidArgument(let message) {
+          XCTAssert(message.contains(right), "line \(number): \(message)")
+        }
+      }
+      for (number, _, right) in answers {
+        do { try await check(Task { try await parse("clearLed")(reader) }, right) } catch {
+          XCTFail("line \(number): \(error)")
+        }
+      }
+      let lines = await sent.texts.count
+      XCTAssertEqual(lines, 1 + 3 * (answers.count), "more was sent than the answered commands")
+    }
+  }
+
+  func testOptionsAndErrors() throws {
+    for (number, left, right) in try rows("options") {
+      var options = CardReader.Options()
+      let (name, value) = left.cut(at: " ")
+      do {
+        try set(&options, name, value)
+        _ = try CardReader(path: "", options: options)
+        XCTAssertEqual(right, "ok", "line \(number)")
+      } catch CardReaderError.invalidArgument(let message) {
+        let part = Double(right).map { "\($0 / 1000)" } ?? right
+        XCTAssert(message.contains(name) && message.contains(part), "line \(number): \(message)")
+      } catch is NotInSwift {}
+    }
+    let errors: [CardReaderError] = [
+      .noReader, .readerChanged(""), .readerFailed(number: 1, message: ""), .rejected(""),
+      .unknownSettings([]), .commandTimeout, .notRunning, .agentStart(systemCode: "", reason: ""),
+    ]
+    XCTAssertEqual(errors.map(\.code), try rows("errors").map(\.right))
+    for (number, code, state) in try rows("start errors") {
+      let error = CardReaderError.agentStart(systemCode: code, reason: "")
+      XCTAssertEqual(error.isRetryable, state == "restarting", "line \(number)")
+    }
+  }
+
+  private func rows(_ section: String) throws -> [(number: Int, left: String, right: String)] {
+    let lines = try sections("lines.txt").first { $0.name == section }!.lines
+    return lines.map { number, text in
+      let (left, right) = text.cut(at: " =>")
+      return (number, left, String(right.dropFirst()))
+    }
+  }
+}
