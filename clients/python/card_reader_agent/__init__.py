@@ -1,53 +1,38 @@
 """Card readers in Python, through the card reader agent.
 
-`CardReader` keeps a reader in use for as long as the program runs; `CardReaderAgent` below it is one
-agent process. `card_reader_agent.testing` has a virtual reader for the tests of a host.
+`CardReader` keeps a reader in use for as long as the application runs. `card_reader_agent.testing` has
+a virtual reader and a stub reader for the application's tests.
 """
 
-from .agent import (
+import logging
+
+from .errors import (
     AgentEndedError,
     AgentStartError,
-    Attached,
-    BeepLength,
-    Card,
-    CardReaderAgent,
     CardReaderError,
-    Gone,
-    LedColor,
-    Log,
+    CommandTimeoutError,
     NoReaderError,
     ReaderChangedError,
     ReaderFailedError,
     RejectedError,
-    Replaced,
-    Settings,
-)
-from .reader import (
-    CardRemoved,
-    CardReader,
-    CommandTimeoutError,
-    Hang,
-    Poll,
-    State,
-    StateName,
     UnknownSettingsError,
 )
+from .events import Card, CardRemoved, Event, Log, Poll, State, StateName
+from .reader import CardReader
+from .words import BeepLength, LedColor, Settings
 
 __version__ = "1.1.0"
 
 __all__ = [
     "AgentEndedError",
     "AgentStartError",
-    "Attached",
     "BeepLength",
     "Card",
-    "CardRemoved",
     "CardReader",
-    "CardReaderAgent",
     "CardReaderError",
+    "CardRemoved",
     "CommandTimeoutError",
-    "Gone",
-    "Hang",
+    "Event",
     "LedColor",
     "Log",
     "NoReaderError",
@@ -55,9 +40,10 @@ __all__ = [
     "ReaderChangedError",
     "ReaderFailedError",
     "RejectedError",
-    "Replaced",
     "Settings",
     "State",
     "StateName",
     "UnknownSettingsError",
 ]
+
+logging.getLogger(__name__).addHandler(logging.NullHandler())  # silent unless the application listens

@@ -1,653 +1,303 @@
-"""One agent process: starts it, sends it commands, matches its answers and tells what it reports.
-
-    async with CardReaderAgent(path) as agent:
-        async for event in agent:
-            if isinstance(event, Card):
-                await agent.beep(event.reader)
-
-Text is UTF-8 in both directions. Bytes that are not valid UTF-8 become lone surrogates (the error
-handler "surrogateescape"), so that a reader name goes back to the agent exactly as it came.
-
-Everything here belongs to the event loop in which the agent was started.
-"""
+"""One agent process: sends it commands, matches its answers, keeps its reader's name, watches it."""
 
 from __future__ import annotations
 
 import asyncio
-import codecs
-import errno
+import math
 import os
-import re
 import secrets
-import signal
 import sys
 import time
-import weakref
-from asyncio.subprocess import PIPE
 from collections import deque
 from collections.abc import Callable, Mapping
 from contextlib import suppress
-from dataclasses import dataclass
-from typing import Any, Literal, TypedDict, Union, cast
+from typing import Any, Literal, NamedTuple, Protocol, TypeVar, Union
 
-LINE_LIMIT = 1023  # bytes before the line feed
-SAID_LIMIT = 4096  # characters of standard error that an AgentEndedError repeats
-GRACE = 1.0  # seconds from the agent's exit to the end of its output, or the other way round
+from .countdown import Countdown
+from .errors import (
+    AgentEndedError,
+    AgentStartError,
+    CardReaderError,
+    CommandTimeoutError,
+    error_for,
+    readers_in,
+)
+from .process import Process
+from .words import encode, parse_line, reader_number
+
+T = TypeVar("T")
 
 PROGRAM = "Contents/MacOS/card-reader-agent"  # in the bundle
-SETTING_IGNORED = "Ignoring unexpected setting "
-BAD_CPU_TYPE = 86  # macOS; unknown to the errno module
-ROSETTA = (
-    "this Mac has no Rosetta, which the agent needs: "
-    "softwareupdate --install-rosetta --agree-to-license"
-)
+SAID_LIMIT = 4096  # characters of standard error that an AgentEndedError repeats
+KILL_TIMEOUT = 2.0  # seconds in which a killed agent exits, or is given up
+NOT_RESPONDING = "the agent is not responding"
 
-# What may stand behind the colon of each kind of line; all else is the rest of a log text.
-_TEXTS = {
-    "Ok": re.compile(r"(?: [^\0]+)?"),
-    "Error": re.compile(r"(?: [^\0]+)?"),
-    "Reader": re.compile(r" (?:Global|Dev[0-9]+(?:-[^\s\0]+)?)", re.ASCII),
-    "Card": re.compile(r" [0-9A-F]{1,64}"),
-    "Log": re.compile(r" .*", re.DOTALL),
-}
-_FAILED = re.compile(
-    r"(?:Beeping|Setting LED state|Clearing LED state|Resetting card reader)"
-    r" failed with error (-?[0-9]+)"
-    r"|Failed to (?:read|write) reader config"
-    r"|Call to \w+ failed; settings will not be set"
-)
-_SETTING_TYPE = re.compile(r"[^\s.]+", re.ASCII)
-_SETTING_NAME = re.compile(r"[^\s.=][^\s=]*", re.ASCII)
-
-BeepLength = Literal["short", "long"]
-LedColor = Literal["red", "green", "amber", "off"]
+StandardError = Union[Literal["inherit", "ignore"], Callable[[str], object]]
+Trace = Callable[[float, str, str], object]
 
 
-class IDBitCounts(TypedDict, total=False):
-    iLeadParityBitCnt: int
-    iTrailParityBitCnt: int
-    iTotalBitCnt: int
+class Owner(Protocol):
+    """What an agent calls, always from the event loop."""
+
+    def _on_answer(self) -> None: ...
+    def _on_busy(self, is_busy: bool) -> None: ...
+    def _on_end(self, error: AgentEndedError) -> None: ...
+    def _on_reader(self, previous: str | None) -> None: ...
+    def _on_card(self, digits: str) -> None: ...
+    def _on_log(self, text: str) -> None: ...
 
 
-class Flags(TypedDict, total=False):
-    bFrcBitCntEx: int
-    bSndOnRx: int
-    bHaltKBSnd: int
-
-
-class TimeParameters(TypedDict, total=False):
-    iBitStrmTO: int
-    iIDHoldTO: int
-    iIDLockOutTm: int
-
-
-class Flags2(TypedDict, total=False):
-    bWiegInvData: int
-    bUseInvDataF: int
-    bRevWiegBits: int
-    bBeepID: int
-    bRevBytes: int
-
-
-class LedControl(TypedDict, total=False):
-    bAppCtrlsLED: int
-    iRedLEDState: int
-    iGrnLEDState: int
-
-
-class Settings(TypedDict, total=False):
-    """Setting type, then setting name, to a 32-bit integer or a truth value."""
-
-    tsIDBitCnts: IDBitCounts
-    tsCfgFlags: Flags
-    tsTimeParms: TimeParameters
-    tsCfgFlags2: Flags2
-    tsLEDCtrl: LedControl
-
-
-@dataclass(frozen=True)
-class Attached:
-    """A reader was found while there was none."""
-
-    reader: str
-
-
-@dataclass(frozen=True)
-class Replaced:
-    """The reader was lost and found again at once; commands need its new name."""
-
-    reader: str
-    previous: str
-
-
-@dataclass(frozen=True)
-class Gone:
-    """The reader was lost. The agent looks for one every 10 seconds."""
-
-    previous: str
-
-
-@dataclass(frozen=True)
-class Card:
-    """A card was read: its ID in upper-case hexadecimal digits, and the reader it came from."""
-
-    id: str
-    reader: str
-
-
-@dataclass(frozen=True)
-class Log:
-    """A line of diagnostics; a text of several lines comes as several events."""
-
+class Answer(NamedTuple):
+    is_ok: bool
     text: str
+    line: str
 
 
-AgentEvent = Union[Attached, Replaced, Gone, Card, Log]
-
-
-class CardReaderError(Exception):
-    """What all errors of this package have in common."""
-
-
-class NoReaderError(CardReaderError):
-    """No reader is attached."""
-
-
-class ReaderChangedError(CardReaderError):
-    """Another reader is attached than the one meant, or the same one anew. Nothing was done."""
-
-
-class ReaderFailedError(CardReaderError):
-    """The reader or its library failed. `number` is the library's, None for a configuration."""
-
-    def __init__(self, message: str, number: int | None) -> None:
-        super().__init__(message)
-        self.number = number
-
-
-class RejectedError(CardReaderError):
-    """The agent did not understand the command; the message is the agent's."""
-
-
-class AgentEndedError(CardReaderError):
-    """The agent is not running (any more), so that there is no answer.
-
-    `status` is its exit status, negative for a signal, or None; `signal` the signal's name, or None.
-    The message ends with the last of what the agent `said` on standard error.
+class Command:
+    """A command without an answer so far. Pings with tokens enclose it, so that no text of the library
+    can pass for its answer or, while it is executed, for a card.
     """
 
-    def __init__(self, status: int | None = None, said: str = "", how: str = "") -> None:
-        self.status = status
-        self.signal: str | None = None
-        if status is not None and status < 0:
-            try:
-                self.signal = signal.Signals(-status).name
-            except ValueError:  # a real-time signal
-                self.signal = f"signal {-status}"
-        if self.signal:
-            how = f"was ended by {self.signal}"
-        elif status is not None:
-            how = f"ended with status {status}"
-        how = how or "is not running"
-        super().__init__(f"the agent {how}" + (f": {said.strip()}" if said.strip() else ""))
+    def __init__(self, first: str | None, last: str, settle: Callable[[Answer], object]) -> None:
+        self.first = first  # the token before it, None once that was answered
+        self.last = last  # the token after it
+        self.is_started = False
+        self.settle = settle
+        self.fail: Callable[[CardReaderError], object] = lambda _: None
+        self.answer: Answer | None = None  # the last one seen between the tokens
+        self.logs: list[str] = []
 
 
-class AgentStartError(CardReaderError):
-    """The agent can't be run. `code` is the system's name for the reason, such as "ENOENT"."""
+def limit(future: asyncio.Future[T], timeout: float | None, what: str) -> asyncio.Future[T]:
+    """The future, which fails with a CommandTimeoutError after so many seconds."""
 
-    def __init__(self, path: str, error: OSError | ValueError) -> None:
-        number = error.errno if isinstance(error, OSError) else errno.EINVAL
-        self.code = errno.errorcode.get(number or 0, str(number))
-        words = os.strerror(number) if number else str(error)
-        if sys.platform == "darwin" and number == BAD_CPU_TYPE:
-            self.code = "EBADARCH"
-            words = ROSETTA
-        super().__init__(f"cannot start {path}: {self.code}, {words}")
+    def expire() -> None:
+        if not future.done():
+            future.set_exception(CommandTimeoutError(f"{what} within {timeout:g} s"))
 
-
-def error_for(text: str) -> CardReaderError:
-    """What the agent's answer "Error: `text`" means."""
-    if failed := _FAILED.fullmatch(text):
-        return ReaderFailedError(text, int(failed[1]) if failed[1] else None)
-    if not text.startswith("Action was for reader "):
-        return RejectedError(text)
-    if text.endswith(", but there is no reader attached"):
-        return NoReaderError(text)
-    return ReaderChangedError(text)
+    if timeout is not None and timeout != math.inf and not future.done():
+        countdown = Countdown(timeout, expire)
+        countdown.restart()
+        future.add_done_callback(lambda _: countdown.stop())
+    return future
 
 
-# A process that is forked off ours gets a copy of our ends of the agent's pipes. It has to let go of
-# them, or the agent would never see the end of its input. Their numbers stay taken, since objects
-# that were forked along may close them once more.
-_our_ends: weakref.WeakSet[Any] = weakref.WeakSet()
+class Agent:
+    """A running agent. Raises AgentStartError if it cannot be started.
 
-
-def _let_go_of_our_ends() -> None:
-    null = os.open(os.devnull, os.O_RDWR)
-    for end in list(_our_ends):
-        with suppress(OSError, ValueError):  # it is closed
-            os.dup2(null, end.fileno(), inheritable=False)
-    os.close(null)
-
-
-os.register_at_fork(after_in_child=_let_go_of_our_ends)
-
-
-class _Command:
-    """One that was sent and is not answered yet."""
-
-    __slots__ = ("answer", "future", "logs", "proof")
-
-    def __init__(self, future: asyncio.Future[str]) -> None:
-        self.future = future
-        self.proof: str | None = None  # the answer to the ping that follows it
-        self.answer: tuple[str, str, str] | None = None  # the last one seen: kind, text, line
-        self.logs: list[str] | None = None  # the log lines meanwhile, if they matter
-
-
-class _Process(asyncio.SubprocessProtocol):
-    """The agent's process and its pipes: bytes to lines, and an end that always comes."""
-
-    transport: asyncio.SubprocessTransport | None = None
-
-    def __init__(self, agent: CardReaderAgent) -> None:
-        self.loop = asyncio.get_running_loop()
-        self.ended: asyncio.Future[None] = self.loop.create_future()
-        self.closing = False
-        self.said = ""
-        self._agent = agent
-        self._output: list[bytes] = []
-        self._partial: list[bytes] = []  # the pieces of the line that is not complete yet
-        self._decoder = codecs.getincrementaldecoder("utf-8")("replace")
-        self._insisting: asyncio.TimerHandle | None = None
-
-    def connection_made(self, transport: asyncio.BaseTransport) -> None:
-        self.transport = cast(asyncio.SubprocessTransport, transport)
-        for number in range(3):
-            if pipe := self.transport.get_pipe_transport(number):
-                _our_ends.add(pipe.get_extra_info("pipe"))
-        if self.closing:
-            self.close_input()
-
-    def write(self, data: bytes) -> None:
-        """What is written in one turn of the event loop goes out together: a flood costs less."""
-        if not self._output:
-            self.loop.call_soon(self._flush)
-        self._output.append(data)
-
-    def _flush(self) -> None:
-        pipe = self._input()
-        if pipe and not pipe.is_closing():  # or else the end is near, and fails this too
-            pipe.write(b"".join(self._output))
-        self._output.clear()
-
-    def close_input(self) -> None:
-        self.closing = True
-        self._flush()
-        if pipe := self._input():
-            pipe.close()
-
-    def kill(self) -> None:
-        if self.transport:
-            with suppress(ProcessLookupError):
-                self.transport.kill()
-
-    def finish(self, status: int | None) -> None:
-        if self._insisting:
-            self._insisting.cancel()
-        if not self.ended.done():
-            self.ended.set_result(None)
-            self._agent._end(status, self.said)
-
-    def pipe_data_received(self, fd: int, data: bytes) -> None:
-        if fd != 1:
-            self._hear(data)
-            return
-        head, *lines = data.split(b"\n")
-        self._partial.append(head)
-        for line in lines:  # each begins behind a line feed, so that the one before is complete
-            self._agent._take(b"".join(self._partial).decode(errors="surrogateescape"))
-            self._partial = [line]
-
-    def pipe_connection_lost(self, fd: int, exc: Exception | None) -> None:
-        if fd == 1:
-            self._insist()
-
-    def process_exited(self) -> None:
-        self._insist()
-
-    def connection_lost(self, exc: Exception | None) -> None:
-        if self.transport:
-            self.transport.close()  # there is nothing left to close, but it would complain
-            self.finish(self.transport.get_returncode())
-
-    def _input(self) -> asyncio.WriteTransport | None:
-        pipe = self.transport.get_pipe_transport(0) if self.transport else None
-        return cast("asyncio.WriteTransport | None", pipe)
-
-    def _hear(self, data: bytes) -> None:
-        text = self._decoder.decode(data)
-        self.said = (self.said + text)[-SAID_LIMIT:]
-        self._agent._hear(text)
-
-    def _insist(self) -> None:
-        """Another process may hold the pipes of one that is gone, or this one live on without."""
-        if self.transport and not self._insisting:
-            self._insisting = self.loop.call_later(GRACE, self.transport.close)
-
-
-class CardReaderAgent:
-    """One agent process, started by `async with` or by `start`, in a session of its own.
-
-    Iterating over it gives the events in order until the agent ends, also those that came before;
-    it raises AgentEndedError when the agent ends without `close`. Events wait in memory for whoever
-    iterates, so neither the agent nor the commands ever wait for a slow consumer.
-
-    Every command returns once it is answered, or raises: one of the errors that `error_for` makes
-    of the agent's "Error"; AgentEndedError without an answer; ValueError, with nothing sent, for
-    arguments that can't be told in one line of the protocol: a line feed or zero byte, a colon in
-    a reader name, a setting's name that is none, a value that is no 32-bit integer, more than 1023
-    bytes. Commands may be sent without waiting for the answers before; one whose wait is cancelled
-    has been sent all the same.
-
-    Reader names begin with the time of the agent's start in seconds: those of two agents that were
-    started within a second may be the same.
+    Every way out ends in `_settle`: pending commands fail with the reason, the pipes are closed and
+    the owner is called, once, even if the process survives a SIGKILL.
     """
 
     def __init__(
         self,
-        path: str | os.PathLike[str],
+        path: str,
+        owner: Owner,
         *,
-        env: Mapping[str, str] | None = None,
-        certain: bool = True,
-        close_timeout: float | None = 2.0,
-        stderr: Literal["inherit", "ignore"] | Callable[[str], object] = "inherit",
-        trace: Callable[[float, str, str], object] | None = None,
-        on_event: Callable[[AgentEvent], object] | None = None,
+        env: Mapping[str, str] | None,
+        stderr: StandardError,
+        trace: Trace | None,
+        close_timeout: float,
+        watchdog_interval: float,
+        watchdog_timeout: float,
     ) -> None:
-        """`path` is the agent's executable or its bundle; `env` its environment, by default ours.
-
-        `certain`: a ping with a fresh number follows each command, so that no text of the reader
-        library can pass for an answer. `close_timeout`: seconds, see `close`. `stderr`: where the
-        agent's standard error goes, perhaps a function. `trace` is called with each line: time in
-        seconds since the epoch, ">" to the agent or "<" from it, the line. `on_event` is called
-        with each event at once; there is nothing to iterate over then.
-        """
-        path = os.fspath(path)
-        self._path = os.path.join(path, PROGRAM) if os.path.isdir(path) else path
-        self._env = env
-        self._certain = certain
-        self._close_timeout = close_timeout
-        self._stderr = stderr
-        self._trace = trace
-        self._on_event = on_event
-        self._process: _Process | None = None
-        self._events: asyncio.Queue[AgentEvent | None] | None = None
-        self._pending: deque[_Command] = deque()
-        self._salt = secrets.token_hex(8)
-        self._number = 0
-        self._reader: str | None = None
-        self._status: int | None = None
+        if os.path.isdir(path):
+            path = os.path.join(path, PROGRAM)
+        self.reader: str | None = None  # its name
+        self._owner = owner
+        self._stderr, self._trace = stderr, trace
+        self._pending: deque[Command] = deque()
+        self._salt, self._count = secrets.token_hex(8), 0
+        self._number: int | None = None  # of the reader attached last
         self._said = ""
-        self._answered = 0.0
-
-    @property
-    def reader(self) -> str | None:
-        """The name of the attached reader, None when there is none."""
-        return self._reader
+        self._reason = ""
+        self._is_settled = self._is_closing = False
+        self._loop = asyncio.get_running_loop()
+        try:
+            self._process: Process = Process(
+                path, env, self._take, self._take_error, self._settle, self._output_ended
+            )
+        except (OSError, ValueError) as error:
+            raise AgentStartError(path, error) from error
+        self._hang = Countdown(watchdog_timeout, lambda: self.end(NOT_RESPONDING))
+        self._quiet = Countdown(watchdog_interval or math.inf, self.ping)
+        self._exit = Countdown(close_timeout, lambda: self.end(NOT_RESPONDING))
+        self._dying: asyncio.TimerHandle | None = None
+        self.ping()
 
     @property
     def pid(self) -> int | None:
-        """The agent's process id while it runs."""
-        process = self._process
-        if not process or not process.transport or process.ended.done():
-            return None
-        return process.transport.get_pid()
+        return None if self._is_settled else self._process.pid
 
     @property
-    def answered(self) -> float:
-        """When the last answer came or, if none was due then, the command after it was sent; in the
-        time of the event loop.
-        """
-        return self._answered
-
-    @property
-    def busy(self) -> bool:
-        """Whether commands are under way."""
+    def is_busy(self) -> bool:
         return bool(self._pending)
 
-    @property
-    def end(self) -> AgentEndedError:
-        """How the agent ended; without a status if it has not."""
-        return AgentEndedError(self._status, self._said)
+    def ping(self) -> None:
+        future = self.send("Global:Ping", lambda _text, _logs: None, None)
+        future.add_done_callback(lambda future: future.cancelled() or future.exception())
 
-    async def start(self) -> None:
-        """Starts the agent, once. Raises AgentStartError when it can't be; try again as you like."""
-        if self._process:
-            raise RuntimeError("the agent was started before")
-        self._events = asyncio.Queue()
-        process = self._process = _Process(self)
-        try:
-            await process.loop.subprocess_exec(
-                lambda: process,
-                self._path,
-                stdin=PIPE,
-                stdout=PIPE,
-                stderr=PIPE,
-                env=self._env,
-                start_new_session=True,  # a Ctrl-C in our terminal is ours to answer
-            )
-        except BaseException as error:
-            self._process = None
-            process.finish(None)
-            if isinstance(error, (OSError, ValueError)):
-                raise AgentStartError(self._path, error) from error
-            raise
-
-    async def wait(self, timeout: float | None = None) -> bool:
-        """Waits for the agent's end, at most `timeout` seconds; returns whether it is not running."""
-        if self._process and not self._process.ended.done():
-            await asyncio.wait({self._process.ended}, timeout=timeout)
-            return self._process.ended.done()
-        return True
-
-    async def close(self) -> int | None:
-        """Closes the agent's standard input, waits for its end and returns its exit status.
-
-        All commands sent before are answered by then. An agent that has not ended after
-        `close_timeout` seconds is killed, and so is it when this is cancelled. May be called at any
-        time and more than once. The status is None if there was no agent, or none that would end.
+    def send(
+        self, line: str, convert: Callable[[str, list[str]], T], timeout: float | None
+    ) -> asyncio.Future[T]:
+        """Send the line now. The future has what `convert` makes of the answer's text and the log
+        lines before it, or fails.
         """
-        if process := self._process:
-            process.close_input()
-            try:
-                await asyncio.wait({process.ended}, timeout=self._close_timeout)
-            finally:
-                if not process.ended.done():
-                    process.kill()
-            await asyncio.wait({process.ended}, timeout=2 * GRACE)
-            process.finish(None)  # not even SIGKILL ends a process whose driver never returns
-        return self._status
+        lines = [line, self._token()]
+        is_for_reader = not line.startswith("Global:")
+        if is_for_reader:
+            lines.insert(0, self._token())
+        data = b"".join(map(encode, lines))
+        future: asyncio.Future[T] = self._loop.create_future()
+        if self._is_settled or self._is_closing:
+            future.set_exception(AgentEndedError())
+            return future
 
-    def kill(self) -> None:
-        """Ends the agent at once; `wait` tells when that is done."""
-        if self._process:
+        def settle(answer: Answer) -> None:
+            if not answer.is_ok:
+                fail(error_for(answer.text))
+            elif not future.done():  # else it was cancelled, or is late
+                try:
+                    future.set_result(convert(answer.text, command.logs))
+                except CardReaderError as error:
+                    future.set_exception(error)
+
+        def fail(error: CardReaderError) -> None:
+            if not future.done():
+                future.set_exception(error)
+
+        first = lines[0] if is_for_reader else None
+        command = Command(first and first[len("Global:Ping") :], lines[-1][len("Global:Ping") :], settle)
+        command.fail = fail
+        for each in lines:
+            self._call(self._trace, time.time(), ">", each)
+        self._process.write(data)
+        self._pending.append(command)
+        if len(self._pending) == 1:
+            self._quiet.stop()
+            self._hang.restart()
+            self._owner._on_busy(True)
+        return limit(future, timeout, "no answer")
+
+    def close(self) -> None:
+        """Let the agent answer what was sent and exit; after `close_timeout`, end it."""
+        if not self._is_closing:
+            self._is_closing = True
+            self._process.close_input()
+            self._exit.restart()
+
+    def end(self, reason: str) -> None:
+        """Kill the agent. Settle when it has exited, or after KILL_TIMEOUT if it does not."""
+        if not self._is_settled and not self._dying:
+            self._reason = reason
+            self._dying = self._loop.call_later(KILL_TIMEOUT, self._settle, None)
             self._process.kill()
 
-    async def __aenter__(self) -> CardReaderAgent:
-        await self.start()
-        return self
+    def _token(self) -> str:
+        self._count += 1
+        return f"Global:Ping {self._salt}-{self._count}"
 
-    async def __aexit__(self, *_: object) -> None:
-        await self.close()
+    def _output_ended(self) -> None:
+        """An agent that closes its output and lives on cannot answer any more."""
+        self._exit.stop()
+        self._exit = Countdown(KILL_TIMEOUT, lambda: self.end(""))
+        self._exit.restart()
 
-    def __aiter__(self) -> CardReaderAgent:
-        return self
-
-    async def __anext__(self) -> AgentEvent:
-        if not self._process or not self._events:
-            raise AgentEndedError()
-        event = await self._events.get()
-        if event is not None:
-            return event
-        self._events.put_nowait(None)  # for all others who iterate
-        raise StopAsyncIteration() if self._process.closing else self.end
-
-    async def ping(self, text: str = "") -> str:
-        """Returns the text, less white space at its end."""
-        # The agent sends back the blank before the text too.
-        return (await self._send(f"Global:Ping {text}").future)[1:]
-
-    async def beep(self, reader: str, count: int = 1, length: BeepLength = "short") -> None:
-        """1 to 5 beeps of the length "short", or 1 to 2 of the length "long"."""
-        await self._command(reader, f"Beep {length} {count}").future
-
-    async def set_led(self, reader: str, color: LedColor) -> None:
-        """Takes the LED under the agent's control: "red", "green", "amber" or "off"."""
-        await self._command(reader, f"SetLED {color}").future
-
-    async def clear_led(self, reader: str) -> None:
-        """Gives control of the LED back to the reader."""
-        await self._command(reader, "ClearLED").future
-
-    async def reset_config(self, reader: str) -> None:
-        """Resets the reader to its factory settings."""
-        await self._command(reader, "ResetConfig").future
-
-    async def configure(self, reader: str, settings: Settings) -> list[str]:
-        """Changes the reader's configuration.
-
-        Returns, sorted and as "type.name", the settings that the agent does not know. It has applied
-        the others.
-        """
-        logs_of = {}
-        line = "ReaderConfig"
-        for setting_type, values in cast("Mapping[str, Mapping[str, int]]", settings).items():
-            for name, value in values.items():
-                setting = f"{setting_type}.{name}"
-                if not _SETTING_TYPE.fullmatch(setting_type) or not _SETTING_NAME.fullmatch(name):
-                    raise ValueError(f"not the name of a setting: '{setting}'")
-                if not isinstance(value, int) or not -(2**31) <= value < 2**31:
-                    raise ValueError(f"not a 32-bit integer: {setting}={value}")
-                line += f" {setting}={value:d}"
-                logs_of[setting] = (f"{setting}={value:d}", f"type {setting_type}")
-        command = self._command(reader, line)
-        command.logs = []
-        await command.future
-        ignored = {text[len(SETTING_IGNORED) :] for text in command.logs}
-        return sorted(name for name, logs in logs_of.items() if not ignored.isdisjoint(logs))
-
-    def _command(self, reader: str, command: str) -> _Command:
-        if not reader or ":" in reader:
-            raise ValueError(f"a reader name must be neither empty nor hold a colon: '{reader}'")
-        return self._send(f"{reader}:{command}")
-
-    def _send(self, line: str) -> _Command:
-        data = line.encode(errors="surrogateescape") + b"\n"
-        if b"\n" in data[:-1] or b"\0" in data:
-            raise ValueError("a command must not hold a line feed or a zero byte")
-        if len(data) > LINE_LIMIT + 1:
-            raise ValueError(f"command line of {len(data) - 1} bytes, more than {LINE_LIMIT}")
-        process = self._process
-        if not process or not process.transport or process.closing or process.ended.done():
-            raise self.end
-        command = _Command(process.loop.create_future())
-        if self._trace:
-            self._call(self._trace, time.time(), ">", line)
-        if self._certain:
-            self._number += 1
-            command.proof = f" {self._salt}-{self._number}"
-            ping = f"Global:Ping{command.proof}"
-            data += ping.encode() + b"\n"
-            if self._trace:
-                self._call(self._trace, time.time(), ">", ping)
-        if not self._pending:
-            self._answered = process.loop.time()
-        self._pending.append(command)
-        process.write(data)
-        return command
+    def _settle(self, status: int | None) -> None:
+        if self._is_settled:
+            return
+        self._is_settled = True
+        for countdown in self._hang, self._quiet, self._exit:
+            countdown.stop()
+        if self._dying:
+            self._dying.cancel()
+        self._process.release()
+        error = AgentEndedError(status, "" if self._reason else self._said, self._reason)
+        pending, self._pending = self._pending, deque()
+        for command in pending:
+            command.fail(AgentEndedError(status, "" if self._reason else self._said, self._reason))
+        self.reader = None
+        self._owner._on_end(error)
 
     def _take(self, line: str) -> None:
-        if self._trace:
-            self._call(self._trace, time.time(), "<", line)
-        kind, colon, text = line.partition(":")
-        form = _TEXTS.get(kind)
-        if not form or not colon or not form.fullmatch(text):
-            self._emit(Log(line))  # a log text goes on
-            return
-        text = text[1:]
-        if kind in ("Ok", "Error"):
-            self._take_answer(kind, text, line)
-        elif kind == "Log":
-            if self._pending and (logs := self._pending[0].logs) is not None:
-                logs.append(text)
-            self._emit(Log(text))
-        elif kind == "Reader" and (text != "Global" or self._reader):
-            self._change_reader(text)
-        elif kind == "Card" and self._reader:
-            self._emit(Card(text, self._reader))
-        else:
-            self._emit(Log(line))
-
-    def _take_answer(self, kind: str, text: str, line: str) -> None:
+        self._call(self._trace, time.time(), "<", line)
+        kind, text = parse_line(line)
         command = self._pending[0] if self._pending else None
-        if command and command.proof is None:
-            self._settle(kind, text)
-        elif command and command.answer and kind == "Ok" and text == command.proof:
-            self._settle(*command.answer[:2])
-        else:
-            late = line  # without a command, or before the last answer to one
+        if kind in ("Ok", "Error") and command:
+            self._take_answer(command, Answer(kind == "Ok", text, line))
+        elif kind == "Log":
             if command:
-                late = command.answer[2] if command.answer else ""
-                command.answer = (kind, text, line)
-            if late:
-                self._emit(Log(late))
-
-    def _settle(self, kind: str, text: str) -> None:
-        future = self._pending.popleft().future
-        self._answered = future.get_loop().time()
-        if future.done():
-            pass  # nobody waits any more
-        elif kind == "Ok":
-            future.set_result(text)
+                command.logs.append(text)
+            self._owner._on_log(text)
+        elif kind == "Reader" and self._is_plausible(text):
+            self._change_reader(None if text == "Global" else text)
+        elif kind == "Card" and self.reader and not self._is_executing():
+            self._owner._on_card(text)
         else:
-            future.set_exception(error_for(text))
+            self._owner._on_log(line)
 
-    def _change_reader(self, name: str) -> None:
-        previous, self._reader = self._reader, None if name == "Global" else name
-        if self._reader is None:
-            self._emit(Gone(previous or ""))
-        elif previous:
-            self._emit(Replaced(name, previous))
+    def _is_plausible(self, name: str) -> bool:
+        """The agent numbers the connections of its process one by one."""
+        if name == "Global":
+            return self.reader is not None
+        return self._number is None or reader_number(name) == self._number + 1
+
+    def _is_executing(self) -> bool:
+        """Whether the agent is certainly executing a reader's command, and so does not poll for cards.
+        (Between the last answer and the token after it a poll may just find room.)
+        """
+        command = self._pending[0] if self._pending else None
+        return bool(command and command.is_started and not command.answer)
+
+    def _take_answer(self, command: Command, answer: Answer) -> None:
+        if command.first is not None:
+            if answer.is_ok and answer.text == command.first:
+                command.first, command.is_started = None, True
+            else:
+                self._owner._on_log(answer.line)
+        elif command.answer and answer.is_ok and answer.text == command.last:
+            self._pending.popleft()
+            self._answered(command, command.answer)
         else:
-            self._emit(Attached(name))
+            if command.answer:
+                self._owner._on_log(command.answer.line)  # text of the library
+            command.answer = answer
 
-    def _hear(self, text: str) -> None:
+    def _answered(self, command: Command, answer: Answer) -> None:
+        self._quiet.restart()
+        if self._pending:
+            self._hang.restart()
+        else:
+            self._hang.stop()
+        self._owner._on_answer()
+        command.settle(answer)
+        readers = None if answer.is_ok else readers_in(answer.text)
+        if readers and readers[0] == self.reader:  # a forged line has named it
+            self._change_reader(readers[1])
+        if not self._pending:
+            self._owner._on_busy(False)
+
+    def _change_reader(self, name: str | None) -> None:
+        previous, self.reader = self.reader, name
+        if name:
+            with suppress(ValueError):
+                self._number = reader_number(name)
+        self._owner._on_reader(previous)
+
+    def _take_error(self, text: str) -> None:
+        self._said = (self._said + text)[-SAID_LIMIT:]
         if callable(self._stderr):
             self._call(self._stderr, text)
         elif self._stderr == "inherit" and sys.stderr:
-            self._call(sys.stderr.write, text)
+            with suppress(OSError, ValueError):  # nobody reads it any more
+                sys.stderr.write(text)
 
-    def _end(self, status: int | None, said: str) -> None:
-        self._status, self._said = status, said
-        self._reader = None
-        for command in self._pending:
-            if not command.future.done():
-                command.future.set_exception(self.end)
-        self._pending.clear()
-        if self._events:
-            self._events.put_nowait(None)
-
-    def _emit(self, event: AgentEvent) -> None:
-        if self._on_event:
-            self._call(self._on_event, event)
-        elif self._events:
-            self._events.put_nowait(event)
-
-    def _call(self, function: Callable[..., object], *args: object) -> None:
-        """The host's function; one that fails must not cost the lines behind."""
+    def _call(self, function: Callable[..., object] | None, *args: Any) -> None:
+        """Call a function of the application. One that fails must not cost the lines after it."""
+        if not function:
+            return
         try:
             function(*args)
         except Exception as error:
             context = {"message": f"{function!r} failed", "exception": error}
-            asyncio.get_running_loop().call_exception_handler(context)
+            self._loop.call_exception_handler(context)

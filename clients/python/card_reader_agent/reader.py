@@ -1,112 +1,54 @@
-"""A reader that is there for as long as the program runs, whatever becomes of the agent.
+"""A reader that stays in use for as long as the application runs, whatever happens to the agent.
 
     async with CardReader(path) as reader:
         async for event in reader:
             if isinstance(event, Card):
                 await reader.beep()
 
-States, events, options and errors are those of every language's client; clients/README.md tells them.
+The clients of all languages share states, events, options and errors; clients/api.md lists them.
 """
 
 from __future__ import annotations
 
 import asyncio
-import math
+import logging
 import os
-import sys
 import weakref
-from collections.abc import Awaitable, Callable, Coroutine, Mapping
-from contextlib import suppress
-from dataclasses import dataclass
-from functools import partial
-from typing import Any, Literal, TypeVar, Union
+from collections.abc import Awaitable, Callable, Mapping
+from enum import Enum
+from typing import Any, Literal, TypeVar, Union, get_args
 
-from .agent import (
+from .agent import KILL_TIMEOUT, Agent, StandardError, Trace, limit
+from .countdown import Countdown
+from .errors import (
+    RETRYABLE,
     AgentEndedError,
-    AgentEvent,
     AgentStartError,
-    Attached,
-    BeepLength,
-    Card,
-    CardReaderAgent,
     CardReaderError,
-    Gone,
-    LedColor,
-    Log,
     NoReaderError,
+    ReaderChangedError,
     RejectedError,
-    Settings,
+    UnknownSettingsError,
 )
+from .events import Card, CardRemoved, Event, Log, Poll, State, StateName
+from .options import Options, check_timeout
+from .words import BeepLength, Configuration, LedColor, Settings, encode
 
 T = TypeVar("T")
 
-StateName = Literal["starting", "searching", "ready", "restarting", "failed", "closed"]
-
-# Why a start may fail now and not later.
-PASSING = {"EAGAIN", "EIO", "EMFILE", "ENFILE", "ENOMEM", "ENOSPC", "ETXTBSY"}
+logger = logging.getLogger("card_reader_agent")
 
 
-@dataclass(frozen=True)
-class State:
-    """The state has changed. The reason is a sentence for people, or None."""
-
-    state: StateName
-    previous: StateName
-    reason: str | None
+class _Default(Enum):
+    TIMEOUT = "the reader's command_timeout"
 
 
-@dataclass(frozen=True)
-class CardRemoved:
-    """The card has gone, or the reader with it."""
-
-    id: str
-    reader: str
-
-
-@dataclass(frozen=True)
-class Poll:
-    """The reader has reported a card, perhaps one that has been there for long."""
-
-    id: str
-    reader: str
-
-
-@dataclass(frozen=True)
-class Hang:
-    """The agent hangs, and is waited for."""
-
-
-Event = Union[State, Card, CardRemoved, Poll, Log, Hang]
-OnConnect = Callable[["CardReader"], Awaitable[object]]
-
-
-class UnknownSettingsError(CardReaderError):
-    """The agent does not know the settings `names` ("type.name"), and has applied the others."""
-
-    def __init__(self, names: list[str]) -> None:
-        super().__init__(f"unknown settings: {', '.join(names)}")
-        self.names = names
-
-
-class CommandTimeoutError(CardReaderError):
-    """No answer came in time. The command may be carried out all the same."""
-
-
-async def _within(seconds: float, work: Coroutine[Any, Any, T]) -> T:
-    # Not asyncio.wait_for: before Python 3.12 a cancellation can get lost in it.
-    task = asyncio.ensure_future(work)
-    try:
-        await asyncio.wait({task}, timeout=None if seconds == math.inf else seconds)
-    finally:
-        task.cancel()
-        task.add_done_callback(lambda task: task.cancelled() or task.exception())
-    if not task.done():
-        raise CommandTimeoutError(f"no answer within {seconds:g} s")
-    return task.result()
+Timeout = Union[float, None, Literal[_Default.TIMEOUT]]
+DEFAULT = _Default.TIMEOUT
 
 
 class _Events:
-    """What happens from now on, for one who iterates."""
+    """The events from now on, for one iteration. They wait in memory."""
 
     def __init__(self) -> None:
         self.queue: asyncio.Queue[Event | CardReaderError | None] = asyncio.Queue()
@@ -127,12 +69,12 @@ class _Events:
 class CardReader:
     """A supervised reader, started by `async with` or by `start`. Times are in seconds.
 
-    Each `async for` over it gives the events from then on, over all restarts, until the reader is
-    closed; it raises what led there when the state becomes "failed". Events wait in memory for
-    whoever iterates.
+    Each `async for` over it yields the events from then on, over all restarts. It ends when the reader
+    is closed, and raises `failure` when the state becomes "failed".
 
-    A command's `timeout` is `command_timeout` if it is None; math.inf is no limit. Commands raise
-    the errors of clients/README.md, ValueError for arguments that can't be sent.
+    A command is sent when its method is called, which returns a future at once. A `timeout` of None is
+    none. Invalid arguments raise ValueError or TypeError and nothing is sent; the future raises the
+    errors of this package. Cancelling it does not unsend the command.
     """
 
     def __init__(
@@ -142,53 +84,47 @@ class CardReader:
         env: Mapping[str, str] | None = None,
         restart_delay: float = 0.5,
         restart_delay_limit: float = 30.0,
-        give_up_after: int = 5,
+        give_up_after: float = 5,
         command_timeout: float | None = 10.0,
         watchdog_interval: float = 5.0,
         watchdog_timeout: float = 15.0,
-        on_hang: Literal["restart", "wait"] = "restart",
         card_removed_after: float = 0.6,
-        on_connect: OnConnect | None = None,
-        close_timeout: float | None = 2.0,
-        stderr: Literal["inherit", "ignore"] | Callable[[str], object] = "inherit",
-        trace: Callable[[float, str, str], object] | None = None,
-        certain: bool = True,
+        on_connect: Callable[[CardReader], Awaitable[Any]] | None = None,
+        close_timeout: float = 2.0,
+        stderr: StandardError = "inherit",
+        trace: Trace | None = None,
     ) -> None:
-        self._new_agent = partial(
-            CardReaderAgent,
-            path,
+        self._options = Options(
+            path=path,
             env=env,
-            certain=certain,
+            restart_delay=restart_delay,
+            restart_delay_limit=restart_delay_limit,
+            give_up_after=give_up_after,
+            command_timeout=command_timeout,
+            watchdog_interval=watchdog_interval,
+            watchdog_timeout=watchdog_timeout,
+            card_removed_after=card_removed_after,
+            on_connect=on_connect,
             close_timeout=close_timeout,
             stderr=stderr,
             trace=trace,
-            on_event=self._take,
         )
-        self._restart_delay = restart_delay
-        self._restart_delay_limit = restart_delay_limit
-        self._give_up_after = give_up_after
-        self._command_timeout = math.inf if command_timeout is None else command_timeout
-        self._watchdog_interval = watchdog_interval or math.inf
-        self._watchdog_timeout = watchdog_timeout
-        self._on_hang = on_hang
-        self._card_removed_after = card_removed_after
-        self._on_connect = on_connect
-        self._close_timeout = close_timeout
-
         self._state: StateName = "starting"
         self._reason: str | None = None
         self._failure: CardReaderError | None = None
-        self._agent: CardReaderAgent | None = None
-        self._supervision: asyncio.Task[None] | None = None
+        self._agent: Agent | None = None
+        self._is_started = self._is_closing = False
+        self._began = 0.0
+        self._delay = restart_delay
+        self._has_answered = False
+        self._unanswered = 0  # agents in a row that ended without an answer
+        self._next_start: asyncio.Handle | None = None
         self._connecting: asyncio.Task[None] | None = None
-        self._pinging: asyncio.Task[None] | None = None
-        self._closing = False
-        self._answers = False  # the agent has answered
-        self._card: Card | None = None
-        self._card_seen = 0.0
-        self._card_timer: asyncio.TimerHandle | None = None
-        self._waiters: set[asyncio.Future[None]] = set()
-        self._iterators: weakref.WeakSet[_Events] = weakref.WeakSet()
+        self._cancelled: weakref.WeakSet[asyncio.Task[Any]] = weakref.WeakSet()
+        self._card: str | None = None
+        self._card_timer: Countdown | None = None
+        self._waiters: dict[asyncio.Future[Any], tuple[StateName, bool]] = {}  # bool: give the name
+        self._iterations: weakref.WeakSet[_Events] = weakref.WeakSet()
 
     @property
     def state(self) -> StateName:
@@ -196,48 +132,60 @@ class CardReader:
 
     @property
     def reason(self) -> str | None:
-        """Of the state, as it was told."""
+        """The reason in the last state event."""
         return self._reason
 
     @property
     def failure(self) -> CardReaderError | None:
-        """What led to the state "failed": an AgentStartError or an AgentEndedError."""
+        """What led to the state "failed"."""
         return self._failure
 
     @property
     def name(self) -> str | None:
-        """The name of the attached reader, None when there is none."""
+        """The name of the attached reader, None without one."""
         return self._agent.reader if self._agent else None
 
     @property
+    def card(self) -> str | None:
+        """The ID of the card that is held on the reader, None without one."""
+        return self._card
+
+    @property
     def pid(self) -> int | None:
-        """The process id of the agent that runs."""
+        """The process ID of the running agent."""
         return self._agent.pid if self._agent else None
 
-    async def start(self) -> None:
-        """Begins, once, and waits for nothing."""
-        if self._supervision or self._closing:
-            raise RuntimeError("the reader was started or closed before")
-        self._supervision = asyncio.get_running_loop().create_task(self._supervise())
+    def start(self) -> None:
+        """Begin, once, and wait for nothing."""
+        if self._is_started or self._is_closing:
+            raise RuntimeError("already started")
+        self._is_started = True
+        self._card_timer = Countdown(self._options.card_removed_after, self._remove_card)
+        self._next_start = asyncio.get_running_loop().call_soon(self._launch)
 
     async def close(self) -> None:
-        """Lets the agent answer what was sent, and ends it: at the latest, kills it after
-        `close_timeout`; at once when this is cancelled. May be called at any time, more than once.
+        """Let the agent answer what was sent, then end it; kill it after `close_timeout`, or when this is
+        cancelled. May be called at any time, more than once.
         """
-        task, again = self._supervision, self._closing
-        self._closing = True
-        if task and not task.done():
-            if not again:
-                task.cancel()
-            try:
-                await asyncio.wait({task})
-            except asyncio.CancelledError:
-                task.cancel()
-                raise
-        self._change("closed")
+        self._is_closing = True
+        if self._connecting is asyncio.current_task():
+            self._connecting = None  # it closes the reader itself, and goes on
+        self._cancel_connecting()
+        if self._agent:
+            self._agent.close()
+        else:
+            self._finish()
+        try:
+            await self.wait_for("closed")
+        except CardReaderError:
+            return
+        except asyncio.CancelledError:
+            if self._agent:
+                self._agent.end("the agent was killed by SIGKILL")
+            raise
 
     async def __aenter__(self) -> CardReader:
-        await self.start()
+        self.start()
         return self
 
     async def __aexit__(self, *_: object) -> None:
@@ -246,233 +194,237 @@ class CardReader:
     def __aiter__(self) -> _Events:
         events = _Events()
         if self._state in ("failed", "closed"):
-            events.queue.put_nowait(self._failure)
-        self._iterators.add(events)
+            events.queue.put_nowait(self._failure if self._state == "failed" else None)
+        self._iterations.add(events)
         return events
 
-    async def wait_for_reader(self, timeout: float | None = None) -> None:
-        """Waits until the state is "ready". `timeout` None is no limit.
+    def wait_for(self, state: StateName, *, timeout: float | None = None) -> asyncio.Future[None]:
+        """Wait until the state is this one, which it may be already.
 
-        Raises CommandTimeoutError; `failure` when the state is "failed"; AgentEndedError when "closed".
+        Fails with CommandTimeoutError; with `failure` if the state becomes "failed"; with
+        AgentEndedError if it becomes "closed".
         """
-        await _within(math.inf if timeout is None else timeout, self._until_ready())
+        if state not in get_args(StateName):
+            raise ValueError(f"invalid state: {state!r}")
+        future: asyncio.Future[None] = asyncio.get_running_loop().create_future()
+        self._waiters[future] = (state, False)
+        if state == self._state:
+            future.set_result(None)
+        return self._wait(future, timeout, f"not {state}")
 
-    async def ping(self, text: str = "", *, timeout: float | None = None) -> str:
-        """Returns the text, less white space at its end. Needs no reader."""
-        agent = self._agent
-        if not agent:
-            raise AgentEndedError
-        return await _within(self._limit(timeout), agent.ping(text))
+    def wait_for_connection(self, *, timeout: float | None = None) -> asyncio.Future[str]:
+        """The reader's name, the next time that the state becomes "ready". Fails as `wait_for` does."""
+        future: asyncio.Future[str] = asyncio.get_running_loop().create_future()
+        self._waiters[future] = ("ready", True)
+        return self._wait(future, timeout, "no connection")
 
-    async def beep(
-        self, count: int = 1, length: BeepLength = "short", *, timeout: float | None = None
-    ) -> None:
+    def ping(self, text: str = "", *, timeout: Timeout = DEFAULT) -> asyncio.Future[str]:
+        """The text, less white space at its end. Needs no reader."""
+        # The agent sends back the space before the text too.
+        return self._send(f"Global:Ping {text}", timeout, lambda answer, _: answer[1:])
+
+    def beep(
+        self, count: int = 1, length: BeepLength = "short", *, timeout: Timeout = DEFAULT
+    ) -> asyncio.Future[None]:
         """1 to 5 beeps of the length "short", or 1 to 2 of the length "long"."""
-        agent, name = self._attached()
-        await _within(self._limit(timeout), agent.beep(name, count, length))
+        return self._command(f"Beep {length} {count}", timeout)
 
-    async def set_led(self, color: LedColor, *, timeout: float | None = None) -> None:
-        """Takes the LED under the agent's control: "red", "green", "amber" or "off"."""
-        agent, name = self._attached()
-        await _within(self._limit(timeout), agent.set_led(name, color))
+    def set_led(self, color: LedColor, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
+        """Take control of the LED: "red", "green", "amber" or "off"."""
+        return self._command(f"SetLED {color}", timeout)
 
-    async def clear_led(self, *, timeout: float | None = None) -> None:
-        """Gives control of the LED back to the reader."""
-        agent, name = self._attached()
-        await _within(self._limit(timeout), agent.clear_led(name))
+    def clear_led(self, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
+        """Give control of the LED back to the reader."""
+        return self._command("ClearLED", timeout)
 
-    async def configure(self, settings: Settings, *, timeout: float | None = None) -> None:
-        """Changes the reader's configuration."""
-        agent, name = self._attached()
-        if unknown := await _within(self._limit(timeout), agent.configure(name, settings)):
-            raise UnknownSettingsError(unknown)
+    def configure(self, settings: Settings, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
+        """Change the reader's configuration."""
+        configuration = Configuration(settings)
 
-    async def reset_config(self, *, timeout: float | None = None) -> None:
-        """Resets the reader to its factory settings."""
-        agent, name = self._attached()
-        await _within(self._limit(timeout), agent.reset_config(name))
+        def convert(_: str, logs: list[str]) -> None:
+            if unknown := configuration.unknown(logs):
+                raise UnknownSettingsError(unknown)
 
-    def _limit(self, timeout: float | None) -> float:
-        return self._command_timeout if timeout is None else timeout
+        return self._command(configuration.command, timeout, convert)
 
-    def _attached(self) -> tuple[CardReaderAgent, str]:
-        agent, name = self._agent, self.name
-        if not agent or not name:
-            raise NoReaderError("no reader is attached")
-        if ":" in name:
-            raise RejectedError(f"the reader {name} has a colon in its name: no command can name it")
-        return agent, name
+    def reset_config(self, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
+        """Reset the reader to its factory settings."""
+        return self._command("ResetConfig", timeout)
 
-    async def _until_ready(self) -> None:
-        while self._state != "ready":
-            if self._failure:
-                raise self._failure.with_traceback(None)
-            if self._state == "closed":
-                raise AgentEndedError
-            waiter = asyncio.get_running_loop().create_future()
-            self._waiters.add(waiter)
-            try:
-                await waiter
-            finally:
-                self._waiters.discard(waiter)
+    def _command(
+        self,
+        command: str,
+        timeout: Timeout,
+        convert: Callable[[str, list[str]], None] = lambda _text, _logs: None,
+    ) -> asyncio.Future[None]:
+        name = self.name
+        error: CardReaderError | None = None
+        if not name:
+            error = NoReaderError("no reader is attached")
+        elif _current_task() in self._cancelled:
+            error = ReaderChangedError("the reader was connected again since this function was called")
+        elif ":" in name:
+            error = RejectedError(f"the reader {name} has a colon in its name, so no command can name it")
+        return self._send(f"{name or ''}:{command}", timeout, convert, error)
+
+    def _send(
+        self,
+        line: str,
+        timeout: Timeout,
+        convert: Callable[[str, list[str]], T],
+        error: CardReaderError | None = None,
+    ) -> asyncio.Future[T]:
+        if timeout is DEFAULT:
+            timeout = self._options.command_timeout
+        check_timeout("timeout", timeout)
+        encode(line)
+        if self._agent and not error:
+            return self._agent.send(line, convert, timeout)
+        future: asyncio.Future[T] = asyncio.get_running_loop().create_future()
+        future.set_exception(error or AgentEndedError())
+        return future
+
+    def _wait(self, future: asyncio.Future[T], timeout: float | None, what: str) -> asyncio.Future[T]:
+        check_timeout("timeout", timeout)
+        future.add_done_callback(lambda _: self._waiters.pop(future, None))
+        if not future.done() and self._state in ("failed", "closed"):
+            future.set_exception(self._end_of_waiting())
+        return limit(future, timeout, what)
+
+    def _end_of_waiting(self) -> CardReaderError:
+        if self._state == "failed" and self._failure:
+            return self._failure.with_traceback(None)
+        return AgentEndedError()
 
     # One agent after the other.
 
-    async def _supervise(self) -> None:
-        try:
-            self._failure = await self._serve_until_failure()
-            self._change("failed", str(self._failure))
-        finally:
-            if not self._failure:
-                self._change("closed")
+    def _new_agent(self) -> Agent:
+        options = self._options
+        return Agent(
+            os.fspath(options.path),
+            self,
+            env=options.env,
+            stderr=options.stderr,
+            trace=options.trace,
+            close_timeout=options.close_timeout,
+            watchdog_interval=options.watchdog_interval,
+            watchdog_timeout=options.watchdog_timeout,
+        )
 
-    async def _serve_until_failure(self) -> CardReaderError:
-        loop = asyncio.get_running_loop()
-        delay = self._restart_delay
-        unanswered = 0
-        while True:
-            agent = self._agent = self._new_agent()
-            self._answers = False
-            began = loop.time()
-            try:
-                end = await self._serve(agent)
-            finally:
-                await self._finish(agent)
-            unanswered = 0 if self._answers else unanswered + 1
-            if unanswered >= self._give_up_after:
-                return end
-            if isinstance(end, AgentStartError) and end.code not in PASSING:
-                return end
-            if loop.time() - began > self._restart_delay_limit:
-                delay = self._restart_delay
-            self._change("restarting", str(end))
-            await asyncio.sleep(delay)
-            delay = min(2 * delay, self._restart_delay_limit)
-            self._change("starting")
-
-    async def _serve(self, agent: CardReaderAgent) -> CardReaderError:
-        """Starts the agent and watches over it up to its end, which it returns."""
+    def _launch(self) -> None:
+        self._next_start = None
+        self._change("starting")
+        self._has_answered = False
+        self._began = asyncio.get_running_loop().time()
         try:
-            await agent.start()
-            await self._ping(agent)
-            told = 0.0  # of the hang since then
-            while not await agent.wait(self._pause(agent, told)):
-                now = asyncio.get_running_loop().time()
-                if not agent.busy:
-                    if now - agent.answered >= self._watchdog_interval:
-                        await self._ping(agent)
-                elif now - agent.answered >= self._watchdog_timeout:
-                    if self._on_hang == "restart":
-                        agent.kill()
-                        return AgentEndedError(how="hangs")
-                    if told != agent.answered:
-                        told = agent.answered
-                        self._emit(Hang())
-        except AgentStartError as error:
-            return error
-        except asyncio.CancelledError:
-            # Before Python 3.11 a Ctrl-C cancels all tasks at once. Whoever closes this reader may
-            # have commands for it first.
-            if sys.version_info < (3, 11) and not self._closing:
-                await agent.wait(self._close_timeout)
+            self._agent = self._new_agent()
+        except CardReaderError as error:
+            self._on_end(error)
+        except Exception as error:  # a fault of this package or of an option: report it, and do not wait
+            self._fail(AgentEndedError(reason=f"unexpected error: {error!r}"))
             raise
-        return agent.end
 
-    def _pause(self, agent: CardReaderAgent, told: float) -> float:
-        """How long there is nothing to look after, in seconds."""
-        now = asyncio.get_running_loop().time()
-        if not agent.busy:
-            return min(agent.answered + self._watchdog_interval - now, self._watchdog_timeout)
-        if agent.answered == told:
-            return self._watchdog_timeout
-        return agent.answered + self._watchdog_timeout - now
-
-    async def _ping(self, agent: CardReaderAgent) -> None:
-        async def ping() -> None:
-            with suppress(CardReaderError):
-                await agent.ping()
-                self._answered()
-
-        self._pinging = asyncio.ensure_future(ping())
-        await asyncio.sleep(0)  # it is sent
-
-    async def _finish(self, agent: CardReaderAgent) -> None:
-        if self._connecting:
-            self._connecting.cancel()
-        await agent.close()
-        self._lose_card()
-
-    def _answered(self) -> None:
-        self._answers = True
+    def _on_answer(self) -> None:
+        self._has_answered = True
         if self._state == "starting":
             self._change("searching")
 
-    # What the agent tells.
+    def _on_end(self, error: CardReaderError) -> None:
+        self._agent = None
+        self._remove_card()
+        self._cancel_connecting()
+        if self._is_closing:
+            self._finish()
+            return
+        options = self._options
+        self._unanswered = 0 if self._has_answered else self._unanswered + 1
+        is_hopeless = isinstance(error, AgentStartError) and error.system_code not in RETRYABLE
+        if is_hopeless or self._unanswered >= options.give_up_after:
+            self._fail(error)
+            return
+        loop = asyncio.get_running_loop()
+        if loop.time() - self._began > options.restart_delay_limit:
+            self._delay = options.restart_delay
+        logger.warning("%s; restarting it in %g s", error, self._delay)
+        self._next_start = loop.call_later(self._delay, self._launch)
+        self._delay = min(2 * self._delay, options.restart_delay_limit)
+        self._change("restarting", str(error))
 
-    def _take(self, event: AgentEvent) -> None:
-        if isinstance(event, Log):
-            self._emit(event)
-        elif isinstance(event, Card):
-            self._see_card(event)
-        else:
-            self._lose_card()
-            if self._connecting:
-                self._connecting.cancel()
-            if isinstance(event, Attached):
-                self._answered()
-            else:
-                gone = isinstance(event, Gone)
-                self._change("searching", f"the reader {'has gone' if gone else 'was connected anew'}")
-            if isinstance(event, Gone):
-                return
-            if self._on_connect:
-                connect = self._connect(self._on_connect, event.reader)
-                self._connecting = asyncio.ensure_future(connect)
-            else:
-                self._change("ready")
+    def _fail(self, error: CardReaderError) -> None:
+        logger.error("giving up: %s", error)
+        self._failure = error
+        self._change("failed", str(error))
 
-    async def _connect(self, function: OnConnect, name: str) -> None:
+    def _finish(self) -> None:
+        if self._next_start:
+            self._next_start.cancel()
+        self._change("closed")
+
+    # What the agent reports.
+
+    def _on_reader(self, previous: str | None) -> None:
+        self._remove_card()
+        self._cancel_connecting()
+        if self.name:
+            self._on_answer()
+        if previous:
+            reason = "the reader was reconnected" if self.name else "the reader was disconnected"
+            self._change("searching", reason)
+        if self.name and self._options.on_connect and not self._is_closing:
+            function = self._connect(self._options.on_connect, self.name)
+            self._connecting = asyncio.get_running_loop().create_task(function)
+        elif self.name:
+            self._change("ready")
+
+    async def _connect(self, function: Callable[[CardReader], Awaitable[Any]], name: str) -> None:
+        before = set(self._cancelled)
+        if before:  # one at a time
+            await asyncio.wait(before, timeout=KILL_TIMEOUT)
         try:
             await function(self)
         except Exception as error:
-            self._emit(Log(f"the on-connect function failed: {error}"))
+            logger.warning("the on-connect function failed", exc_info=True)
+            self._on_log(f"the on-connect function failed: {error}")
         else:
-            if self.name == name:
+            if self.name == name and self._connecting is asyncio.current_task():
                 self._change("ready")
 
-    def _see_card(self, card: Card) -> None:
-        if card != self._card:
-            self._lose_card()
-            self._card = card
-            self._emit(card)
-        self._card_seen = asyncio.get_running_loop().time()
-        self._emit(Poll(card.id, card.reader))
-        if not self._card_timer:
-            self._look_for_card()
+    def _cancel_connecting(self) -> None:
+        if self._connecting and not self._connecting.done():
+            self._cancelled.add(self._connecting)
+            self._connecting.add_done_callback(self._cancelled.discard)
+            self._connecting.cancel()
+        self._connecting = None
 
-    def _look_for_card(self) -> None:
-        """Gives the card up, or looks again when that may be due: commands keep the agent from it."""
-        if self._card_timer:
-            self._card_timer.cancel()
-        if not self._card or not self._agent:
-            return
-        loop = asyncio.get_running_loop()
-        since = max(self._card_seen, self._agent.answered)
-        due = (loop.time() if self._agent.busy else since) + self._card_removed_after
-        if due <= loop.time():
-            self._lose_card()
-        else:  # if we stood still ourselves, what came meanwhile is read first
-            self._card_timer = loop.call_at(due, loop.call_soon, self._look_for_card)
+    def _on_busy(self, is_busy: bool) -> None:
+        if self._card and self._card_timer:
+            if is_busy:
+                self._card_timer.pause()
+            else:
+                self._card_timer.resume()
 
-    def _lose_card(self) -> None:
+    def _on_card(self, digits: str) -> None:
+        if digits != self._card:
+            self._remove_card()
+            self._card = digits
+            self._emit(Card(digits))
+        self._emit(Poll(digits))
         if self._card_timer:
-            self._card_timer.cancel()
-            self._card_timer = None
+            self._card_timer.restart()
+            if self._agent and self._agent.is_busy:
+                self._card_timer.pause()
+
+    def _remove_card(self) -> None:
+        if self._card_timer:
+            self._card_timer.stop()
         card, self._card = self._card, None
         if card:
-            self._emit(CardRemoved(card.id, card.reader))
+            self._emit(CardRemoved(card))
 
-    # What is told.
+    def _on_log(self, text: str) -> None:
+        self._emit(Log(text))
+
+    # What is reported to the application.
 
     def _change(self, state: StateName, reason: str | None = None) -> None:
         previous = self._state
@@ -480,12 +432,24 @@ class CardReader:
             return
         self._state, self._reason = state, reason
         self._emit(State(state, previous, reason))
-        if state in ("failed", "closed"):
+        has_ended = state in ("failed", "closed")
+        if has_ended:
             self._emit(self._failure if state == "failed" else None)
-        for waiter in self._waiters:
-            if not waiter.done():
-                waiter.set_result(None)
+        for future, (wanted, gives_name) in list(self._waiters.items()):
+            if future.done():
+                continue
+            if wanted == state:
+                future.set_result(self.name if gives_name else None)
+            elif has_ended:
+                future.set_exception(self._end_of_waiting())
 
     def _emit(self, event: Event | CardReaderError | None) -> None:
-        for events in list(self._iterators):
+        for events in list(self._iterations):
             events.queue.put_nowait(event)
+
+
+def _current_task() -> asyncio.Task[Any] | None:
+    try:
+        return asyncio.current_task()
+    except RuntimeError:  # called from no event loop
+        return None

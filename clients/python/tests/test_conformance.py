@@ -1,234 +1,278 @@
-"""Plays conformance.txt, which says what its lines mean, with `CardReader`."""
+"""Plays conformance.txt and lines.txt, which describe their own format, with `CardReader`."""
 
 import asyncio
+import errno
+import math
 import os
+import re
 import shlex
 import signal
 import stat
+import subprocess
+import sys
 import tempfile
 import unittest
 from contextlib import suppress
 from pathlib import Path
+from unittest import mock
 
-from bench import AGENT, BUNDLE
-from card_reader_agent import (
-    CardRemoved,
-    CardReader,
-    CardReaderError,
-    Hang,
-    Log,
-    Poll,
-    ReaderFailedError,
-    State,
-    UnknownSettingsError,
-)
+import card_reader_agent
+from bench import AGENT, BUNDLE, ends
+from card_reader_agent import CardReader, CardReaderError, CardRemoved, Log, Poll, State
 from card_reader_agent.testing import VirtualReader, VirtualReaderError
 
-LIST = Path(__file__).resolve().parents[2] / "conformance.txt"
-PATIENCE = 20  # seconds for what must come
-AT_ONCE = 6  # situations
-SIGNALS = {"kill": signal.SIGKILL, "stop": signal.SIGSTOP, "continue": signal.SIGCONT}
-SECONDS = {
-    "cardRemovedAfter": "card_removed_after",
-    "closeTimeout": "close_timeout",
-    "commandTimeout": "command_timeout",
-    "restartDelay": "restart_delay",
-    "restartDelayLimit": "restart_delay_limit",
-    "watchdogInterval": "watchdog_interval",
-    "watchdogTimeout": "watchdog_timeout",
+CLIENTS = Path(__file__).resolve().parents[2]
+TIMEOUT = 20  # seconds, for what must happen
+AT_ONCE = 6  # cases
+SIGNALS = {"kill": signal.SIGKILL, "stop": signal.SIGSTOP}
+AGENTS = {  # shell scripts in place of the agent
+    "denied": "",
+    "silent": "exec sleep 600",
+    "dies": "echo no library here >&2; exit 13",
+    "global": "echo 'Reader: Global'; echo no library here >&2; exit 13",
+    "leaves": "sleep 20 & echo 'Reader: Dev1-A'; exec sleep 600",
 }
+# Prints the lines of the file $1, and answers pings.
+PRINTS = r'cat "$1"; while read line; do case $line in Global:*) echo "Ok: ${line#*Ping}";; esac; done'
+# Answers each command to a reader with the next line of the file $1, in which "\n" is a newline.
+ANSWERS = r"""echo 'Reader: Dev1-A'; exec 3<"$1"; while read -r line; do case $line in
+Global:*) echo "Ok: ${line#*Ping}";; *) IFS= read -r answer <&3; printf '%b\n' "$answer";; esac; done"""
 
 
-def situations():
-    """Yields each one's name and numbered lines."""
-    name, lines = "", []
-    for number, line in enumerate([*LIST.read_text("utf-8").split("\n"), "## "], 1):
+def sections(name):
+    """Yields each section's name and its numbered lines."""
+    title, lines = "", []
+    for number, line in enumerate([*(CLIENTS / name).read_text("utf-8").split("\n"), "## "], 1):
         if line.startswith("## "):
             if lines:
-                yield name, lines
-            name, lines = line[3:], []
+                yield title, lines
+            title, lines = line[3:], []
         elif line and line[0] != "#":
             lines.append((number, line))
 
 
-def programs():
-    """What can take the agent's place, by name. All are made before anything is started: a child that
-    begins while a file is written has it open too for a moment, and that file can't be run.
+def rows(wanted):
+    """The rows of a section of lines.txt: number, left, right."""
+    [lines] = [lines for name, lines in sections("lines.txt") if name == wanted]
+    return [(number, *map(str.strip, line.split("=>", 1))) for number, line in lines]
+
+
+def script(name, text, *arguments):
+    """A shell script in place of the agent, made before anything is started: a child process that begins
+    while a file is written holds it open for a moment, and it cannot be executed.
     """
-    folder = Path(tempfile.mkdtemp())
-    actions = {"denied": "", "silent": "exec sleep 600", "dies": "echo no library here >&2; exit 13"}
-    for name, action in actions.items():
-        (folder / name).write_text(f"#!/bin/sh\n{action}\n")
-        (folder / name).chmod(stat.S_IRUSR if name == "denied" else stat.S_IRWXU)
-    return {"bundle": BUNDLE, "missing": folder / "missing", **{name: folder / name for name in actions}}
+    path = Path(tempfile.mkdtemp()) / name
+    path.write_text(f"#!/bin/sh\nset -- {shlex.join(map(str, arguments))}\n{text}\n")
+    path.chmod(stat.S_IRUSR if name == "denied" else stat.S_IRWXU)
+    return path
 
 
-PROGRAMS = programs()
+def data_file(lines):
+    path = Path(tempfile.mkdtemp()) / "lines"
+    path.write_bytes(b"".join(line + b"\n" for line in lines))
+    return path
+
+
+def unescape(text):
+    codes = {"n": b"\n", "0": b"\0", "s": b" "}
+    pattern = rb"\\(?:x(..)|([n0s]))"
+    return re.sub(pattern, lambda m: bytes([int(m[1], 16)]) if m[1] else codes[m[2].decode()], text.encode())
+
+
+def snake(name):
+    return re.sub("[A-Z]", lambda letter: "_" + letter[0].lower(), name)
+
+
+def option(name, text):
+    """The option and its value in Python's spelling and units."""
+    if name == "noSuchOption":
+        return name, 1
+    words = {"infinity": math.inf, "nan": math.nan, "none": None, "true": True, "[1]": [1]}
+    if text in words or text[0] == '"':
+        return snake(name), words.get(text, text.strip('"'))
+    in_ms = name not in ("giveUpAfter", "onConnect", "stderr", "trace")
+    return snake(name), float(text) / 1000 if in_ms else float(text)
 
 
 def command(reader, words):
-    """The coroutine that a command's words stand for."""
-    limit = {}
-    if "timeout" in words:
-        limit["timeout"] = int(words.pop()) / 1000
+    """The awaitable that a command's words stand for; it is sent."""
+    timeout = {}
+    if "timeout" in words[:-1]:
+        timeout["timeout"] = float(words.pop()) / 1000
         words.pop()
     name, *words = words
     if name == "configure":
         settings = {}
         for word in words:
-            path, value = word.split("=")
-            kind, setting = path.split(".")
-            settings.setdefault(kind, {})[setting] = int(value)
-        return reader.configure(settings, **limit)
-    if name == "beep":
-        return reader.beep(int(words[0]), words[1], **limit)
+            path, value = word.rsplit("=", 1)
+            kind, setting = path.split(".", 1)
+            settings.setdefault(kind, {})[setting] = float(value) if "." in value else int(value)
+        return reader.configure(settings, **timeout)
     if name == "ping":
-        return reader.ping(" ".join(words), **limit)
-    names = {"led": "set_led", "clearLed": "clear_led", "resetConfig": "reset_config"}
-    names["waitForReader"] = "wait_for_reader"
-    return getattr(reader, names[name])(*words, **limit)
+        return reader.ping(" ".join(words), **timeout)
+    if name == "beep":
+        return reader.beep(int(words[0]), words[1], **timeout)
+    if name == "waitForConnection":
+        return asyncio.ensure_future(connection(reader, reader.wait_for_connection(**timeout)))
+    return getattr(reader, "set_led" if name == "led" else snake(name))(*words, **timeout)
 
 
-async def outcome_is(task, told):
-    """None if the task has the outcome that was told, or what it was instead."""
-    await asyncio.wait({task}, timeout=PATIENCE)
-    if not task.done():
-        return "nothing"
-    if task.cancelled():
-        return None if told == "cancelled" else "cancelled"
-    error = task.exception()
-    if not error:
-        came = f"ok {task.result() or ''}".strip()
-        return None if came == told else came
-    name, _, words = told.partition(" ")
-    parts = [str(error)]
-    if isinstance(error, ReaderFailedError) and words.lstrip("-").isdigit():
-        parts = [str(error.number)] if str(error.number) == words else []
-    if isinstance(error, UnknownSettingsError):
-        parts = [" ".join(error.names)]
-    if type(error).__name__ == name and any(words in part for part in parts):
-        return None
-    return f"{type(error).__name__} {error}"
+async def connection(reader, name):
+    if await name != reader.name:
+        raise AssertionError("another name than the reader's")
 
 
-def event_is(event, told):
+async def difference_of(future, expected):
+    """None if the future has the expected outcome, or the outcome it has."""
+    await asyncio.wait({future}, timeout=TIMEOUT)
+    if not future.done() or future.cancelled():
+        outcome = "cancelled" if future.done() else "nothing"
+        return None if outcome == expected else outcome
+    if not (error := future.exception()):
+        outcome = f"ok {future.result() or ''}".strip()
+        return None if outcome == expected else outcome
+    name, _, words = expected.partition(" ")
+    text = " ".join(getattr(error, "names", [])) or str(error)
+    is_same = words in text
+    if re.fullmatch(r"-?\d+", words):
+        is_same = words == str(error.number)
+    return None if is_same and type(error).__name__ == name else f"{type(error).__name__} {text}"
+
+
+def text_of(event):
     if isinstance(event, State):
-        state, _, reason = told.partition(": ")
-        return state == f"state {event.state}" and reason in (event.reason or "")
-    if isinstance(event, Hang):
-        return told == "hang"
-    return told == f"{'cardRemoved' if isinstance(event, CardRemoved) else 'card'} {event.id}"
+        return f"state {event.state}: {event.reason}"
+    if isinstance(event, Log):
+        return f"log {event.text}"
+    name = type(event).__name__
+    return f"{name[0].lower()}{name[1:]} {event.id}"
 
 
 class Player:
-    def __init__(self):
+    def __init__(self, scripts):
         self.bench = VirtualReader()
+        self.scripts = scripts
         self.path = AGENT
         self.options = {"env": self.bench.env, "stderr": "ignore"}
         self.reader = None
         self.commands = []
-        self.events = asyncio.Queue()
-        self.logs = asyncio.Queue()
+        self.background = []
+        self.events, self.logs = asyncio.Queue(), asyncio.Queue()
         self.pids = set()
 
     async def play(self, lines):
-        """Yields (line number, line, what came in its place)."""
+        """The lines that were not met, each with what occurred instead."""
+        differences = []
         for number, line in lines:
             try:
-                if came := await self.play_line(*line.partition(" ")[::2]):
-                    yield number, line, came
+                difference = await self.play_line(*line.partition(" ")[::2])
             except asyncio.TimeoutError:
-                yield number, line, "nothing"
+                difference = "nothing"
             except VirtualReaderError as error:
-                yield number, line, error
-        number += 1
-        while not self.events.empty():
-            yield number, "the end", self.events.get_nowait()
-        for task in self.commands:
-            yield number, "the end", await outcome_is(task, "")
+                difference = error
+            differences += [(number, line, difference)] if difference else []
+        for task in self.background:
+            task.cancel()
+        left = [self.events.get_nowait() for _ in range(self.events.qsize())] + self.commands
         await self.reader.close()
         await self.listener
-        for pid in self.pids:
-            try:
-                os.kill(pid, 0)
-                yield number, "no process", pid
-            except ProcessLookupError:
-                pass
+        left += [f"process {pid}" for pid in self.pids if not ends(pid, 1)]
         self.bench.close()
+        return differences + [(number, "the end", each) for each in left]
 
     async def play_line(self, mark, text):
         if self.reader and self.reader.pid:
             self.pids.add(self.reader.pid)
-        if mark == "option":
-            self.set_option(*text.split(" ", 1))
+        if mark == "option" and text.startswith("onConnect "):
+            self.on_connect = text.split(" ", 1)[1].split("; ")
+            self.options["on_connect"] = self.connect
+        elif mark == "option":
+            name, value = option(*text.split(" ", 1))
+            self.options[name] = value
         elif mark == "agent":
-            self.path = PROGRAMS[text]
+            self.path = self.scripts.get(text)
         elif mark == "!":
             await asyncio.get_running_loop().run_in_executor(None, self.bench.execute, text)
         elif mark == "start":
             self.reader = CardReader(self.path, **self.options)
             self.listener = asyncio.ensure_future(self.listen(self.reader.__aiter__()))
-            await self.reader.start()
+            self.reader.start()
         elif mark == ">":
             words = text.split(" ") if text.startswith("ping") else shlex.split(text)
-            self.commands.append(asyncio.ensure_future(command(self.reader, words)))
-            for _ in range(4):  # it is sent
-                await asyncio.sleep(0)
+            self.commands.append(command(self.reader, words))
+        elif mark == "every":
+            self.background.append(asyncio.ensure_future(self.repeat(*text.split(" ", 1))))
         elif mark == "cancel":
             self.commands[0].cancel()
         elif mark == "=":
-            return await outcome_is(self.commands.pop(0), text)
+            return await difference_of(self.commands.pop(0), text)
         elif mark == "<" and text.startswith("log "):
-            while text[4:] not in (await asyncio.wait_for(self.logs.get(), PATIENCE)).text:
+            while text[4:] not in (await asyncio.wait_for(self.logs.get(), TIMEOUT)).text:
                 pass
         elif mark == "<":
-            event = await asyncio.wait_for(self.events.get(), PATIENCE)
-            return None if event_is(event, text) else event
+            event = text_of(await asyncio.wait_for(self.events.get(), TIMEOUT))
+            start, _, part = text.partition(": ")
+            return None if re.match(f"{start}(:|$)", event) and part in event else event
+        elif mark == "reason":
+            reason = self.reader.reason or ""
+            return None if text in reason and bool(text) == bool(reason) else f"reason {reason}"
         elif mark in SIGNALS:
             os.kill(self.reader.pid, SIGNALS[mark])
+        elif mark == "suspend":
+            pids = f"{os.getpid()} {self.reader.pid}"
+            subprocess.Popen(["sh", "-c", f"kill -STOP {pids}; sleep {int(text) / 1000}; kill -CONT {pids}"]).wait()
         elif mark == "quiet":
             await asyncio.sleep(int(text) / 1000)
             return None if self.events.empty() else self.events.get_nowait()
         elif mark == "close":
-            await self.reader.close()
+            await asyncio.wait_for(self.reader.close(), 5)
         else:
             return "no such line"
         return None
 
-    def set_option(self, name, value):
-        if name == "onConnect":
-            self.options["on_connect"] = lambda reader: command(reader, value.split(" "))
-        elif name in SECONDS:
-            self.options[SECONDS[name]] = int(value) / 1000
-        else:
-            names = {"giveUpAfter": ("give_up_after", int), "onHang": ("on_hang", str)}
-            key, kind = names[name]
-            self.options[key] = kind(value)
+    async def connect(self, reader):
+        for step in self.on_connect:
+            words = step.split(" ")
+            await (asyncio.sleep(int(words[1]) / 1000) if words[0] == "pause" else command(reader, words))
+
+    async def repeat(self, ms, text):
+        while True:
+            with suppress(CardReaderError):
+                await command(self.reader, text.split(" "))
+            await asyncio.sleep(int(ms) / 1000)
 
     async def listen(self, events):
         while self.reader.state != "closed":
-            with suppress(CardReaderError):  # raised when the state is "failed"
+            with suppress(CardReaderError):  # raised when the state becomes "failed"
                 async for event in events:
-                    if isinstance(event, Log):
-                        self.logs.put_nowait(event)
-                    elif not isinstance(event, Poll):
-                        self.events.put_nowait(event)
+                    if not isinstance(event, Poll):
+                        (self.logs if isinstance(event, Log) else self.events).put_nowait(event)
 
 
-class SituationsTest(unittest.IsolatedAsyncioTestCase):
-    async def test_situations(self):
+class ConformanceTest(unittest.IsolatedAsyncioTestCase):
+    async def asyncSetUp(self):
         asyncio.get_running_loop().set_debug(False)
+
+    async def test_cases(self):
+        scripts = {name: script(name, text) for name, text in AGENTS.items()}
+        scripts.update(bundle=BUNDLE, missing=Path(tempfile.mkdtemp()) / "missing")
         gate = asyncio.Semaphore(AT_ONCE)
 
-        async def differences(lines):
+        async def play(lines):
             async with gate:
-                return [difference async for difference in Player().play(lines)]
+                return await Player(scripts).play(lines)
 
-        only = os.environ.get("SITUATION", "")
-        chosen = [(name, lines) for name, lines in situations() if only in name]
-        self.assertTrue(chosen)
-        results = await asyncio.gather(*(differences(lines) for _, lines in chosen))
-        for (name, _), result in zip(chosen, results):
-            told = [f"conformance.txt:{n}: {line!r} is told, and came: {came}" for n, line, came in result]
+        only = os.environ.get("CASE", "")
+        cases = [(name, lines) for name, lines in sections(CONFORMANCE) if only in name]
+        self.assertTrue(cases)
+        alone = [case for case in cases if "suspend" in str(case)]  # it stops this process
+        together = [case for case in cases if case not in alone]
+        results = await asyncio.gather(*(play(lines) for _, lines in together))
+        for _, lines in alone:
+            results.append(await play(lines))
+        for (name, _), result in zip(together + alone, results):
             with self.subTest(name):
-                self.assertEqual(told, [])
+                self.assertEqual([f"line {n}: {line!r}, but: {other}" for n, line, other in result], [])
+
+
+CONFORMANCE = "conformance-new.txt" if (CLIENTS / "conformance-new.txt").exists() else "conformance.txt"

@@ -1,0 +1,117 @@
+"""The lines of the protocol: what each from the agent is, and how those to it are written. Pure."""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Mapping
+from typing import Literal, NamedTuple, TypedDict, cast
+
+LINE_LIMIT = 1023  # bytes before the newline
+
+BeepLength = Literal["short", "long"]
+LedColor = Literal["red", "green", "amber", "off"]
+LineKind = Literal["Ok", "Error", "Reader", "Card", "Log", ""]
+
+# What may follow the colon of each kind of line; all else is text of the library.
+_TEXTS: dict[LineKind, re.Pattern[str]] = {
+    "Ok": re.compile(r"(?: [^\0]+)?"),
+    "Error": re.compile(r"(?: [^\0]+)?"),
+    "Reader": re.compile(r" (?:Global|Dev[0-9]{1,15}(?:-[^\s\0]+)?)", re.ASCII),
+    "Card": re.compile(r" [0-9A-F]{1,64}"),
+    "Log": re.compile(r" .*", re.DOTALL),
+}
+_SETTING = re.compile(r"[^\s.]+\.[^\s.=][^\s=]*", re.ASCII)
+_IGNORED = "Ignoring unexpected setting "
+
+
+class IDBitCounts(TypedDict, total=False):
+    iLeadParityBitCnt: int
+    iTrailParityBitCnt: int
+    iTotalBitCnt: int
+
+
+class Flags(TypedDict, total=False):
+    bFrcBitCntEx: int
+    bSndOnRx: int
+    bHaltKBSnd: int
+
+
+class TimeParameters(TypedDict, total=False):
+    iBitStrmTO: int
+    iIDHoldTO: int
+    iIDLockOutTm: int
+
+
+class Flags2(TypedDict, total=False):
+    bWiegInvData: int
+    bUseInvDataF: int
+    bRevWiegBits: int
+    bBeepID: int
+    bRevBytes: int
+
+
+class LedControl(TypedDict, total=False):
+    bAppCtrlsLED: int
+    iRedLEDState: int
+    iGrnLEDState: int
+
+
+class Settings(TypedDict, total=False):
+    """Setting type, then setting name, to a 32-bit integer or a truth value."""
+
+    tsIDBitCnts: IDBitCounts
+    tsCfgFlags: Flags
+    tsTimeParms: TimeParameters
+    tsCfgFlags2: Flags2
+    tsLEDCtrl: LedControl
+
+
+class Line(NamedTuple):
+    kind: LineKind
+    text: str
+
+
+def parse_line(line: str) -> Line:
+    """A line from the agent. Kind "" is text of the library, or something that only resembles a line."""
+    kind, colon, text = line.partition(":")
+    pattern = _TEXTS.get(cast(LineKind, kind))
+    if colon and pattern and pattern.fullmatch(text):
+        return Line(cast(LineKind, kind), text[1:])
+    return Line("", line)
+
+
+def encode(line: str) -> bytes:
+    """A line to the agent as bytes. Raises ValueError if the agent would read something else."""
+    data = line.encode(errors="surrogateescape")
+    if b"\n" in data:
+        raise ValueError("invalid command: it contains a newline")
+    if b"\0" in data:
+        raise ValueError("invalid command: it contains a NUL byte")
+    if len(data) > LINE_LIMIT:
+        raise ValueError(f"invalid command: {len(data)} bytes, more than {LINE_LIMIT}")
+    return data + b"\n"
+
+
+def reader_number(name: str) -> int:
+    """The N of a reader's name "DevN-part"."""
+    return int(name[3:].partition("-")[0])
+
+
+class Configuration:
+    """The command for settings, and which of them the agent does not know, from its log lines."""
+
+    def __init__(self, settings: Settings) -> None:
+        self.command = "ReaderConfig"
+        self._logs: dict[str, set[str]] = {}  # of each setting, if the agent does not know it
+        for kind, values in cast("Mapping[str, Mapping[str, int]]", settings).items():
+            for name, value in values.items():
+                setting = f"{kind}.{name}"
+                if not _SETTING.fullmatch(setting) or "." in kind:
+                    raise ValueError(f"invalid setting name '{setting}'")
+                if not isinstance(value, int) or not -(2**31) <= value < 2**31:
+                    raise ValueError(f"invalid {setting}: expected a 32-bit integer, got {value!r}")
+                self.command += f" {setting}={value:d}"
+                self._logs[setting] = {f"{_IGNORED}{setting}={value:d}", f"{_IGNORED}type {kind}"}
+
+    def unknown(self, logs: list[str]) -> list[str]:
+        return sorted(setting for setting, of_it in self._logs.items() if of_it & set(logs))
