@@ -14,9 +14,17 @@ if TYPE_CHECKING:
     from .reader import CardReader
 
 
-def check_number(name: str, value: object, least: float, *, most: float = 1e9, above: bool = False) -> None:
+def check_number(
+    name: str,
+    value: object,
+    least: float,
+    *,
+    most: float = 1e9,
+    above: bool = False,
+    kind: str = "number",
+) -> None:
     """Raises TypeError or ValueError unless the value is a number in the range."""
-    expected = f"expected a number {'above' if above else 'of at least'} {least:g}"
+    expected = f"expected a {kind} {'above' if above else 'of at least'} {least:g}"
     if isinstance(value, bool) or not isinstance(value, (int, float)):
         raise TypeError(f"invalid {name}: {expected}, got {value!r}")
     if not (least < value if above else least <= value) or not value <= most:
@@ -56,8 +64,8 @@ class Options:
             )
         check_number("watchdog_timeout", self.watchdog_timeout, 0, above=True)
         check_timeout("command_timeout", self.command_timeout)
-        check_number("give_up_after", self.give_up_after, 1, most=math.inf)
-        if self.give_up_after != math.inf and self.give_up_after != int(self.give_up_after):
+        check_number("give_up_after", self.give_up_after, 1, most=math.inf, kind="whole number")
+        if self.give_up_after % 1 > 0:
             raise ValueError(f"invalid give_up_after: expected a whole number, got {self.give_up_after!r}")
         for name in "on_connect", "trace":
             value = getattr(self, name)

@@ -32,11 +32,11 @@ AGENTS = {  # shell scripts in place of the agent
     "global": "echo 'Reader: Global'; echo no library here >&2; exit 13",
     "leaves": "sleep 20 & echo 'Reader: Dev1-A'; exec sleep 600",
 }
-# Prints the lines of the file $1, and answers pings.
-PRINTS = r'cat "$1"; while read line; do case $line in Global:*) echo "Ok: ${line#*Ping}";; esac; done'
+# Answers the first ping and its token, then prints the lines of the file $1.
+PRINTS = 'read -r ping; echo Ok:; read -r token; echo "Ok: ${token#*Ping}"; cat "$1"; read -r end'
 # Answers each command to a reader with the next line of the file $1, in which "\n" is a newline.
 ANSWERS = r"""echo 'Reader: Dev1-A'; exec 3<"$1"; while read -r line; do case $line in
-Global:*) echo "Ok: ${line#*Ping}";; *) IFS= read -r answer <&3; printf '%b\n' "$answer";; esac; done"""
+Global:Ping) echo Ok:;; Global:*) echo "Ok: ${line#*Ping}";; *) IFS= read -r answer <&3; printf '%b\n' "$answer";; esac; done"""
 
 
 def sections(name):
@@ -105,7 +105,7 @@ def command(reader, words):
         settings = {}
         for word in words:
             path, value = word.rsplit("=", 1)
-            kind, setting = path.split(".", 1)
+            kind, setting = path.rsplit(".", 1)
             settings.setdefault(kind, {})[setting] = float(value) if "." in value else int(value)
         return reader.configure(settings, **timeout)
     if name == "ping":
@@ -135,7 +135,7 @@ async def difference_of(future, expected):
     text = " ".join(getattr(error, "names", [])) or str(error)
     is_same = words in text
     if re.fullmatch(r"-?\d+", words):
-        is_same = words == str(error.number)
+        is_same = words == str(getattr(error, "number", None))
     return None if is_same and type(error).__name__ == name else f"{type(error).__name__} {text}"
 
 
@@ -276,3 +276,80 @@ class ConformanceTest(unittest.IsolatedAsyncioTestCase):
 
 
 CONFORMANCE = "conformance-new.txt" if (CLIENTS / "conformance-new.txt").exists() else "conformance.txt"
+
+
+class LinesTest(unittest.IsolatedAsyncioTestCase):
+    async def asyncSetUp(self):
+        asyncio.get_running_loop().set_debug(False)
+
+    async def start(self, path, **options):
+        reader = CardReader(path, stderr="ignore", close_timeout=0.1, **options)
+        self.addAsyncCleanup(reader.close)
+        events = reader.__aiter__()
+        reader.start()
+        return reader, events
+
+    async def test_lines(self):
+        table = rows("lines")
+        output = data_file([*(unescape(left) for _, left, _ in table), b"Log: the end"])
+        reader, events = await self.start(script("agent", PRINTS, output), card_removed_after=3600)
+        expected = [unescape(each) for _, _, right in table for each in right.split("; ") if each]
+        seen = []
+        while True:
+            event = await asyncio.wait_for(events.__anext__(), TIMEOUT)
+            if event == Log("the end"):
+                break
+            if not isinstance(event, State):
+                seen.append(text_of(event).encode(errors="surrogateescape"))
+        self.assertEqual(seen, expected)
+
+    async def test_answers(self):
+        table = rows("answers")
+        reader, _ = await self.start(script("agent", ANSWERS, data_file(left.encode() for _, left, _ in table)))
+        await reader.wait_for("ready", timeout=TIMEOUT)
+        outcomes = [await difference_of(reader.clear_led(), right) for _, _, right in table]
+        different = [(row, outcome) for row, outcome in zip(table, outcomes) if outcome]
+        self.assertEqual(different, [])
+
+    async def test_arguments(self):
+        trace = []
+        reader, _ = await self.start(AGENT, trace=lambda *line: trace.append(line[1:]))
+        await reader.wait_for("searching", timeout=TIMEOUT)
+        sent = [line for line in trace if line[0] == ">"]
+        for number, left, right in rows("arguments"):
+            with self.subTest(f"lines.txt:{number}"):
+                with self.assertRaises((ValueError, TypeError)) as refused:
+                    command(reader, spaced(left))
+                self.assertIn(right, str(refused.exception))
+        await asyncio.sleep(0)
+        self.assertEqual([line for line in trace if line[0] == ">"], sent)
+
+    def test_options(self):
+        for number, left, right in rows("options"):
+            with self.subTest(f"lines.txt:{number}: {left}"):
+                name, value = option(*left.split(" ", 1))
+                if right == "ok":
+                    CardReader("agent", **{name: value})
+                    continue
+                with self.assertRaises((ValueError, TypeError)) as refused:
+                    CardReader("agent", **{name: value})
+                part = str(value) if re.fullmatch(r"-?\d+", right) else right
+                self.assertIn(snake(part) if part != name else part, str(refused.exception))
+                self.assertIn(name, str(refused.exception))
+
+    def test_errors(self):
+        for _, name, code in rows("errors"):
+            self.assertEqual(getattr(card_reader_agent, name).code, code)
+
+    async def test_start_errors(self):
+        for number, code, state in rows("start errors"):
+            error = OSError(getattr(errno, code), "")
+            with self.subTest(code), mock.patch("subprocess.Popen", side_effect=error):
+                reader, events = await self.start("agent")
+                self.assertEqual((await events.__anext__()).state, state)
+                self.assertIn(code, reader.reason)
+
+
+def spaced(text):
+    """The words of a command in which \\s is a space within a word."""
+    return [unescape(word).decode() for word in text.split(" ")]
