@@ -9,19 +9,14 @@ import secrets
 import sys
 import time
 from collections import deque
-from collections.abc import Callable, Mapping
+from collections.abc import Callable
 from contextlib import suppress
-from typing import Any, Literal, NamedTuple, Protocol, TypeVar, Union
+from typing import Any, NamedTuple, Protocol, TypeVar
 
 from .countdown import Countdown
-from .errors import (
-    AgentEndedError,
-    AgentStartError,
-    CardReaderError,
-    CommandTimeoutError,
-    error_for,
-    readers_in,
-)
+from .errors import AgentEndedError, AgentStartError, CardReaderError, CommandTimeoutError
+from .errors import error_for, readers_in
+from .options import Options
 from .process import Process
 from .words import encode, parse_line, reader_number
 
@@ -31,9 +26,6 @@ PROGRAM = "Contents/MacOS/card-reader-agent"  # in the bundle
 SAID_LIMIT = 4096  # characters of standard error that an AgentEndedError repeats
 KILL_TIMEOUT = 2.0  # seconds in which a killed agent exits, or is given up
 NOT_RESPONDING = "the agent is not responding"
-
-StandardError = Union[Literal["inherit", "ignore"], Callable[[str], object]]
-Trace = Callable[[float, str, str], object]
 
 
 class Owner(Protocol):
@@ -85,27 +77,16 @@ def limit(future: asyncio.Future[T], timeout: float | None, what: str) -> asynci
 class Agent:
     """A running agent. Raises AgentStartError if it cannot be started.
 
-    Every way out ends in `_settle`: pending commands fail with the reason, the pipes are closed and
+    Every way out ends in `exited`: pending commands fail with the reason, the pipes are closed and
     the owner is called, once, even if the process survives a SIGKILL.
     """
 
-    def __init__(
-        self,
-        path: str,
-        owner: Owner,
-        *,
-        env: Mapping[str, str] | None,
-        stderr: StandardError,
-        trace: Trace | None,
-        close_timeout: float,
-        watchdog_interval: float,
-        watchdog_timeout: float,
-    ) -> None:
+    def __init__(self, owner: Owner, options: Options) -> None:
+        path = os.fspath(options.path)
         if os.path.isdir(path):
             path = os.path.join(path, PROGRAM)
         self.reader: str | None = None  # its name
-        self._owner = owner
-        self._stderr, self._trace = stderr, trace
+        self._owner, self._options = owner, options
         self._pending: deque[Command] = deque()
         self._salt, self._count = secrets.token_hex(8), 0
         self._number: int | None = None  # of the reader attached last
@@ -114,14 +95,12 @@ class Agent:
         self._is_settled = self._is_closing = False
         self._loop = asyncio.get_running_loop()
         try:
-            self._process: Process = Process(
-                path, env, self._take, self._take_error, self._settle, self._output_ended
-            )
+            self._process = Process(path, options.env, self)
         except (OSError, ValueError) as error:
             raise AgentStartError(path, error) from error
-        self._hang = Countdown(watchdog_timeout, lambda: self.end(NOT_RESPONDING))
-        self._quiet = Countdown(watchdog_interval or math.inf, self.ping)
-        self._exit = Countdown(close_timeout, lambda: self.end(NOT_RESPONDING))
+        self._hang = Countdown(options.watchdog_timeout, lambda: self.end(NOT_RESPONDING))
+        self._quiet = Countdown(options.watchdog_interval or math.inf, self.ping)
+        self._exit = Countdown(options.close_timeout, lambda: self.end(NOT_RESPONDING))
         self._dying: asyncio.TimerHandle | None = None
         self.ping()
 
@@ -170,7 +149,7 @@ class Agent:
         command = Command(first and first[len("Global:Ping") :], lines[-1][len("Global:Ping") :], settle)
         command.fail = fail
         for each in lines:
-            self._call(self._trace, time.time(), ">", each)
+            self._call(self._options.trace, time.time(), ">", each)
         self._process.write(data)
         self._pending.append(command)
         if len(self._pending) == 1:
@@ -190,20 +169,20 @@ class Agent:
         """Kill the agent. Settle when it has exited, or after KILL_TIMEOUT if it does not."""
         if not self._is_settled and not self._dying:
             self._reason = reason
-            self._dying = self._loop.call_later(KILL_TIMEOUT, self._settle, None)
+            self._dying = self._loop.call_later(KILL_TIMEOUT, self.exited, None)
             self._process.kill()
 
     def _token(self) -> str:
         self._count += 1
         return f"Global:Ping {self._salt}-{self._count}"
 
-    def _output_ended(self) -> None:
+    def output_ended(self) -> None:
         """An agent that closes its output and lives on cannot answer any more."""
         self._exit.stop()
         self._exit = Countdown(KILL_TIMEOUT, lambda: self.end(""))
         self._exit.restart()
 
-    def _settle(self, status: int | None) -> None:
+    def exited(self, status: int | None) -> None:
         if self._is_settled:
             return
         self._is_settled = True
@@ -219,8 +198,8 @@ class Agent:
         self.reader = None
         self._owner._on_end(error)
 
-    def _take(self, line: str) -> None:
-        self._call(self._trace, time.time(), "<", line)
+    def take_line(self, line: str) -> None:
+        self._call(self._options.trace, time.time(), "<", line)
         kind, text = parse_line(line)
         command = self._pending[0] if self._pending else None
         if kind in ("Ok", "Error") and command:
@@ -284,11 +263,11 @@ class Agent:
                 self._number = reader_number(name)
         self._owner._on_reader(previous)
 
-    def _take_error(self, text: str) -> None:
+    def take_error(self, text: str) -> None:
         self._said = (self._said + text)[-SAID_LIMIT:]
-        if callable(self._stderr):
-            self._call(self._stderr, text)
-        elif self._stderr == "inherit" and sys.stderr:
+        if callable(self._options.stderr):
+            self._call(self._options.stderr, text)
+        elif self._options.stderr == "inherit" and sys.stderr:
             with suppress(OSError, ValueError):  # nobody reads it any more
                 sys.stderr.write(text)
 

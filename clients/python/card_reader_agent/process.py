@@ -10,7 +10,7 @@ import threading
 import weakref
 from collections.abc import Callable, Mapping
 from contextlib import suppress
-from typing import IO
+from typing import IO, Protocol
 
 CHUNK = 65536
 LAST_CHUNKS = 32  # more than a pipe holds; another process may write on
@@ -33,6 +33,13 @@ def _release_in_forked_process() -> None:
 os.register_at_fork(after_in_child=_release_in_forked_process)
 
 
+class Owner(Protocol):
+    def take_line(self, line: str) -> None: ...
+    def take_error(self, text: str) -> None: ...
+    def output_ended(self) -> None: ...
+    def exited(self, status: int | None) -> None: ...
+
+
 class Process:
     """A running agent, in a session of its own: a Ctrl-C in the terminal is for the application.
 
@@ -40,18 +47,9 @@ class Process:
     to the thread of that loop. Raises OSError or ValueError if the agent cannot be started.
     """
 
-    def __init__(
-        self,
-        path: str,
-        env: Mapping[str, str] | None,
-        on_line: Callable[[str], object],
-        on_stderr: Callable[[str], object],
-        on_exit: Callable[[int], object],
-        on_output_end: Callable[[], object],
-    ) -> None:
+    def __init__(self, path: str, env: Mapping[str, str] | None, owner: Owner) -> None:
         self._loop = asyncio.get_running_loop()
-        self._on_line, self._on_stderr = on_line, on_stderr
-        self._on_exit, self._on_output_end = on_exit, on_output_end
+        self._owner: Owner | None = owner
         self._output = bytearray()
         self._is_closing = False
         self._partial: list[bytes] = []  # the pieces of the line that is not complete yet
@@ -89,11 +87,9 @@ class Process:
         self._popen.kill()
 
     def release(self) -> None:
-        """Close the pipes. No callback is called any more."""
-        self._on_line = self._on_stderr = lambda _: None
-        self._on_exit, self._on_output_end = lambda _: None, lambda: None
-        self._close_input()
-        for file in self._readers:
+        """Close the pipes and forget the owner."""
+        self._owner = None
+        for file in self.files:
             self._close(file)
 
     def _flush(self) -> None:
@@ -113,14 +109,10 @@ class Process:
             if self._is_closing:
                 self._stdin.close()
 
-    def _close_input(self) -> None:
-        if not self._stdin.closed:
-            self._loop.remove_writer(self._stdin.fileno())
-            self._stdin.close()
-
     def _close(self, file: IO[bytes]) -> None:
         if not file.closed:
             self._loop.remove_reader(file.fileno())
+            self._loop.remove_writer(file.fileno())
             file.close()
 
     def _read(self, file: IO[bytes]) -> bool:
@@ -137,26 +129,29 @@ class Process:
             self._readers[file](data)
             return True
         self._close(file)
-        if file is self._popen.stdout:
-            self._on_output_end()
+        if file is self._popen.stdout and self._owner:
+            self._owner.output_ended()
         return False
 
     def _take_output(self, data: bytes) -> None:
         head, *lines = data.split(b"\n")
         self._partial.append(head)
         for line in lines:  # each follows a newline, so that the one before is complete
-            self._on_line(b"".join(self._partial).decode(errors="surrogateescape"))
+            if self._owner:
+                self._owner.take_line(b"".join(self._partial).decode(errors="surrogateescape"))
             self._partial = [line]
 
     def _take_error(self, data: bytes) -> None:
-        self._on_stderr(self._decoder.decode(data))
+        if self._owner:
+            self._owner.take_error(self._decoder.decode(data))
 
     def _exited(self) -> None:
         for file in self._readers:
             for _ in range(LAST_CHUNKS):  # it has written all by now, though others may hold the pipe
                 if not self._read(file):
                     break
-        self._on_exit(self._popen.returncode)
+        if self._owner:
+            self._owner.exited(self._popen.returncode)
 
 
 def _wait(

@@ -14,24 +14,16 @@ import asyncio
 import logging
 import os
 import weakref
-from collections.abc import Awaitable, Callable, Mapping
+from collections.abc import Callable, Mapping
 from enum import Enum
 from typing import Any, Literal, TypeVar, Union, get_args
 
-from .agent import KILL_TIMEOUT, Agent, StandardError, Trace, limit
+from .agent import KILL_TIMEOUT, Agent, limit
 from .countdown import Countdown
-from .errors import (
-    RETRYABLE,
-    AgentEndedError,
-    AgentStartError,
-    CardReaderError,
-    NoReaderError,
-    ReaderChangedError,
-    RejectedError,
-    UnknownSettingsError,
-)
+from .errors import RETRYABLE, AgentEndedError, AgentStartError, CardReaderError, NoReaderError
+from .errors import ReaderChangedError, RejectedError, UnknownSettingsError
 from .events import Card, CardRemoved, Event, Log, Poll, State, StateName
-from .options import Options, check_timeout
+from .options import OnConnect, Options, StandardError, Trace, check_timeout
 from .words import BeepLength, Configuration, LedColor, Settings, encode
 
 T = TypeVar("T")
@@ -89,26 +81,15 @@ class CardReader:
         watchdog_interval: float = 5.0,
         watchdog_timeout: float = 15.0,
         card_removed_after: float = 0.6,
-        on_connect: Callable[[CardReader], Awaitable[Any]] | None = None,
+        on_connect: OnConnect | None = None,
         close_timeout: float = 2.0,
         stderr: StandardError = "inherit",
         trace: Trace | None = None,
     ) -> None:
         self._options = Options(
-            path=path,
-            env=env,
-            restart_delay=restart_delay,
-            restart_delay_limit=restart_delay_limit,
-            give_up_after=give_up_after,
-            command_timeout=command_timeout,
-            watchdog_interval=watchdog_interval,
-            watchdog_timeout=watchdog_timeout,
-            card_removed_after=card_removed_after,
-            on_connect=on_connect,
-            close_timeout=close_timeout,
-            stderr=stderr,
-            trace=trace,
-        )
+            path, env, restart_delay, restart_delay_limit, give_up_after, command_timeout,
+            watchdog_interval, watchdog_timeout, card_removed_after, on_connect, close_timeout, stderr, trace,
+        )  # fmt: skip
         self._state: StateName = "starting"
         self._reason: str | None = None
         self._failure: CardReaderError | None = None
@@ -299,17 +280,7 @@ class CardReader:
     # One agent after the other.
 
     def _new_agent(self) -> Agent:
-        options = self._options
-        return Agent(
-            os.fspath(options.path),
-            self,
-            env=options.env,
-            stderr=options.stderr,
-            trace=options.trace,
-            close_timeout=options.close_timeout,
-            watchdog_interval=options.watchdog_interval,
-            watchdog_timeout=options.watchdog_timeout,
-        )
+        return Agent(self, self._options)
 
     def _launch(self) -> None:
         self._next_start = None
@@ -376,7 +347,7 @@ class CardReader:
         elif self.name:
             self._change("ready")
 
-    async def _connect(self, function: Callable[[CardReader], Awaitable[Any]], name: str) -> None:
+    async def _connect(self, function: OnConnect, name: str) -> None:
         before = set(self._cancelled)
         if before:  # one at a time
             await asyncio.wait(before, timeout=KILL_TIMEOUT)

@@ -19,25 +19,109 @@ import subprocess
 import tempfile
 import threading
 import time
-from collections.abc import Awaitable, Mapping, Sequence
-from functools import partial
-from typing import Generic, TypeVar
+from collections import deque
+from collections.abc import Awaitable, Callable, Mapping, Sequence
+from typing import Any, Generic, TypeVar
+
+from .agent import Agent
+from .errors import AgentEndedError, CardReaderError
+from .reader import CardReader
 
 START_TIMEOUT = 10.0  # seconds
 EXIT_TIMEOUT = 5.0
 
 Done = TypeVar("Done")
+T = TypeVar("T")
 
 
 class VirtualReaderError(AssertionError):
     """A verb was wrong or an expectation failed; the message is the virtual reader's."""
 
 
-class _Verbs(Generic[Done]):
-    """The verbs as methods. `Done` is what they return: nothing, or something to await."""
+class _Reader(Generic[Done]):
+    """A virtual reader and its verbs. `Done` is what they return: nothing, or something to await."""
+
+    env: Mapping[str, str]
+    """For the agent or the application under test: this process's environment and the socket."""
+    process: subprocess.Popen[bytes]
+    socket: str
+
+    def __init__(
+        self,
+        program: str | os.PathLike[str] | None = None,
+        *,
+        plugged: bool = True,
+        arguments: Sequence[str | os.PathLike[str]] = (),
+    ) -> None:
+        """`program` is by default $VIRTUAL_READER, or else `virtual-reader` on the path; `arguments`
+        are appended to its command line. Raises OSError when it cannot be run, VirtualReaderError
+        when it does not answer.
+        """
+        self._program = os.fspath(program or os.environ.get("VIRTUAL_READER") or "virtual-reader")
+        self._folder = tempfile.mkdtemp(prefix="reader-")
+        self.socket = os.path.join(self._folder, "reader.sock")
+        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self.socket}
+        self._output: list[bytes] = []
+        command = [self._program, "--socket", self.socket, *([] if plugged else ["--unplugged"]), *arguments]
+        try:
+            self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        except OSError:
+            shutil.rmtree(self._folder, ignore_errors=True)
+            raise
+        assert self.process.stdout
+        self._collector = threading.Thread(
+            target=self._output.extend, args=(self.process.stdout,), daemon=True
+        )
+        self._collector.start()
+        try:
+            self._wait_until_it_listens()
+        except BaseException:
+            self._end()
+            raise
+
+    @property
+    def output(self) -> str:
+        """The program's standard output so far."""
+        return b"".join(self._output).decode(errors="surrogateescape")
 
     def _run(self, verb: str) -> Done:
         raise NotImplementedError
+
+    def _execute(self, verb: str) -> str:
+        result = subprocess.run(
+            [self._program, "--socket", self.socket, "--execute", verb],
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            errors="surrogateescape",
+        )
+        if result.returncode:
+            raise VirtualReaderError(result.stderr.strip())
+        return result.stdout
+
+    def _wait_until_it_listens(self) -> None:
+        deadline = time.monotonic() + START_TIMEOUT
+        while True:
+            try:
+                self._execute("events 1")
+                return
+            except VirtualReaderError as error:
+                if self.process.poll() is not None or time.monotonic() > deadline:
+                    raise VirtualReaderError(f"no answer from {self._program}: {error}") from None
+            time.sleep(0.01)
+
+    def _end(self) -> None:
+        if self.process.stdin:
+            self.process.stdin.close()
+        try:
+            self.process.wait(EXIT_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        self._collector.join(EXIT_TIMEOUT)
+        if self.process.stdout and not self._collector.is_alive():
+            self.process.stdout.close()
+        shutil.rmtree(self._folder, ignore_errors=True)
 
     def plug(self) -> Done:
         return self._run("plug")
@@ -92,69 +176,23 @@ class _Verbs(Generic[Done]):
         return self._run(f"expect no {pattern} within {round(within * 1000)}")
 
 
-class VirtualReader(_Verbs[None]):
+class VirtualReader(_Reader[None]):
     """One virtual reader with a private socket, plugged in. It ends with this process at the latest."""
 
-    env: Mapping[str, str]
-    """For the agent or the application under test: this process's environment and the socket."""
-    process: subprocess.Popen[bytes]
-    socket: str
+    def execute(self, verb: str) -> str:
+        """Execute a verb and return its answer, a newline after each line."""
+        return self._execute(verb)
 
-    def __init__(
-        self,
-        program: str | os.PathLike[str] | None = None,
-        *,
-        plugged: bool = True,
-        arguments: Sequence[str | os.PathLike[str]] = (),
-    ) -> None:
-        """`program` is by default $VIRTUAL_READER, or else `virtual-reader` on the path; `arguments`
-        are appended to its command line. Raises OSError when it cannot be run, VirtualReaderError
-        when it does not answer.
-        """
-        self._program = os.fspath(program or os.environ.get("VIRTUAL_READER") or "virtual-reader")
-        self._folder = tempfile.mkdtemp(prefix="reader-")
-        self.socket = os.path.join(self._folder, "reader.sock")
-        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self.socket}
-        self._output: list[bytes] = []
-        unplugged = [] if plugged else ["--unplugged"]
-        try:
-            self.process = subprocess.Popen(
-                [self._program, "--socket", self.socket, *unplugged, *arguments],
-                stdin=subprocess.PIPE,
-                stdout=subprocess.PIPE,
-            )
-        except OSError:
-            shutil.rmtree(self._folder, ignore_errors=True)
-            raise
-        assert self.process.stdout
-        self._collector = threading.Thread(
-            target=self._output.extend, args=(self.process.stdout,), daemon=True
-        )
-        self._collector.start()
-        try:
-            self._wait_until_it_listens()
-        except BaseException:
-            self.close()
-            raise
-
-    @property
-    def output(self) -> str:
-        """The program's standard output so far."""
-        return b"".join(self._output).decode(errors="surrogateescape")
+    def events(self, count: int = 1_000_000) -> list[str]:
+        """The last events of the event log, by default all."""
+        return self.execute(f"events {count}").splitlines()
 
     def close(self) -> None:
         """Unplug the reader and end it."""
-        if self.process.stdin and not self.process.stdin.closed:
-            self.process.stdin.close()
-        try:
-            self.process.wait(EXIT_TIMEOUT)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self._collector.join(EXIT_TIMEOUT)
-        if self.process.stdout and not self._collector.is_alive():
-            self.process.stdout.close()
-        shutil.rmtree(self._folder, ignore_errors=True)
+        self._end()
+
+    def _run(self, verb: str) -> None:
+        self._execute(verb)
 
     def __enter__(self) -> VirtualReader:
         return self
@@ -162,72 +200,98 @@ class VirtualReader(_Verbs[None]):
     def __exit__(self, *_: object) -> None:
         self.close()
 
-    def execute(self, verb: str) -> str:
-        """Execute a verb and return its answer, a newline after each line."""
-        result = subprocess.run(
-            [self._program, "--socket", self.socket, "--execute", verb],
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            text=True,
-            errors="surrogateescape",
-        )
-        if result.returncode:
-            raise VirtualReaderError(result.stderr.strip())
-        return result.stdout
 
-    def events(self, count: int = 1_000_000) -> list[str]:
-        """The last events of the event log, by default all."""
-        return self.execute(f"events {count}").splitlines()
-
-    def _run(self, verb: str) -> None:
-        self.execute(verb)
-
-    def _wait_until_it_listens(self) -> None:
-        deadline = time.monotonic() + START_TIMEOUT
-        while True:
-            try:
-                self.execute("events 1")
-                return
-            except VirtualReaderError as error:
-                if self.process.poll() is not None or time.monotonic() > deadline:
-                    raise VirtualReaderError(f"no answer from {self._program}: {error}") from None
-            time.sleep(0.01)
-
-
-class AsyncVirtualReader(_Verbs[Awaitable[None]]):
-    """A `VirtualReader` for coroutines: started by `async with`, its methods awaited.
-
-    Cancelling an `expect` leaves it waiting in the background for the rest of its time.
-    """
-
-    reader: VirtualReader
-    """The same reader, for `env`, `socket`, `process` and `output`."""
-
-    def __init__(
-        self,
-        program: str | os.PathLike[str] | None = None,
-        *,
-        plugged: bool = True,
-        arguments: Sequence[str | os.PathLike[str]] = (),
-    ) -> None:
-        self._new_reader = partial(VirtualReader, program, plugged=plugged, arguments=arguments)
-
-    @property
-    def env(self) -> Mapping[str, str]:
-        return self.reader.env
+class AsyncVirtualReader(_Reader[Awaitable[None]]):
+    """The same with methods to be awaited. A cancelled `expect` goes on in the background."""
 
     async def execute(self, verb: str) -> str:
-        return await asyncio.get_running_loop().run_in_executor(None, self.reader.execute, verb)
+        return await asyncio.get_running_loop().run_in_executor(None, self._execute, verb)
 
     async def events(self, count: int = 1_000_000) -> list[str]:
         return (await self.execute(f"events {count}")).splitlines()
+
+    async def close(self) -> None:
+        await asyncio.get_running_loop().run_in_executor(None, self._end)
 
     async def _run(self, verb: str) -> None:
         await self.execute(verb)
 
     async def __aenter__(self) -> AsyncVirtualReader:
-        self.reader = await asyncio.get_running_loop().run_in_executor(None, self._new_reader)
         return self
 
     async def __aexit__(self, *_: object) -> None:
-        await asyncio.get_running_loop().run_in_executor(None, self.reader.close)
+        await self.close()
+
+
+class StubReader(CardReader):
+    """A `CardReader` for unit tests, without an agent: the test connects it and presents cards.
+
+    async with StubReader() as reader:
+        reader.connect()
+        reader.present("3AB1234")
+        assert reader.commands == ["SetLED green"]
+    """
+
+    def __init__(self, **options: Any) -> None:
+        super().__init__("stub", **{"card_removed_after": 1e9, **options})
+        self.commands: list[str] = []
+        self._errors: list[CardReaderError] = []
+
+    def connect(self, name: str = "Dev1-Stub") -> None:
+        self._stub._change_reader(name)
+
+    def disconnect(self) -> None:
+        self._stub._change_reader(None)
+
+    def present(self, card: str) -> None:
+        """The card stays until `remove` or another one."""
+        self._on_card(card)
+
+    def remove(self) -> None:
+        self._remove_card()
+
+    def fail(self, *errors: CardReaderError) -> None:
+        """The next commands fail with these errors."""
+        self._errors += errors
+
+    def crash(self) -> None:
+        """The agent ends and is restarted."""
+        self._stub.end("the agent was killed by SIGKILL")
+
+    def start(self) -> None:
+        super().start()
+        if self._next_start:
+            self._next_start.cancel()
+        self._launch()
+
+    def _new_agent(self) -> Agent:
+        self._stub = _StubAgent(self, self.commands, self._errors)
+        return self._stub
+
+
+class _StubAgent(Agent):
+    def __init__(self, owner: StubReader, commands: list[str], errors: list[CardReaderError]) -> None:
+        self.reader, self._pending = None, deque()
+        self._owner, self._commands, self._errors = owner, commands, errors
+        asyncio.get_running_loop().call_soon(owner._on_answer)
+
+    pid = None
+
+    def send(
+        self, line: str, convert: Callable[[str, list[str]], T], timeout: float | None
+    ) -> asyncio.Future[T]:
+        future: asyncio.Future[T] = asyncio.get_running_loop().create_future()
+        command = line.partition(":")[2]
+        self._commands.append(command)
+        if self._errors:
+            future.set_exception(self._errors.pop(0))
+        else:
+            future.set_result(convert(command[len("Ping") :], []))
+        return future
+
+    def close(self) -> None:
+        self.end("")
+
+    def end(self, reason: str) -> None:
+        self.reader = None
+        self._owner._on_end(AgentEndedError(reason=reason))

@@ -24,46 +24,28 @@ _SETTING = re.compile(r"[^\s.]+\.[^\s.=][^\s=]*", re.ASCII)
 _IGNORED = "Ignoring unexpected setting "
 
 
-class IDBitCounts(TypedDict, total=False):
-    iLeadParityBitCnt: int
-    iTrailParityBitCnt: int
-    iTotalBitCnt: int
-
-
-class Flags(TypedDict, total=False):
-    bFrcBitCntEx: int
-    bSndOnRx: int
-    bHaltKBSnd: int
-
-
-class TimeParameters(TypedDict, total=False):
-    iBitStrmTO: int
-    iIDHoldTO: int
-    iIDLockOutTm: int
-
-
-class Flags2(TypedDict, total=False):
-    bWiegInvData: int
-    bUseInvDataF: int
-    bRevWiegBits: int
-    bBeepID: int
-    bRevBytes: int
-
-
-class LedControl(TypedDict, total=False):
-    bAppCtrlsLED: int
-    iRedLEDState: int
-    iGrnLEDState: int
+# Setting type, then setting name, to a 32-bit integer or a truth value.
+_IDBitCounts = TypedDict(
+    "_IDBitCounts",
+    {"iLeadParityBitCnt": int, "iTrailParityBitCnt": int, "iTotalBitCnt": int},
+    total=False,
+)
+_Flags = TypedDict("_Flags", {"bFrcBitCntEx": int, "bSndOnRx": int, "bHaltKBSnd": int}, total=False)
+_Times = TypedDict("_Times", {"iBitStrmTO": int, "iIDHoldTO": int, "iIDLockOutTm": int}, total=False)
+_Flags2 = TypedDict(
+    "_Flags2",
+    {"bWiegInvData": int, "bUseInvDataF": int, "bRevWiegBits": int, "bBeepID": int, "bRevBytes": int},
+    total=False,
+)
+_Led = TypedDict("_Led", {"bAppCtrlsLED": int, "iRedLEDState": int, "iGrnLEDState": int}, total=False)
 
 
 class Settings(TypedDict, total=False):
-    """Setting type, then setting name, to a 32-bit integer or a truth value."""
-
-    tsIDBitCnts: IDBitCounts
-    tsCfgFlags: Flags
-    tsTimeParms: TimeParameters
-    tsCfgFlags2: Flags2
-    tsLEDCtrl: LedControl
+    tsIDBitCnts: _IDBitCounts
+    tsCfgFlags: _Flags
+    tsTimeParms: _Times
+    tsCfgFlags2: _Flags2
+    tsLEDCtrl: _Led
 
 
 class Line(NamedTuple):

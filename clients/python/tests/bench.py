@@ -1,29 +1,33 @@
-"""What the tests share: where the programs are, and what becomes of processes."""
+"""What the tests share: where the programs are, and processes."""
 
 import os
 import subprocess
+import tempfile
 import time
+from pathlib import Path
 
-BUILD = os.environ["BUILD_DIR"]
-BUNDLE = f"{BUILD}/CardReaderAgent.app"
+BUNDLE = f"{os.environ['BUILD_DIR']}/CardReaderAgent.app"
 AGENT = os.environ.get("AGENT", f"{BUNDLE}/Contents/MacOS/card-reader-agent")
+PACKAGE = Path(__file__).resolve().parents[1]
 
 
 def output(*command):
     return subprocess.run(map(str, command), stdout=subprocess.PIPE, text=True).stdout.strip()
 
 
-def child_of(pid):
-    return int(output("pgrep", "-P", pid))
-
-
-def runs(pid):
-    """Whether the process has not ended; one that nobody waited for has."""
-    return output("ps", "-o", "stat=", "-p", pid)[:1] not in ("", "Z")
-
-
 def ends(pid, seconds=5):
+    """Whether the process has exited by then; one that nobody waited for has."""
     deadline = time.monotonic() + seconds
-    while runs(pid) and time.monotonic() < deadline:
+    while output("ps", "-o", "stat=", "-p", pid)[:1] not in ("", "Z"):
+        if time.monotonic() > deadline:
+            return False
         time.sleep(0.01)
-    return not runs(pid)
+    return True
+
+
+def script(text, mode=0o700):
+    """A shell script in place of the agent."""
+    path = Path(tempfile.mkdtemp()) / "agent"
+    path.write_text(f"#!/bin/sh\n{text}\n")
+    path.chmod(mode)
+    return path

@@ -7,7 +7,6 @@ import os
 import re
 import shlex
 import signal
-import stat
 import subprocess
 import sys
 import tempfile
@@ -17,7 +16,7 @@ from pathlib import Path
 from unittest import mock
 
 import card_reader_agent
-from bench import AGENT, BUNDLE, ends
+from bench import AGENT, BUNDLE, ends, script
 from card_reader_agent import CardReader, CardReaderError, CardRemoved, Log, Poll, State
 from card_reader_agent.testing import VirtualReader, VirtualReaderError
 
@@ -55,16 +54,6 @@ def rows(wanted):
     """The rows of a section of lines.txt: number, left, right."""
     [lines] = [lines for name, lines in sections("lines.txt") if name == wanted]
     return [(number, *map(str.strip, line.split("=>", 1))) for number, line in lines]
-
-
-def script(name, text, *arguments):
-    """A shell script in place of the agent, made before anything is started: a child process that begins
-    while a file is written holds it open for a moment, and it cannot be executed.
-    """
-    path = Path(tempfile.mkdtemp()) / name
-    path.write_text(f"#!/bin/sh\nset -- {shlex.join(map(str, arguments))}\n{text}\n")
-    path.chmod(stat.S_IRUSR if name == "denied" else stat.S_IRWXU)
-    return path
 
 
 def data_file(lines):
@@ -254,7 +243,9 @@ class ConformanceTest(unittest.IsolatedAsyncioTestCase):
         asyncio.get_running_loop().set_debug(False)
 
     async def test_cases(self):
-        scripts = {name: script(name, text) for name, text in AGENTS.items()}
+        # Made before anything is started: a child process that begins while a file is written holds it
+        # open for a moment, and it cannot be executed.
+        scripts = {name: script(text, 0o400 if name == "denied" else 0o700) for name, text in AGENTS.items()}
         scripts.update(bundle=BUNDLE, missing=Path(tempfile.mkdtemp()) / "missing")
         gate = asyncio.Semaphore(AT_ONCE)
 
@@ -292,7 +283,7 @@ class LinesTest(unittest.IsolatedAsyncioTestCase):
     async def test_lines(self):
         table = rows("lines")
         output = data_file([*(unescape(left) for _, left, _ in table), b"Log: the end"])
-        reader, events = await self.start(script("agent", PRINTS, output), card_removed_after=3600)
+        reader, events = await self.start(script(f"set -- {output}; {PRINTS}"), card_removed_after=3600)
         expected = [unescape(each) for _, _, right in table for each in right.split("; ") if each]
         seen = []
         while True:
@@ -305,7 +296,8 @@ class LinesTest(unittest.IsolatedAsyncioTestCase):
 
     async def test_answers(self):
         table = rows("answers")
-        reader, _ = await self.start(script("agent", ANSWERS, data_file(left.encode() for _, left, _ in table)))
+        answers = data_file(left.encode() for _, left, _ in table)
+        reader, _ = await self.start(script(f"set -- {answers}; {ANSWERS}"))
         await reader.wait_for("ready", timeout=TIMEOUT)
         outcomes = [await difference_of(reader.clear_led(), right) for _, _, right in table]
         different = [(row, outcome) for row, outcome in zip(table, outcomes) if outcome]

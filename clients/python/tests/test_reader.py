@@ -1,41 +1,40 @@
-"""`CardReader` where the list of situations does not reach: Python's own ways, and what it costs."""
+"""`CardReader` where conformance.txt does not reach: Python's own ways, and what it costs."""
 
 import asyncio
 import gc
+import logging
 import os
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
-from pathlib import Path
 
-from bench import AGENT, child_of, ends
-from card_reader_agent import Card, CardRemoved, CardReader, CardReaderError, State
-from card_reader_agent.testing import VirtualReader
+from bench import AGENT, PACKAGE, ends, output, script
+from card_reader_agent import Card, CardReader, CardRemoved, NoReaderError, ReaderChangedError, State
+from card_reader_agent.testing import AsyncVirtualReader, StubReader
 
-PACKAGE = Path(__file__).resolve().parents[1]
+TIMEOUT = 10
+ANSWERS_ONCE = 'read -r ping && read -r token && echo Ok: && echo "Ok: ${token#*Ping}"; exit 3'
 
-# Answers a ping and the one that follows it, and dies.
-SHORT_LIVED = """#!/bin/sh
-read ping && read proof && echo "Ok:" && echo "Ok: ${proof#*Ping}"
-exit 3
-"""
-
-# Dims the light when it is interrupted.
-CLEANS_UP = """if True:
-    import asyncio, sys
+# Switches the LED off when it is interrupted. A worker forked off it lives on.
+APPLICATION = """if True:
+    import asyncio, os, sys, time
     from card_reader_agent import CardReader
     async def main():
         async with CardReader(sys.argv[1]) as reader:
-            await reader.wait_for_reader()
-            print("ready", flush=True)
+            await reader.wait_for("ready")
+            worker = os.fork()
+            if not worker:
+                os.close(1), os.close(2), os.setsid(), time.sleep(60)
+            print(reader.pid, worker, flush=True)
             try:
                 await asyncio.sleep(60)
             finally:
                 await reader.set_led("off")
-                print(await reader.ping("dimmed"), flush=True)
+                print(await reader.ping("off"), flush=True)
+                if sys.argv[2:]:
+                    os._exit(0)
     try:
         asyncio.run(main())
     except KeyboardInterrupt:
@@ -46,119 +45,140 @@ CLEANS_UP = """if True:
 class ReaderTest(unittest.IsolatedAsyncioTestCase):
     async def asyncSetUp(self):
         asyncio.get_running_loop().set_debug(False)
-        self.bench = VirtualReader()
-        self.addCleanup(self.bench.close)
+        self.bench = AsyncVirtualReader()
+        self.addAsyncCleanup(self.bench.close)
 
-    async def test_each_who_iterates_gets_all_from_then_on(self):
-        async def listen(reader, kinds, until):
-            events = []
-            async for event in reader:
-                events += [event] if isinstance(event, kinds) else []
-                if isinstance(event, until):
-                    break
-            return events
+    async def start(self, path=AGENT, **options):
+        reader = CardReader(path, env=self.bench.env, **options)
+        self.addAsyncCleanup(reader.close)
+        events = reader.__aiter__()
+        reader.start()
+        return reader, events
 
-        reader = CardReader(AGENT, env=self.bench.env)
-        early = asyncio.ensure_future(listen(reader, (State, Card, CardRemoved), ()))
-        await asyncio.sleep(0)
-        async with reader:
-            await reader.wait_for_reader(timeout=5)
-            late = asyncio.ensure_future(listen(reader, Card, CardRemoved))
-            await asyncio.sleep(0)
-            self.bench.queue("3AB1234/26")
-            cards = await asyncio.wait_for(late, 5)
-        events = await asyncio.wait_for(early, 5)
-        self.assertEqual([event.id for event in cards], ["3AB1234"])
-        told = [getattr(event, "state", type(event).__name__) for event in events]
-        self.assertEqual(told, ["searching", "ready", "Card", "CardRemoved", "closed"])
+    async def test_each_iteration_yields_all_events_from_then_on(self):
+        reader, early = await self.start()
+        await reader.wait_for("ready", timeout=TIMEOUT)
+        late = reader.__aiter__()
+        await self.bench.hold("3AB1234/26")
+        self.assertEqual(await asyncio.wait_for(late.__anext__(), TIMEOUT), Card("3AB1234"))
+        self.assertEqual(reader.card, "3AB1234")
+        await reader.close()
+        kinds = [getattr(event, "state", type(event).__name__) async for event in early]
+        kinds = [kind for kind in kinds if kind not in ("Poll", "Log")]
+        self.assertEqual(kinds, ["searching", "ready", "Card", "CardRemoved", "closed"])
         self.assertEqual([event async for event in reader], [])
 
-    async def test_a_host_that_stands_still_loses_no_card(self):
-        async with CardReader(AGENT, env=self.bench.env, card_removed_after=0.2) as reader:
-            self.bench.hold("3AB1234/26")
-            events = reader.__aiter__()
-            while not isinstance(await events.__anext__(), Card):
-                pass
-            for _ in range(3):
-                time.sleep(0.5)
-                await asyncio.sleep(0.1)
-            seen = [events.queue.get_nowait() for _ in range(events.queue.qsize())]
-            self.assertFalse([event for event in seen if isinstance(event, (Card, CardRemoved))])
+    async def test_a_blocked_event_loop_loses_no_card_and_no_answer(self):
+        reader, events = await self.start(card_removed_after=0.2)
+        await self.bench.hold("3AB1234/26")
+        while not isinstance(await events.__anext__(), Card):
+            pass
+        await self.bench.delay("BeepNow", 0.1)
+        for blocked in 0.15, 0.25, 0.5:
+            beep = reader.beep(timeout=0.2)
+            await asyncio.sleep(0)
+            time.sleep(blocked)
+            await beep
+        seen = [events.queue.get_nowait() for _ in range(events.queue.qsize())]
+        self.assertFalse([event for event in seen if isinstance(event, (Card, CardRemoved))])
 
-    async def test_a_cancelled_user_waits_for_no_agent(self):
-        async def use(reader):
-            async with reader:
-                await reader.wait_for_reader()
-                os.kill(reader.pid, signal.SIGSTOP)
-                await reader.ping()
+    async def test_a_cancelled_close_kills_the_agent_and_reports_all(self):
+        reader, events = await self.start(close_timeout=60)
+        await self.bench.hold("3AB1234/26")
+        while not isinstance(await events.__anext__(), Card):
+            pass
+        pid = reader.pid
+        os.kill(pid, signal.SIGSTOP)
+        closing = asyncio.ensure_future(reader.close())
+        await asyncio.sleep(0)
+        closing.cancel()
+        self.assertEqual([e async for e in events if isinstance(e, (CardRemoved, State))][0], CardRemoved("3AB1234"))
+        self.assertEqual((reader.state, ends(pid), closing.cancelled()), ("closed", True, True))
 
-        for cancels in 1, 2:  # the second one does not even wait for the deadline
-            reader = CardReader(AGENT, env=self.bench.env, close_timeout=0.3 if cancels == 1 else 60)
-            task = asyncio.ensure_future(use(reader))
-            await reader.wait_for_reader(timeout=5)
-            await asyncio.sleep(0.1)
-            pid = reader.pid
-            for _ in range(cancels):
-                task.cancel()
-                await asyncio.sleep(0.05)
-            await asyncio.wait({task}, timeout=3)
-            self.assertTrue(task.cancelled())
-            self.assertTrue(await asyncio.get_running_loop().run_in_executor(None, ends, pid))
-            await asyncio.wait_for(reader.close(), 3)
-            self.assertEqual(reader.state, "closed")
-
-    async def test_on_connect_is_for_one_connection_and_close_for_all_who_ask(self):
-        connections = []
+    async def test_on_connect_may_close_the_reader_and_never_acts_on_another(self):
+        is_first, started, outcomes = True, asyncio.Event(), []
 
         async def on_connect(reader):
-            connections.append(reader.name)
-            try:
-                await asyncio.sleep(60 if len(connections) == 1 else 0)
-            except asyncio.CancelledError:
-                connections.append("cancelled")
-                raise
+            nonlocal is_first
+            if is_first:
+                is_first = False
+                started.set()
+                try:
+                    await asyncio.sleep(60)
+                finally:
+                    outcomes.extend(await asyncio.gather(reader.beep(), return_exceptions=True))
+            beep = reader.beep()
+            await reader.close()
+            outcomes.append(await beep)
 
-        reader = CardReader(AGENT, env=self.bench.env, on_connect=on_connect)
-        await reader.start()
-        while not connections:
-            await asyncio.sleep(0.01)
-        self.bench.replug()
-        await reader.wait_for_reader(timeout=5)
-        self.assertEqual(connections[1:], ["cancelled", reader.name])
-        self.bench.delay("BeepNow", 0.3)
-        beep = asyncio.ensure_future(reader.beep())
-        await asyncio.sleep(0.05)
-        closing = asyncio.ensure_future(reader.close())
-        await asyncio.sleep(0.05)
-        await reader.close()
-        await asyncio.gather(closing, beep)  # it is carried out, however often one closes
+        reader, _ = await self.start(on_connect=on_connect)
+        await started.wait()
+        await self.bench.replug()
+        await reader.wait_for("closed", timeout=TIMEOUT)
+        await asyncio.sleep(0)
+        self.assertEqual([type(outcomes[0]), *outcomes[1:]], [ReaderChangedError, None])
 
-    async def test_ctrl_c_lets_the_host_clean_up_first(self):
-        command = [sys.executable, "-c", CLEANS_UP, AGENT]
-        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
-        env = {**self.bench.env, "PYTHONPATH": str(PACKAGE)}
-        host = subprocess.Popen(command, env=env, start_new_session=True, **pipes)
-        self.addCleanup(host.kill)
-        self.assertEqual(host.stdout.readline(), "ready\n")
-        agent = child_of(host.pid)
-        os.killpg(host.pid, signal.SIGINT)
-        self.assertEqual(host.communicate(timeout=10), ("dimmed\ninterrupted\n", ""))
-        self.assertTrue(ends(agent))
-
-    async def test_restarts_leave_nothing_behind(self):
-        path = Path(tempfile.mkdtemp()) / "agent"
-        path.write_text(SHORT_LIVED)
-        path.chmod(0o700)
+    async def test_ends_are_bounded_and_leave_nothing(self):
+        for text in "exec sleep 600", "exec >&-; exec sleep 600", "sleep 60 & exit 5":
+            with self.subTest(text):
+                began = time.monotonic()
+                reader, _ = await self.start(script(text), close_timeout=0.2)
+                await asyncio.sleep(0.1)
+                await reader.close()
+                self.assertLess(time.monotonic() - began, 4)
         left = []
-        async with CardReader(path, restart_delay=0.01, restart_delay_limit=0.01) as reader:
-            async for event in reader:
-                if event.state == "restarting":
-                    gc.collect()
-                    files = len(os.listdir("/dev/fd"))
-                    left.append((files, len(asyncio.all_tasks()), len(gc.get_objects())))
-                if len(left) == 40:
-                    break
+        reader, events = await self.start(script(ANSWERS_ONCE), restart_delay=0.01, restart_delay_limit=0.01)
+        async for event in events:
+            if isinstance(event, State) and event.state == "restarting":
+                gc.collect()
+                files = len(os.listdir("/dev/fd"))
+                left.append((files, len(asyncio.all_tasks()), len(gc.get_objects())))
+            if len(left) == 40:
+                break
         self.assertEqual(left[9][:2], left[39][:2])  # open files, tasks
         self.assertLess(left[39][2], left[9][2] + 300)  # objects: less than 10 a restart
-        with self.assertRaises(CardReaderError):
-            await reader.ping()
+
+    async def test_faults_are_logged_and_cost_no_line(self):
+        async def on_connect(reader):
+            raise RuntimeError("no such lamp")
+
+        faults, lines = [], []
+        asyncio.get_running_loop().set_exception_handler(lambda _, context: faults.append(context["exception"]))
+        with self.assertLogs("card_reader_agent", logging.WARNING) as logs:
+            reader, events = await self.start(on_connect=on_connect, trace=lambda *line: [lines.append(line), 1 / 0])
+            while "no such lamp" not in str(await events.__anext__()):
+                pass
+            os.kill(reader.pid, signal.SIGKILL)
+            await reader.wait_for("restarting", timeout=TIMEOUT)
+        self.assertIn("Traceback", logs.output[0])
+        self.assertIn("killed by SIGKILL; restarting it", logs.output[1])
+        self.assertEqual([len(lines), {ZeroDivisionError}], [len(faults), set(map(type, faults))])
+
+    async def test_ctrl_c_leaves_time_to_clean_up_and_a_fork_holds_no_agent(self):
+        for is_abrupt in False, True:
+            command = [sys.executable, "-c", APPLICATION, AGENT, *["abrupt"] * is_abrupt]
+            env = {**self.bench.env, "PYTHONPATH": str(PACKAGE)}
+            pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
+            application = subprocess.Popen(command, env=env, start_new_session=True, **pipes)
+            agent, worker = map(int, application.stdout.readline().split())
+            self.addCleanup(os.kill, worker, signal.SIGKILL)
+            os.kill(application.pid, signal.SIGINT)
+            printed = "off\n" if is_abrupt else "off\ninterrupted\n"
+            self.assertEqual(application.communicate(timeout=10)[0], printed)
+            self.assertTrue(ends(agent))
+            self.assertNotEqual(output("ps", "-o", "stat=", "-p", worker)[:1], "Z")
+
+    async def test_the_stub_reader_needs_no_agent(self):
+        async with StubReader(restart_delay=0.01) as reader:
+            events = reader.__aiter__()
+            reader.connect()
+            reader.present("3AB1234")
+            reader.fail(NoReaderError())
+            results = await asyncio.gather(reader.beep(2), reader.ping("x"), return_exceptions=True)
+            self.assertEqual([type(results[0]), results[1]], [NoReaderError, "x"])
+            self.assertEqual(reader.commands, ["Beep short 2", "Ping x"])
+            reader.crash()
+            await reader.wait_for("searching", timeout=TIMEOUT)
+        texts = [getattr(event, "state", getattr(event, "id", event)) async for event in events]
+        expected = ["searching", "ready", *["3AB1234"] * 3, "restarting", "starting", "searching", "closed"]
+        self.assertEqual(texts, expected)
