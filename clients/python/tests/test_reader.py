@@ -27,7 +27,8 @@ APPLICATION = """if True:
             worker = os.fork()
             if not worker:
                 os.close(1), os.close(2), os.setsid(), time.sleep(60)
-            print(reader.pid, worker, flush=True)
+            loop = asyncio.get_running_loop()
+            loop.call_soon(lambda: print(reader.pid, worker, flush=True))
             try:
                 await asyncio.sleep(60)
             finally:
