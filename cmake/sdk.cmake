@@ -67,6 +67,7 @@ foreach(client IN ITEMS node python swift)
 endforeach()
 install(FILES ${clients}/conformance.txt DESTINATION clients ${in_sdk})
 sdk_page(clients/README.md clients/README.md)
+sdk_page(clients/api.md clients/api.md)
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION . USE_SOURCE_PERMISSIONS ${in_sdk}
   PATTERN __pycache__ EXCLUDE)

@@ -1,10 +1,10 @@
-"""A door list: whose card is on it gets a green light and one beep, others two beeps."""
+"""A door list: a card on it gets a green light and one beep, any other two beeps."""
 
 import asyncio
 import sys
 from contextlib import suppress
 
-from card_reader_agent import Card, CardRemoved, CardReader, CardReaderError, State
+from card_reader_agent import Card, CardReader, CardReaderError, CardRemoved, State
 
 DOOR_LIST = {"3AB1234": "Ada", "CDAB1234": "Grace"}
 
@@ -12,7 +12,7 @@ DOOR_LIST = {"3AB1234": "Ada", "CDAB1234": "Grace"}
 async def main(agent):
     async with CardReader(agent, on_connect=lambda reader: reader.set_led("red")) as reader:
         async for event in reader:
-            with suppress(CardReaderError):  # the reader has gone; the next state tells
+            with suppress(CardReaderError):  # the next state says why
                 if isinstance(event, State):
                     print(event.state, event.reason or "", flush=True)
                 elif isinstance(event, Card):

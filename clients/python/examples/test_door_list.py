@@ -12,11 +12,11 @@ DOOR_LIST = [sys.executable, Path(__file__).with_name("door_list.py"), os.enviro
 
 
 class DoorListTest(unittest.TestCase):
-    def test_who_may_come_in(self):
+    def test_only_listed_cards_open(self):
         with VirtualReader() as reader:
-            host = subprocess.Popen(DOOR_LIST, env=reader.env, stdout=subprocess.DEVNULL)
-            self.addCleanup(host.wait)
-            self.addCleanup(host.kill)
+            application = subprocess.Popen(DOOR_LIST, env=reader.env, stdout=subprocess.DEVNULL)
+            self.addCleanup(application.wait)
+            self.addCleanup(application.kill)
             reader.expect("led red")
             reader.queue("3AB1234/26")
             reader.expect("led green")

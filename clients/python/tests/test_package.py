@@ -1,46 +1,94 @@
-"""The package as pip installs it."""
+"""The package as pip installs it, and the programs that its users read first."""
 
 import os
+import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
 import unittest
 from pathlib import Path
 
-PACKAGE = Path(__file__).resolve().parents[1]
-USES = "import card_reader_agent as c; print(c.__version__, c.__file__)"
+from bench import AGENT, BUNDLE, PACKAGE, ends, output
+from card_reader_agent.testing import VirtualReader
 
-
-def run(*command, **options):
-    return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True, **options).stdout
-
-
-def builder():
-    """A Python that needs nothing from an index to build a package, or None."""
-    for python in sys.executable, "/usr/bin/python3":
-        if not subprocess.call([python, "-c", "import setuptools, wheel, pip"], stderr=subprocess.DEVNULL):
-            return python
-    return None
+README = PACKAGE.parent / "README.md"
 
 
 class PackageTest(unittest.TestCase):
-    def test_installed_it_is_typed_and_complete(self):
-        folder = Path(tempfile.mkdtemp())
-        source = folder / "a source"
-        shutil.copytree(PACKAGE, source)  # to build it leaves files there
-        python = builder()
-        pip_is_there = ["--system-site-packages", "--without-pip"] if python else []
-        run(python or sys.executable, "-m", "venv", *pip_is_there, folder / "venv")
-        pip = [folder / "venv/bin/python", "-m", "pip", "install", "--quiet", "--no-compile"]
-        environment = {**os.environ, "PIP_DISABLE_PIP_VERSION_CHECK": "1"}
-        environment.pop("PYTHONPATH", None)
-        run(*pip, *(["--no-build-isolation", "--no-index"] if python else []), source, env=environment)
-        told = run(folder / "venv/bin/python", "-c", USES, env=environment, cwd=folder).split()
-        installed = Path(told[1]).parent
-        self.assertTrue(installed.is_relative_to((folder / "venv").resolve()), installed)
+    def setUp(self):
+        self.folder = Path(tempfile.mkdtemp())
+        self.bench = VirtualReader()
+        self.addCleanup(self.bench.close)
+
+    def start(self, program, agent):
+        application = subprocess.Popen(
+            [sys.executable, "-u", program, agent],
+            env={**self.bench.env, "PYTHONPATH": str(PACKAGE)},
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
+        self.addCleanup(application.communicate)
+        self.addCleanup(application.kill)
+        return application
+
+    def assert_prints(self, application, *lines):
+        self.assertEqual([application.stdout.readline().strip() for _ in lines], list(lines))
+
+    def test_an_installation_is_typed_and_complete(self):
+        shutil.copytree(PACKAGE, self.folder / "source")  # a build leaves files there
+        needs = "import setuptools, wheel, pip"
+        pythons = [p for p in (sys.executable, "/usr/bin/python3") if not subprocess.call([p, "-c", needs], stderr=-3)]
+        if not pythons:
+            self.skipTest("no Python here has setuptools, wheel and pip")
+        install = "-m pip install --quiet --no-compile --no-build-isolation --no-index --target".split()
+        subprocess.run([pythons[0], *install, self.folder / "target", self.folder / "source"], check=True)
+        installed = {path.name for path in (self.folder / "target/card_reader_agent").iterdir()}
         files = {path.name for path in (PACKAGE / "card_reader_agent").iterdir()} - {"__pycache__"}
-        self.assertLessEqual(files, {path.name for path in installed.iterdir()})
-        self.assertIn("py.typed", files)
-        info = next(installed.parent.glob("card_reader_agent-*.dist-info"))
-        self.assertEqual(info.name, f"card_reader_agent-{told[0]}.dist-info")
+        self.assertEqual(files - installed, set())
+        self.assertIn("py.typed", installed)
+
+    def test_the_first_program_of_the_readme_prints_what_it_says(self):
+        [text] = re.findall("```python\n(.*?)```", README.read_text("utf-8"), re.DOTALL)
+        (self.folder / "cards.py").write_text(text)
+        cards = self.start(self.folder / "cards.py", AGENT)
+        self.assert_prints(cards, "searching", "ready")
+        self.bench.queue("3AB1234/26")
+        self.bench.expect("beep short 1")
+        self.bench.unplug()
+        self.assert_prints(cards, "3AB1234", "searching the reader was disconnected")
+        self.bench.plug()
+        self.assert_prints(cards, "ready")
+        os.killpg(cards.pid, signal.SIGINT)
+        self.assertEqual((cards.communicate(timeout=5), cards.returncode), (("", ""), 0))
+        failing = self.start(self.folder / "cards.py", "nowhere")
+        printed = "".join(failing.communicate(timeout=5))
+        self.assertIn(f"```text\n{printed}```", README.read_text("utf-8"))
+
+    def test_the_door_list_survives_a_shift(self):
+        shutil.copytree(BUNDLE, self.folder / "an agent.app", ignore=shutil.ignore_patterns("Frameworks"))
+        example = PACKAGE / "examples/door_list.py"
+        without_library = self.start(example, self.folder / "an agent.app")
+        door_list = self.start(example, AGENT)
+        self.assert_prints(door_list, "searching", "ready")
+        self.bench.expect("led red")
+        self.bench.hold("3AB1234/26")
+        self.assert_prints(door_list, "Ada, come in")
+        self.bench.expect("led green")
+        self.bench.expect("beep short 1")
+        self.bench.expect_no("beep")
+        self.bench.remove()
+        self.bench.expect("led red")
+        agent = int(output("pgrep", "-P", door_list.pid))
+        os.kill(agent, signal.SIGKILL)
+        self.assert_prints(door_list, "restarting the agent was killed by SIGKILL", "starting", "searching", "ready")
+        os.killpg(door_list.pid, signal.SIGINT)
+        self.assertEqual((door_list.communicate(timeout=5), door_list.returncode), (("", ""), 0))
+        self.assertTrue(ends(agent))
+        printed, errors = without_library.communicate(timeout=30)
+        self.assertEqual(printed.count("restarting the agent exited with status 127: "), 4)
+        self.assertRegex(errors.splitlines()[-1], "^the agent exited with status 127: .*libpcProxAPI")
+        self.assertEqual(without_library.returncode, 1)
