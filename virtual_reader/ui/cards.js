@@ -51,6 +51,5 @@ export function draw({ held }) {
 ['3AB1234/26', '0FAB1234/28', 'CDAB1234/32'].forEach(addCard);
 at('own-card').onsubmit = (event) => {
   event.preventDefault();
-  const { digits, bits } = event.target.elements;
-  act(`card queue ${digits.value}${bits.value && '/'}${bits.value}`, event.target);
+  act(`card queue ${at('another').value}`, event.target);
 };

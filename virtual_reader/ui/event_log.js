@@ -1,38 +1,23 @@
-// The event log as a list, with filters, a pause, and what it is good for: verbs and a test.
+// The event log as a list with filters; verbs, and the session as a test.
 import { act } from './verbs.js';
 import { append, at, element, rowMaker } from './page.js';
 
 const groups = { call: 'calls', enter: 'calls', says: 'calls', sent: 'application',
   received: 'application', command: 'application', agent: 'agents', verb: 'verbs', fault: 'faults',
   verdict: 'verdict' };
-let waiting; // the rows since the pause
 
 for (const group of ['effects', 'calls', 'application', 'agents', 'verbs', 'faults']) {
   const box = element('input', { type: 'checkbox', name: group, checked: true });
   box.onchange = () => at('entries').classList.toggle(`no-${group}`, !box.checked);
   at('filters').append(element('label', {}, box, group));
 }
-at('pause').onclick = () => {
-  if (waiting) append(at('entries'), waiting);
-  waiting = waiting ? undefined : [];
-  at('pause').textContent = waiting ? 'Go on' : 'Pause';
-};
-
 const rowsOf = rowMaker(({ time, agent, kind, text }, count) =>
   element('li', { className: groups[kind] ?? 'effects' },
     element('time', {}, time.toFixed(3)), element('b', {}, kind),
     element('span', {}, text.slice(kind.length + 1, 2000), count),
     element('small', { title: 'agent' }, agent ?? '')));
 
-export function add(events) {
-  const rows = rowsOf(events);
-  if (!waiting) {
-    append(at('entries'), rows);
-  } else if (rows.length) {
-    waiting = [...waiting, ...rows].slice(-2000);
-    at('pause').textContent = `Go on (${waiting.length} new)`;
-  }
-}
+export const add = (events) => append(at('entries'), rowsOf(events));
 
 at('verb').onsubmit = async (event) => {
   event.preventDefault();

@@ -10,12 +10,6 @@ import * as eventLog from './event_log.js';
 import * as timeline from './timeline.js';
 
 const parts = [reader, cards, faults, application, script, eventLog, timeline];
-const links = {
-  connecting: 'connecting …',
-  running: 'running',
-  busy: 'no answer, trying again …',
-  ended: 'has exited. Start it again, and open its new address.',
-};
 const announced = /^(led|beep|card|plugged|unplugged|connected|disconnected|fault|verdict|received (Ok|Error):)/;
 let events = [];
 let state;
@@ -29,16 +23,14 @@ setInterval(() => {
   news = [];
 }, 300);
 
-function setLink(link) {
-  at('link').textContent = links[link];
-  document.body.dataset.link = link;
-  const hasEnded = link === 'ended';
-  if (hasEnded && document.activeElement.closest('.controls')) at('link').focus();
-  for (const each of document.querySelectorAll('.controls')) each.inert = hasEnded;
-  if (hasEnded && state) {
-    draw({ ...state, is_plugged: false, led: 'dark', held: null, queued: [], more_queued: 0,
-      agents: [], refused: [], calls: [], faults: [] });
-  }
+function setLink(isRunning) {
+  at('link').textContent = isRunning ? 'running'
+    : 'does not answer. If it has exited, start it again, and open its new address.';
+  document.body.classList.toggle('is-lost', !isRunning);
+  if (!isRunning && document.activeElement.closest('.controls')) at('link').focus();
+  for (const each of document.querySelectorAll('.controls')) each.inert = !isRunning;
+  state = isRunning ? null : state && { ...state, is_plugged: false, led: 'dark', held: null,
+    queued: [], more_queued: 0, agents: [], refused: [], calls: [], faults: [] };
 }
 
 function draw(now) {
@@ -54,7 +46,7 @@ function update() {
     if (event.kind === 'beep') beep(event);
   }
   events = [];
-  if (state && document.body.dataset.link !== 'ended') draw(state);
+  if (state) draw(state);
 }
 
 // In a hidden tab no frame comes: its events wait, at most 5000, and are no news once it is seen.
@@ -66,8 +58,8 @@ port.onmessage = ({ data }) => {
     for (const event of data.events) events.push({ ...event, isNew });
     events.splice(0, events.length - 5000);
   }
+  if (data.link !== undefined) setLink(data.link);
   state = data.state ?? state;
-  if (data.link) setLink(data.link);
   frame ??= requestAnimationFrame(update);
 };
 addEventListener('pagehide', () => port.postMessage('closing'));

@@ -31,9 +31,10 @@ export function rowMaker(make) {
 
 // Adds rows to a log and drops the oldest beyond 2000; stays at its end unless scrolled away.
 export function append(log, rows) {
-  if (!rows.length) return;
-  const isAtEnd = log.scrollTop + log.clientHeight > log.scrollHeight - 20;
+  log.onscroll ??= () => {
+    log.isAway = log.scrollTop + log.clientHeight < log.scrollHeight - 20;
+  };
   log.append(...rows.slice(-2000));
   while (log.children.length > 2000) log.firstChild.remove();
-  if (isAtEnd) log.scrollTop = log.scrollHeight;
+  if (rows.length && !log.isAway) log.scrollTop = log.scrollHeight;
 }

@@ -5,15 +5,13 @@ import { at } from './page.js';
 let beeps = { short: 0, long: 0 };
 
 export function add(events) {
-  for (const { kind, card, isNew } of events) {
+  for (const { kind, card, length, beeps: count, isNew } of events) {
+    if (kind === 'beep') beeps[length] += count;
     if (!isNew || (kind !== 'beep' && kind !== 'card')) continue;
     if (card) at('shown').textContent = card;
     at('device').className = '';
     at('device').getBoundingClientRect(); // so that the movement begins again
     at('device').className = `has-${kind}`;
-  }
-  for (const { length, beeps: count } of events.filter(({ kind }) => kind === 'beep')) {
-    beeps[length] += count;
   }
 }
 
@@ -22,7 +20,6 @@ export function draw(state) {
     faults } = state;
   beeps = state.beeps.short === undefined ? beeps : state.beeps;
   at('reader').dataset.led = led;
-  at('reader').dataset.plugged = isPlugged;
   at('led').textContent = { auto: 'automatic', dark: 'dark, unplugged' }[led] ?? led;
   at('beeps').textContent = `${beeps.short} short, ${beeps.long} long`;
   at('part').textContent = part ?? '';
@@ -33,7 +30,6 @@ export function draw(state) {
     || (refused.length ? `refused: ${refused.at(-1).why}` : 'none');
   at('alarm').textContent = calls.length ? `${calls[0].name} ${calls[0].state}`
     : faults.length ? `${faults.length} fault${faults.length > 1 ? 's' : ''} armed` : '';
-  at('alarm').className = calls.length ? 'bad' : '';
   at('cable').textContent = isPlugged ? 'Unplug' : 'Plug in';
   at('shown').classList.toggle('held', Boolean(held));
   if (held) at('shown').textContent = held;

@@ -7,7 +7,7 @@ const events = []; // the last ones, for tabs that are opened later
 let batch = []; // events that the tabs do not have yet
 let next = 1; // the number behind the last event
 let history = Infinity; // the number of the last event from before the worker started
-let link = 'connecting'; // or running, busy, ended
+let link; // whether the reader answers
 let state = null; // what `show --json` answers
 let isStale = false;
 let isAsking = false;
@@ -21,7 +21,7 @@ async function updateState() {
   isStale = true;
   if (isAsking) return;
   isAsking = true;
-  while (isStale && link !== 'ended') {
+  while (isStale && link) {
     isStale = false;
     try {
       state = JSON.parse(await execute('show --json'));
@@ -65,20 +65,12 @@ async function follow() {
   }
   const answer = await fetch('events');
   if (!answer.ok) throw new Error(await answer.text());
-  setLink('running');
+  setLink(true);
   const chunks = answer.body.pipeThrough(new TextDecoderStream()).getReader();
   for (let rest = '', chunk = await chunks.read(); !chunk.done; chunk = await chunks.read()) {
     const lines = (rest + chunk.value).split('\n');
     rest = lines.pop();
     lines.forEach(read);
-  }
-}
-
-async function followForEver() {
-  for (;;) {
-    // A TypeError is a server that cannot be reached; anything else is a refusal, which passes.
-    await follow().catch((error) => setLink(error instanceof TypeError ? 'ended' : 'busy'));
-    await pause(500);
   }
 }
 
@@ -89,4 +81,7 @@ onconnect = ({ ports: [tab] }) => {
 };
 
 setInterval(flush, 50);
+function followForEver() {
+  follow().catch(() => setLink(false)).then(() => setTimeout(followForEver, 500));
+}
 followForEver();
