@@ -39,7 +39,7 @@ class server : public child_process {
       : child_process(command, {{}, false, first}) {}
   ~server() {
     close_input();
-    if (wait() != 0) fail("the server did not end well");
+    if (!wait().is_success()) fail("the server did not end well");
   }
   server(const server&) = delete;
   server& operator=(const server&) = delete;

@@ -31,6 +31,8 @@ class agent_process : public child_process {
   // All that is left, up to the end of output.
   std::vector<std::string> remaining_lines();
 
+  // Waits for its end. Returns its exit status, or 128 + signal.
+  int wait() { return child_process::wait().shell_status(); }
   // Closes its input, reads its output to the end and returns its exit status, or 128 + signal.
   int finish();
 

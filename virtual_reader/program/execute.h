@@ -1,4 +1,4 @@
-// A virtual reader that runs is told verbs by another process: this one.
+// Runs verbs on a virtual reader that is already running, in another process.
 #pragma once
 
 #include <chrono>
@@ -6,9 +6,10 @@
 
 namespace virtual_reader {
 
-// Has the reader that listens there carry out verbs, one a line, up to the first that goes wrong.
-// Prints what they answer, and what was wrong on standard error. Returns the status to end with.
-// Waits as long as the verbs take, unless there is a limit.
+// Has the reader that listens there run the verbs, one a line, up to the first that goes wrong.
+// Prints what they answer, and what was wrong on standard error. Returns 0; 1 if a verb went wrong;
+// or 4 if the limit ran out. Without one (0) it waits as long as the verbs take. Throws
+// std::runtime_error with one line if it cannot reach the reader, or cannot print.
 int execute(const std::string& socket_path, const std::string& verbs,
             std::chrono::milliseconds limit);
 

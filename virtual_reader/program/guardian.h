@@ -1,38 +1,41 @@
-// A small process that outlives this one if that is killed, and then ends the host and removes the
-// private folder. It knows that it is needed when a pipe ends that only this process holds.
+// What is left to clean up when this process is killed.
 #pragma once
-
-#include <sys/types.h>
 
 #include <string>
 
+#include "child_process.h"
+
 namespace virtual_reader {
 
+// A new folder for this user alone, with a path short enough for a socket in it.
+class private_folder {
+ public:
+  private_folder();   // throws std::system_error
+  ~private_folder();  // removes it, and a socket in it
+  private_folder(const private_folder&) = delete;
+  private_folder& operator=(const private_folder&) = delete;
+
+  std::string socket_path() const { return path + "/reader.sock"; }
+
+  const std::string path;
+};
+
+// A small shell script that outlives this process if that is killed, and then ends the command
+// under test and removes the private folder. It sees that when its standard input ends.
 class guardian {
  public:
-  // To be made while this process has one thread. The folder and the socket in it are removed at
-  // the end in any case. Throws std::runtime_error with one line.
-  explicit guardian(const std::string& private_folder);
-  // Removes the folder, and lets the process go.
+  guardian();  // throws std::system_error
   ~guardian();
   guardian(const guardian&) = delete;
   guardian& operator=(const guardian&) = delete;
 
   // The process group to be ended with this process.
-  void watch(pid_t group) const;
-  std::string socket_path() const { return folder + "/reader.sock"; }
+  void watch(pid_t group) const noexcept;
+
+  const private_folder folder;
 
  private:
-  const std::string folder;
-  int pipe_end = -1;
-  pid_t child = -1;
+  child_process script;
 };
-
-// A new folder for this user alone, with a path short enough for a socket in it. Throws
-// std::runtime_error with one line.
-std::string make_private_folder();
-
-// Whether any process of the group is left.
-bool is_there(pid_t group);
 
 }  // namespace virtual_reader

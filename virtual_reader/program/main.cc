@@ -1,17 +1,20 @@
-// The virtual reader as a program: starting it plugs the reader in, ending it pulls it out.
+// The virtual reader as a program: starting it plugs the reader in, ending it unplugs it.
 #include <fcntl.h>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
 #include <unistd.h>
 
+#include <cerrno>
 #include <iostream>
 #include <iterator>
+#include <stdexcept>
+#include <system_error>
 
 #include "execute.h"
-#include "outcome.h"
 #include "run.h"
 #include "scenario.h"
+#include "suite.h"
 
 namespace {
 
@@ -22,6 +25,22 @@ void fill_standard_streams() {
   if (opened >= 0) close(opened);
 }
 
+int print(const std::string& text) {
+  if (!(std::cout << text << std::flush)) {
+    throw std::runtime_error("cannot write to standard output: " +
+                             std::generic_category().message(errno));
+  }
+  return 0;
+}
+
+std::string scenario_of(const std::string& path) {
+  std::string text;
+  for (const std::string& line : virtual_reader::to_scenario(virtual_reader::read_recording(path))) {
+    text += line + "\n";
+  }
+  return text;
+}
+
 }  // namespace
 
 int main(int count, char** arguments) try {
@@ -30,23 +49,17 @@ int main(int count, char** arguments) try {
 #ifdef __GLIBC__
   mallopt(M_MMAP_THRESHOLD, 1 << 17);  // large texts go back at once
 #endif
-  const auto chosen = parse_options(count, arguments);
-  if (!chosen) return wrong_usage;
-  if (chosen->help) std::cout << usage;
-  if (chosen->version) std::cout << "virtual-reader " VERSION "\n";
-  if (!chosen->to_scenario.empty()) {
-    for (const std::string& line : to_scenario(read_recording(chosen->to_scenario))) {
-      std::cout << line << '\n';
-    }
-    return passed;
-  }
-  if (chosen->help || chosen->version) return passed;
-  if (!chosen->execute) return run(*chosen);
-  const bool is_input = *chosen->execute == "-";
+  const options options = parse_options(count, arguments);
+  if (options.wants_help) return print(usage);
+  if (options.wants_version) return print("virtual-reader " VERSION "\n");
+  if (!options.to_scenario.empty()) return print(scenario_of(options.to_scenario));
+  if (options.should_check) return check_scripts(options);
+  if (!options.execute) return run_suite(options);
+  const bool is_input = *options.execute == "-";
   const std::string verbs =
-      is_input ? std::string(std::istreambuf_iterator<char>(std::cin), {}) : *chosen->execute;
-  return execute(chosen_socket_path(*chosen, false), verbs, chosen->timeout);
+      is_input ? std::string(std::istreambuf_iterator<char>(std::cin), {}) : *options.execute;
+  return execute(choose_socket_path(options, false), verbs, options.timeout);
 } catch (const std::exception& error) {
   std::cerr << "virtual-reader: " << error.what() << std::endl;
-  return virtual_reader::wrong_usage;
+  return 2;
 }

@@ -9,17 +9,18 @@
 namespace virtual_reader {
 
 struct options {
-  int unplugged = 0, stay = 0, keep_going = 0, ui = 0, version = 0, help = 0;
-  std::string socket, file, replay, to_scenario;
-  double speed = 1;  // of the replay
-  std::optional<std::string> execute;
-  std::chrono::milliseconds timeout{0};  // none if 0
-  std::vector<std::string> command;      // the host's, what stands behind `--`
+  int should_check = 0, is_unplugged = 0, should_stay = 0, should_keep_going = 0, has_ui = 0,
+      is_lenient = 0, wants_version = 0, wants_help = 0;
+  std::string socket, replay, to_scenario, events, junit;  // paths; empty if not given
+  std::optional<std::string> execute;                      // verbs, one a line
+  std::chrono::milliseconds timeout{0};                    // none if 0
+  std::vector<std::string> scripts;
+  std::vector<std::string> command;  // what stands behind `--`
 };
 
 extern const char usage[];
 
-// Nothing if they are wrong; why has been said on standard error then.
-std::optional<options> parse_options(int count, char** arguments);
+// Throws std::runtime_error with one line that says what is wrong.
+options parse_options(int count, char** arguments);
 
 }  // namespace virtual_reader

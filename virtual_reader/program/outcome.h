@@ -1,4 +1,4 @@
-// How a run ends: the first who knows says so.
+// How a run ends: the first that knows sets it.
 #pragma once
 
 #include <chrono>
@@ -9,31 +9,45 @@
 
 namespace virtual_reader {
 
-enum status { passed = 0, expectation_failed = 1, wrong_usage = 2, host_failed = 3, cut_off = 4 };
+enum class result { passed, failed, error, command_failed, timed_out, interrupted };
 
 struct verdict {
-  int status;
-  std::string why;
+  result what = result::passed;
+  std::string why = {};
+  std::string details = {};  // lines: all that failed
+
+  int exit_status() const {
+    return what == result::interrupted ? 4 : static_cast<int>(what);  // as timed_out
+  }
+  // "PASSED", or another word, with the reason if there is one.
+  std::string text() const {
+    static const char* const words[] = {"PASSED",         "FAILED",    "ERROR",
+                                        "COMMAND FAILED", "TIMED OUT", "INTERRUPTED"};
+    return words[static_cast<int>(what)] + (why.empty() ? "" : ": " + why);
+  }
 };
 
+// All members may be called from any thread.
 class outcome {
  public:
-  void set(int status, const std::string& why) {
+  void set(result what, const std::string& why = "") {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (!first) first = {status, why};
+    if (!first) first = {what, why};
     changed.notify_all();
   }
   bool is_set() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return first.has_value();
   }
-  // Nothing if there was none within the limit; a limit of 0 is none.
-  std::optional<verdict> wait(std::chrono::milliseconds limit) {
+  // Waits for it. If it is not set within the limit, it is result::timed_out; a limit of 0 is none.
+  verdict wait(std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(mutex);
-    const auto is_there = [this] { return first.has_value(); };
-    if (limit.count() == 0) changed.wait(lock, is_there);
-    if (limit.count() > 0) changed.wait_for(lock, limit, is_there);
-    return first;
+    const auto is_known = [this] { return first.has_value(); };
+    if (limit.count() == 0) changed.wait(lock, is_known);
+    if (!changed.wait_for(lock, limit, is_known)) {
+      first = {result::timed_out, "after " + std::to_string(limit.count()) + " ms"};
+    }
+    return *first;
   }
 
  private:

@@ -1,25 +1,24 @@
 #include "run.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
-#include <limits>
-#include <map>
-#include <thread>
+#include <future>
+#include <memory>
+#include <optional>
+#include <stdexcept>
 
 #include "control.h"
-#include "host.h"
-#include "line_host.h"
-#include "outcome.h"
+#include "event_file.h"
+#include "guardian.h"
+#include "line_input.h"
 #include "printer.h"
-#include "script.h"
 #include "server.h"
+#include "signal_watch.h"
 #include "socket_path.h"
 #include "terminal.h"
+#include "tested_command.h"
 #include "tokens.h"
 #include "ui.h"
 
@@ -28,100 +27,152 @@ namespace virtual_reader {
 namespace {
 
 using channel = printer::channel;
+using std::chrono::milliseconds;
 
-// The LED in its colour.
-std::string coloured(const std::string& text) {
-  static const std::map<std::string, std::string> colours = {{"led red", "31"},
-                                                             {"led green", "32"},
-                                                             {"led amber", "33"},
-                                                             {"led off", "90"},
-                                                             {"led auto", "90"}};
-  const auto colour = colours.find(text);
-  return colour == colours.end() ? text : "\x1b[" + colour->second + "m\u25CF\x1b[0m " + text;
+// After which a replay gives up: without an agent, and beyond three times the recording's length.
+constexpr milliseconds replay_grace{30'000};
+// In which an end of standard input is noticed that came with the command's exit.
+constexpr milliseconds input_grace{500};
+
+void write_lines(channel where, const std::string& lines, const cancellation& ending) {
+  ending.write_all(where == channel::output ? STDOUT_FILENO : STDERR_FILENO, lines);
 }
 
-// On a terminal where another program speaks too, the reader's lines are marked and stand back.
-std::string marked(const std::string& text) { return "\x1b[2m  reader \u2502 " + text + "\x1b[0m"; }
-std::string marked_and_coloured(const std::string& text) {
-  const std::string shown = coloured(text);
-  return shown == text ? marked(text) : "\x1b[2m  reader \u2502 \x1b[0m" + shown;
-}
-
-printer::look_function look_on(int descriptor, bool alone) {
-  const char* const no_colour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
-  const bool is_plain = !isatty(descriptor) || (no_colour && *no_colour);
-  if (is_plain) return [](const std::string& text) { return text; };
-  return alone ? coloured : marked_and_coloured;
-}
-
-void print(channel where, const std::string& lines) {
-  write_all(where == channel::output ? STDOUT_FILENO : STDERR_FILENO, lines);
-}
-
-// Blocked in every thread, for one to wait for, which then calls the function.
-void handle_signals(const std::function<void()>& interrupt) {
-  static sigset_t signals;
-  sigemptyset(&signals);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-  std::thread([interrupt] {
-    for (int number = 0; sigwait(&signals, &number) == 0;) interrupt();
-  }).detach();
-}
-
-// What belongs together while it runs. Members are used by threads that are never joined, so that
-// an object is never destroyed: the process ends.
-class running {
+// What belongs to a run. It plays as soon as it is constructed.
+class test_run {
  public:
-  running(const options& options_given, std::optional<script> played,
-          std::vector<recorded_call> replayed)
-      : chosen(options_given),
-        recording(std::move(replayed)),
-        has_host(!chosen.command.empty()),
-        file(std::move(played)),
-        watching(has_host ? std::make_unique<guardian>(make_private_folder()) : nullptr),
-        path(has_host && chosen.socket.empty() ? watching->socket_path()
-                                               : chosen_socket_path(chosen, true)),
-        has_played(!file && isatty(STDIN_FILENO)) {}
+  test_run(const options& options, const run_parts& parts);
+  test_run(const test_run&) = delete;
+  test_run& operator=(const test_run&) = delete;
 
-  [[noreturn]] void run();
+  // Waits for its end, and ends what is executed and the command. To be called once.
+  verdict finish();
 
  private:
-  session make_session();
-  void carry_out_all();
-  bool carry_out_input(const session& told);
-  void start_host();
-  void send_to_host(const std::string& where, const std::string& command,
-                    const std::string& answer);
-  std::string place() const { return file ? file->place() : "standard input"; }
-  int status_of_an_end() const { return file && !has_played ? cut_off : passed; }
-  void fail(const std::string& lines);
-  void say_verdict(const verdict& said);
+  bool is_typed() const { return typed_at != nullptr; }
+  bool has_replay() const { return !parts.recording.empty(); }
+  std::string place() const { return played ? played->place() : "standard input"; }
+  printer::sink_function sink();
+  session_callbacks shared_callbacks();
+  run_state state();
 
-  const options chosen;
-  const std::vector<recorded_call> recording;
-  const bool has_host;
-  std::optional<script> file;
-  std::unique_ptr<guardian> watching;
-  const std::string path;
+  void play();
+  bool play_script(const session& session);
+  bool play_input(const session& session);
+  bool wait_until(const std::function<bool()>& holds, moment until);
+  void wait_for_replay();
+  void report(const std::string& lines);
+
+  tested_command* start_command();
+  void send(const std::string& line);
+  void handle_signal(int number);
+
+  verdict judge_exit();
+  verdict judge(verdict found, const tested_command::ending& ended);
+
+  const options& chosen;
+  const run_parts parts;
+  script* const played;  // null: standard input
+  const bool has_command;
   outcome end;
-  std::atomic<bool> has_played;  // also when nobody counts on what is typed
-  std::atomic<std::uint64_t> tellers_cursor{1}, own_cursor{1};
-  std::unique_ptr<terminal> typed_at;  // null if standard input is none, or not listened to
-  std::unique_ptr<device> reader;
-  std::unique_ptr<server> listening;
-  std::unique_ptr<printer> printed;
-  std::unique_ptr<line_host> lines_of_host;
+  std::atomic<bool> has_played{false}, has_page{false};
+  std::atomic<bool> is_line_running{false}, is_line_cancelled{false};  // at the terminal
+  std::atomic<std::uint64_t> control_cursor{1}, own_cursor{1};
+
+  const std::unique_ptr<guardian> guard;  // null without a command
+  const std::string path;
+  const std::unique_ptr<terminal> typed_at;  // null if nobody types
+  line_input input;
+  device reader;
+  printer printed;
+  const std::unique_ptr<event_file> events;
+
   std::mutex mutex;
   // Guarded by mutex:
-  host* started = nullptr;
-  std::string first_failure;
+  std::optional<tested_command> command;
+  std::optional<exit_status> exited;
+  std::string first_failure, all_failures, reader_name;
+
+  std::optional<control_page> page;  // which exits after the server
+  server listening;
+  signal_watch signals;
+  std::future<void> playing;
 };
 
-void running::fail(const std::string& lines) {
-  printed->say(channel::error, lines);
+test_run::test_run(const options& options, const run_parts& run_parts)
+    : chosen(options),
+      parts(run_parts),
+      played(parts.played),
+      has_command(!chosen.command.empty()),
+      guard(has_command ? std::make_unique<guardian>() : nullptr),
+      path(guard && chosen.socket.empty() ? guard->folder.socket_path()
+                                          : choose_socket_path(chosen, true)),
+      typed_at(!played && !has_command && isatty(STDIN_FILENO) ? std::make_unique<terminal>()
+                                                               : nullptr),
+      input(longest_line),
+      reader(!chosen.is_unplugged, parts.recording),
+      printed(reader.log, has_command ? channel::error : channel::output, sink(),
+              choose_format(has_command ? STDERR_FILENO : STDOUT_FILENO, is_typed())),
+      events(parts.events ? std::make_unique<event_file>(reader.log, *parts.events) : nullptr),
+      listening(reader, path,
+                [this](int socket, const std::function<bool()>& is_over) {
+                  serve_control(socket, is_over, reader, control_cursor, shared_callbacks());
+                }),
+      signals([this](int number) { handle_signal(number); }) {
+  if (is_typed()) {
+    printed.print(channel::output, "A virtual reader listens on " + path +
+                                       (chosen.is_unplugged ? ", unplugged." : ", plugged in.") +
+                                       " Try `card hold 3AB1234/26`; `help` lists the verbs, ^D " +
+                                       "ends.\nNo agent connected (agents search every 10 s).\n");
+  }
+  if (chosen.has_ui) {
+    page.emplace(path, [this](const std::string& why) { end.set(result::error, why); });
+  }
+  playing = std::async(std::launch::async, [this] { play(); });
+}
+
+printer::sink_function test_run::sink() {
+  if (!is_typed()) return write_lines;
+  return [this](channel, const std::string& lines, const cancellation& ending) {
+    typed_at->print(lines, ending);
+  };
+}
+
+// What a session of the run and one of a control client have in common.
+session_callbacks test_run::shared_callbacks() {
+  session_callbacks callbacks;
+  callbacks.trace = [this](tracing wanted) { printed.trace(wanted); };
+  callbacks.quit = [this] {
+    const bool is_early = played && !has_played;
+    end.set(is_early ? result::interrupted : result::passed, is_early ? "by `quit`" : "");
+  };
+  callbacks.run = [this] { return state(); };
+  callbacks.followed = [this] {
+    has_page = true;
+    reader.log.wake();
+  };
+  if (has_command) {
+    callbacks.host = [this](const std::string& line, const std::string&) { send(line); };
+  }
+  return callbacks;
+}
+
+run_state test_run::state() {
+  run_state now;
   const std::lock_guard<std::mutex> lock(mutex);
+  if (has_command) {
+    std::string text;
+    for (const std::string& word : chosen.command) text += (text.empty() ? "" : " ") + word;
+    now.command_under_test = {text, command && !exited, !reader_name.empty()};
+  }
+  if (played) now.played = {played->path, played->line_number(), has_played};
+  return now;
+}
+
+void test_run::report(const std::string& lines) {
+  printed.print(channel::error, lines);
+  const std::lock_guard<std::mutex> lock(mutex);
+  all_failures += lines;
   if (!first_failure.empty()) return;
   // Its first line, but for what leads to the next, and the word that the verdict has.
   first_failure = lines.substr(0, std::min(lines.find('\n'), lines.find("; since then:")));
@@ -130,202 +181,198 @@ void running::fail(const std::string& lines) {
   if (at != first_failure.npos) first_failure.erase(at, word.size());
 }
 
-void running::start_host() {
+// The command, which is started if it was not yet; null if the run is over.
+tested_command* test_run::start_command() {
   const std::lock_guard<std::mutex> lock(mutex);
-  if (!has_host || started || end.is_set()) return;
+  if (command || end.is_set()) return command ? &*command : nullptr;
   const auto on_line = [this](const std::string& line) {
-    if (lines_of_host->take(line)) reader->log.add(0, "received " + without_controls(line));
+    const std::string announcement = "Reader: ";
+    if (line.rfind(announcement, 0) == 0) {
+      const std::lock_guard<std::mutex> naming(mutex);
+      reader_name = line.substr(announcement.size());
+    }
+    reader.log.add(0, "received " + without_controls(line));
   };
-  const auto on_end = [this](int status) {
-    reader->log.add(0, "command exited with " + status_text(status));
-    // That there is nothing more on standard input may not have been seen yet.
-    for (int i = 0; i < 50 && !file && !has_played && !end.is_set(); ++i) poll(nullptr, 0, 10);
-    if (has_played && status == 0) return end.set(passed, "");
-    const std::string when =
-        file ? " at " + place() + ", before all was played" : ", before standard input did";
-    end.set(host_failed,
-            "the command exited with " + status_text(status) + (has_played ? "" : when));
+  const auto on_exit = [this](const exit_status& status) {
+    reader.log.add(0, "command exited with " + status.text());
+    const std::lock_guard<std::mutex> ending(mutex);
+    exited = status;
+    end.set(result::command_failed);  // see judge_exit
   };
-  started = new host(chosen.command, path, *watching, on_line, on_end);
+  return &command.emplace(chosen.command, path, *guard, on_line, on_exit);
 }
 
-// From any thread. It is started if it was not yet.
-void running::send_to_host(const std::string& where, const std::string& command,
-                           const std::string& answer) {
-  try {
-    start_host();
-  } catch (const std::runtime_error& error) {
-    end.set(host_failed, error.what());
-    throw cancelled();
+// From any thread.
+void test_run::send(const std::string& line) {
+  tested_command* const to = start_command();
+  if (!to) throw cancelled();
+  std::string sent = line;
+  if (line.rfind("Global:", 0) != 0) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!reader_name.empty()) sent = reader_name + ":" + line;
   }
-  lines_of_host->send(where, command, answer, [this] { return end.is_set(); });
+  reader.log.add(0, "sent " + without_controls(sent));
+  if (!to->send(sent + "\n")) throw failed_expectation("command does not read its input", {});
 }
 
-session running::make_session() {
-  session_callbacks around;
-  around.answer = [this](const std::string& line) {
-    printed->say(has_host ? channel::error : channel::output, (typed_at ? "" : "= ") + line + "\n");
-  };
-  around.is_interrupted = [this] { return end.is_set(); };
-  around.trace = [this](tracing wanted) { printed->trace(wanted); };
-  around.quit = [this] { end.set(passed, ""); };
-  if (has_host) {
-    around.host = [this](const std::string& command, const std::string& answer) {
-      send_to_host(place(), command, answer);
-    };
+void test_run::handle_signal(int number) {
+  if (number == SIGINT && is_line_running) {
+    is_line_cancelled = true;
+    return reader.log.wake();
   }
-  return {*reader, own_cursor, around};
+  const bool is_cut_off = has_command || (played && !has_played);
+  end.set(is_cut_off ? result::interrupted : result::passed);
 }
 
-// What comes on standard input, whatever becomes of it. Returns whether all went well.
-bool running::carry_out_input(const session& told) {
-  bool held = true;
+void test_run::play() try {
+  session_callbacks callbacks = shared_callbacks();
+  callbacks.answer = [this](const std::string& line) {
+    printed.print(has_command ? channel::error : channel::output,
+                  (is_typed() ? "" : "= ") + line + "\n");
+  };
+  callbacks.is_interrupted = [this] { return end.is_set() || is_line_cancelled; };
+  callbacks.quit = [this] { end.set(result::passed); };
+  const session session(reader, own_cursor, callbacks);
+  if (page && played) wait_until([this] { return has_page.load(); }, never);
+  bool is_well = played ? play_script(session) : play_input(session);
+  if (is_well && has_replay() && has_command) wait_for_replay();
+  has_played = true;
+  if (is_well && chosen.should_stay) return reader.log.add(0, "input ended");
+  // Without a script, what the command does is all there is: its input ends with this one.
+  tested_command* const to_end = has_command && !played && !has_replay() ? start_command() : nullptr;
+  if (is_well && to_end) return to_end->close_input();
+  end.set(result::passed);
+} catch (const cancelled&) {
+} catch (const std::exception& error) {
+  end.set(result::command_failed, std::string("cannot run ") + error.what());
+}
+
+bool test_run::play_script(const session& session) {
+  return played->play(session, {chosen.should_keep_going != 0,
+                                [this] {
+                                  if (has_command) start_command();
+                                },
+                                [this] { return end.is_set(); },
+                                [this](const std::string& lines) { report(lines); }});
+}
+
+// Runs what comes on standard input, all of it whatever goes wrong. Returns whether nothing did.
+bool test_run::play_input(const session& session) {
+  if (has_command) start_command();
+  const auto next_line = [this] { return is_typed() ? typed_at->next_line() : input.next_line(); };
+  bool is_well = true;
   int number = 0;
-  start_host();
-  const auto report = [this](const std::string& lines) { fail(lines); };
-  bool is_cut = false;  // the line before, whose rest is still to be read
-  const auto next_line = [&]() -> std::optional<std::string> {
-    if (typed_at) return typed_at->next_line();
-    if (is_cut) std::cin.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    std::string line;
-    if (!read_line(std::cin, &line)) return {};
-    is_cut = line.size() > longest_line;
-    return line;
-  };
   for (auto line = next_line(); line && !end.is_set(); line = next_line()) {
     ++number;
-    const std::string label = typed_at ? "" : "line " + std::to_string(number) + ": ";
-    held &= carry_out(told, *line, label, report);
-    if (end.is_set()) break;
+    const std::string label = is_typed() ? "" : "line " + std::to_string(number) + ": ";
+    is_line_running = is_typed();
+    try {
+      is_well &= run_line(session, *line, label, [this](const std::string& l) { report(l); });
+    } catch (const cancelled&) {
+      if (end.is_set()) throw;
+    }
+    is_line_running = is_line_cancelled = false;
+    if (end.is_set()) throw cancelled();
   }
-  return held;
+  return is_well;
 }
 
-void running::carry_out_all() try {
-  const session told = make_session();
-  const auto is_over = [this] { return end.is_set(); };
-  const auto report = [this](const std::string& lines) { fail(lines); };
-  const auto start = [this] { start_host(); };
-  const bool held = file ? file->play(told, {chosen.keep_going != 0, start, is_over, report})
-                         : carry_out_input(told);
-  if (held || chosen.keep_going) lines_of_host->wait_for_answers(is_over);
-  has_played = true;
-  if (held && chosen.stay) return reader->log.add(0, "input ended");
-  // A recording alone is over when it has been played, or the host ends.
-  if (has_host && !chosen.replay.empty() && !file) {
-    told.execute("expect replay ended within 86400000");
+// Whether it holds in time. Throws cancelled at the end of the run.
+bool test_run::wait_until(const std::function<bool()>& holds, moment until) {
+  const auto is_over = [&] { return end.is_set() || holds(); };
+  for (;;) {
+    const std::uint64_t next = reader.log.end();
+    if (holds()) return true;
+    if (end.is_set()) throw cancelled();
+    if (std::chrono::steady_clock::now() >= until) return false;
+    reader.log.wait(next, until, is_over);
   }
-  // Without either, what COMMAND does is all there is: its input ends with this one, and it ends
-  // all.
-  if (held && started && chosen.replay.empty() && !file) return started->close_input();
-  end.set(passed, "");
-} catch (const cancelled&) {
-} catch (const std::runtime_error& error) {
-  end.set(host_failed, error.what());
 }
 
-void running::say_verdict(const verdict& said) {
-  static const char* const words[] = {"passed", "FAILED", "wrong", "the HOST FAILED", "CUT OFF"};
-  std::string line = std::string("virtual-reader: ") + words[said.status];
-  if (!said.why.empty()) line += ": " + said.why;
-  const bool nobody_came =
-      reader->log.last(1, [](const auto& e) { return e.text == "agent attached"; }).empty();
-  if (said.status != passed && said.status != cut_off && nobody_came)
-    line += " (no agent has come)";
-  printed->say(channel::error, line + "\n");
+void test_run::wait_for_replay() {
+  start_command();
+  if (!wait_until([this] { return reader.attached_count() > 0; }, in(replay_grace))) {
+    return report("FAILED: no agent attached within " + std::to_string(replay_grace.count()) +
+                  " ms\n");
+  }
+  const auto length = std::chrono::ceil<milliseconds>(parts.recording.back().ended);
+  const milliseconds limit = replay_grace + 3 * length;
+  if (!wait_until([this] { return reader.replay_progress().has_ended; }, in(limit))) {
+    report("FAILED: the recording was not played to its end within " +
+           std::to_string(limit.count()) + " ms\n");
+  }
 }
 
-void running::run() {
-  if (!file && !has_host && isatty(STDIN_FILENO)) typed_at = std::make_unique<terminal>();
-  // A file that is cut off has not held; all else goes on until it is ended somehow.
-  handle_signals([this] { end.set(has_host ? cut_off : status_of_an_end(), "interrupted"); });
-  session_callbacks of_tellers;
-  std::atomic<printer*> printing{nullptr};
-  of_tellers.trace = [&](tracing wanted) {
-    if (printer* const p = printing) p->trace(wanted);
-  };
-  of_tellers.quit = [this] { end.set(status_of_an_end(), "told to quit"); };
-  if (has_host) {
-    of_tellers.host = [this](const std::string& command, const std::string& answer) {
-      send_to_host("--execute", command, answer);
-    };
+verdict test_run::judge_exit() {
+  if (!played) playing.wait_for(input_grace);
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (has_played && exited->is_success()) return {result::passed};
+  const std::string what = (played ? place() + ": " : "") + "command exited with " + exited->text();
+  const std::string before = played         ? " before the script finished"
+                             : has_replay() ? " before the recording ended"
+                                            : " before standard input ended";
+  return {result::command_failed, what + (has_played ? "" : before)};
+}
+
+verdict test_run::judge(verdict found, const tested_command::ending& ended) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  const bool has_agent = reader.attached_count() > 0;
+  if (found.what == result::timed_out || found.what == result::interrupted) {
+    found.why += (found.why.empty() ? "" : " ") +
+                 (played && has_played ? "after the script finished" : "at " + place());
+    return found;
   }
-  reader = std::make_unique<device>(!chosen.unplugged, recording);
-  const channel own = has_host ? channel::error : channel::output;
-  printer::sink put = print;
-  if (typed_at) put = [this](channel, const std::string& lines) { typed_at->print(lines); };
-  printed = std::make_unique<printer>(
-      reader->log, own, put,
-      look_on(has_host ? STDERR_FILENO : STDOUT_FILENO, typed_at != nullptr));
-  printing = printed.get();
-  lines_of_host = std::make_unique<line_host>(
-      *reader, [this](const std::string& bytes) { return started && started->send(bytes); },
-      [this](const std::string& where, const std::string& what) {
-        fail(where + ": FAILED: " + what + "\n");
-        if (!chosen.keep_going) end.set(expectation_failed, first_failure);
-      });
-  listening = std::make_unique<server>(
-      *reader, path, [&](int socket, const std::function<bool()>& is_over) {
-        serve_control(socket, is_over, *reader, tellers_cursor, of_tellers);
-      });
-  if (chosen.ui) start_ui(path);
-  if (typed_at) {
-    printed->say(own, "A virtual reader is on " + path +
-                          (chosen.unplugged ? ", unplugged." : ", plugged in.") +
-                          " Try `card hold 3AB1234/26`; `help` lists all, ^D ends.\n"
-                          "No agent is there yet; one that runs searches every 10 s.\n");
+  if (found.what == result::passed) {
+    const auto replay = reader.replay_progress();
+    if (!first_failure.empty()) {
+      found = {result::failed, first_failure};
+    } else if (!ended.is_good) {
+      found = {result::command_failed, "command " + ended.what};
+    } else if (has_command && played && !has_played) {
+      found = {result::failed, place() + ": `quit` before the end of the script"};
+    } else if (has_command && (played || has_replay()) && !has_agent) {
+      found = {result::failed, "nothing was tested"};
+    } else if (has_command && played && played->held_count() == 0 && !has_replay()) {
+      found = {result::failed, "nothing was tested: no `expect` held, but for `expect no`"};
+    } else if (has_command && has_replay() && !replay.has_ended) {
+      found = {result::failed, "the recording was not played to its end"};
+    } else if (has_command && has_replay() && replay.has_diverged && !chosen.is_lenient) {
+      found = {result::failed, "the calls diverged from the recording; see `replay diverged`"};
+    } else if (!ended.what.empty()) {
+      found.why = "command " + ended.what;
+    }
   }
-  std::thread([this] { carry_out_all(); }).detach();
-  const std::string limit = std::to_string(chosen.timeout.count()) + " ms";
-  const auto first = end.wait(chosen.timeout);
-  verdict last = first ? *first : verdict{cut_off, "timed out after " + limit};
-  if (!first) end.set(last.status, last.why);
-  if (last.status == cut_off) {
-    last.why += file && has_played ? " after all was played" : " at " + place();
+  if (found.what == result::failed || found.what == result::command_failed) {
+    found.details = all_failures;
+    if (has_command && !has_agent) found.why += " (no agent connected)";
   }
-  std::unique_lock<std::mutex> lock(mutex);
-  host* const to_end = started;
-  lock.unlock();
-  const host::ending ended = to_end ? to_end->end() : host::ending{};
-  lock.lock();
-  if (last.status == passed && !first_failure.empty()) last = {expectation_failed, first_failure};
-  if (last.status == passed && !ended.what.empty()) {
-    last = {ended.is_good ? passed : host_failed, ended.what};
-  }
-  lock.unlock();
-  listening.reset();
-  if (has_host) say_verdict(last);
-  printed->end(std::chrono::seconds(2));
-  if (typed_at) typed_at->restore();
-  watching.reset();
-  // At once: other threads may be waiting for input, and hold on to all of the above.
-  _exit(last.status);
+  return found;
+}
+
+verdict test_run::finish() {
+  verdict found = end.wait(chosen.timeout);
+  if (found.what == result::command_failed && found.why.empty()) found = judge_exit();
+  input.cancel();
+  if (typed_at) typed_at->cancel();
+  reader.log.wake();
+  playing.wait();
+  found = judge(found, command ? command->end() : tested_command::ending{});
+  if (has_command) reader.log.add(0, "verdict " + found.text());
+  return found;
 }
 
 }  // namespace
 
-std::string chosen_socket_path(const options& chosen, bool makes_folder) {
+std::string choose_socket_path(const options& chosen, bool should_make_folder) {
   if (!chosen.socket.empty()) return chosen.socket;
-  if (makes_folder) make_default_socket_folder();
+  if (should_make_folder) make_default_socket_folder();
   if (default_socket_path_is_private()) return default_socket_path();
   throw std::runtime_error(default_socket_path() +
                            ": its folder must exist and be yours alone (mode 700)");
 }
 
-int run(const options& chosen) {
-  std::optional<script> file;
-  if (!chosen.file.empty()) {
-    file.emplace(chosen.file);
-    const bool is_right = file->check(!chosen.command.empty(),
-                                      [](const std::string& l) { print(channel::error, l); });
-    if (!is_right && !chosen.command.empty()) {
-      print(channel::error, "virtual-reader: wrong: nothing was run\n");
-    }
-    if (!is_right) return wrong_usage;
-  }
-  std::vector<recorded_call> recording;
-  if (!chosen.replay.empty()) recording = hurried(read_recording(chosen.replay), chosen.speed);
-  running(chosen, std::move(file), std::move(recording)).run();
+verdict run(const options& options, const run_parts& parts) {
+  return test_run(options, parts).finish();
 }
 
 }  // namespace virtual_reader

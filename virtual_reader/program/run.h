@@ -1,15 +1,28 @@
-// A run of the virtual reader, from its start to the status it ends with.
+// One run: a reader, a script or standard input, and the command under test.
 #pragma once
 
+#include <ostream>
+#include <vector>
+
 #include "options.h"
+#include "outcome.h"
+#include "recording.h"
+#include "script.h"
 
 namespace virtual_reader {
 
-// The given path or the default one, whose folder is there then if it is to be made. Throws
+// The chosen path or the default one, whose folder is made if that is wanted. Throws
 // std::runtime_error with one line.
-std::string chosen_socket_path(const options& chosen, bool makes_folder);
+std::string choose_socket_path(const options& options, bool should_make_folder);
 
-// Does all but `--execute`. Does not return but before anything has started: the process ends.
-int run(const options& chosen);
+struct run_parts {
+  script* played;                           // null: standard input
+  const std::vector<recorded_call>& recording;  // empty: none
+  std::ostream* events;                     // null: nowhere
+};
+
+// Runs it from its start to its end; nothing is left of it then. Signals must be blocked. Throws
+// std::exception if it cannot start.
+verdict run(const options& options, const run_parts& parts);
 
 }  // namespace virtual_reader

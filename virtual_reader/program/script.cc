@@ -1,6 +1,10 @@
 #include "script.h"
 
+#include <cerrno>
 #include <fstream>
+#include <iterator>
+#include <sstream>
+#include <system_error>
 #include <utility>
 
 #include "tokens.h"
@@ -8,15 +12,20 @@
 
 namespace virtual_reader {
 
-bool read_line(std::istream& from, std::string* line) {
-  line->clear();
-  for (char c; line->size() <= longest_line && from.get(c) && c != '\n';) *line += c;
-  return !line->empty() || from.good();
+namespace {
+
+const char byte_order_mark[] = "\xEF\xBB\xBF";
+
+bool is_positive(const std::string& line) {
+  tokens words(line);
+  return words.take_if("expect") && !words.is_next("no");
 }
 
-bool carry_out(const session& with, const std::string& line, const std::string& place,
-               const report_function& report) try {
-  with.execute(line);
+}  // namespace
+
+bool run_line(const session& session, const std::string& line, const std::string& place,
+              const report_function& report) try {
+  session.execute(line);
   return true;
 } catch (const syntax_error& error) {
   report(place + error.what() + "\n");
@@ -26,52 +35,65 @@ bool carry_out(const session& with, const std::string& line, const std::string& 
   return false;
 }
 
-script::script(const std::string& file) : path(file) {
-  std::ifstream input(path);
-  std::string line;
-  while (line.size() <= longest_line && read_line(input, &line)) lines.push_back(line);
-  if (!input.eof() && line.size() <= longest_line) throw std::runtime_error("cannot read " + path);
+script::script(const std::string& file_path) : path(file_path) {
+  errno = 0;
+  std::ifstream file(path, std::ios::binary);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  if (errno != 0 || !file) {
+    throw std::runtime_error("cannot read " + path + ": " + std::generic_category().message(errno));
+  }
+  std::istringstream rest(text);
+  for (std::string line; std::getline(rest, line);) lines.push_back(line);
 }
 
-bool script::check(bool has_host, const report_function& report) const {
-  bool is_right = true, rests = false, tests = !has_host;
+bool script::check(bool has_command, const report_function& report) const {
+  if (!lines.empty() && lines[0].rfind(byte_order_mark, 0) == 0) {
+    report(path + ":1: byte order mark; save the file as UTF-8 without one\n");
+    return false;
+  }
+  if (!lines.empty() && !lines[0].empty() && lines[0].back() == '\r') {
+    report(path + ":1: line ends with CR LF; save the file with LF line endings\n");
+    return false;
+  }
+  bool is_right = true, can_wait = false, has_verb = !has_command;
   for (std::size_t i = 0; i < lines.size(); ++i) try {
-      const command told = parse(lines[i]);
-      rests |= told.rests;
-      tests |= told.what != nullptr;
-      if (is_verb(told, "loop") && !rests) {
-        throw syntax_error("without a `wait` before it, this would never rest");
+      const command parsed = parse(lines[i]);
+      can_wait |= parsed.rests;
+      has_verb |= parsed.what != nullptr;
+      if (is_verb(parsed, "loop") && !can_wait) {
+        throw syntax_error("`loop` needs an earlier `wait`, or the script would never pause");
       }
-      if (is_verb(told, "send") && !has_host) {
-        throw syntax_error(
-            "there is no host to send it; right would be: virtual-reader FILE -- AGENT");
+      if (is_verb(parsed, "send") && !has_command) {
+        throw syntax_error("`send` needs a COMMAND: virtual-reader SCRIPT -- COMMAND");
       }
     } catch (const syntax_error& error) {
       report(path + ":" + std::to_string(i + 1) + ": " + error.what() + "\n");
       is_right = false;
-      tests = true;
+      has_verb = true;
     }
-  if (!tests) report(path + " has no verb, so that nothing would be tested\n");
-  return is_right && tests;
+  if (!has_verb) report(path + " contains no verbs; nothing to test\n");
+  return is_right && has_verb;
 }
 
-bool script::play(const session& with, const manner& how) {
-  bool held = true, has_waited = false;
+bool script::play(const session& session, const manner& how) {
+  bool is_well = true, has_waited = false;
   for (std::size_t next = 0; next < lines.size() && !how.is_over();) {
     const std::string& line = lines[next];
     number = ++next;
-    const command told = parse(line);
-    if (is_verb(told, "loop")) {
+    const command parsed = parse(line);
+    if (is_verb(parsed, "loop")) {
       next = 0;
       continue;
     }
-    const bool waits = told.rests || is_verb(told, "expect") || is_verb(told, "send");
+    const bool waits = parsed.rests || is_verb(parsed, "expect") || is_verb(parsed, "send");
     if (waits && !std::exchange(has_waited, true)) how.before_waiting();
-    held &= carry_out(with, line, place() + ": ", how.report);
-    if (!held && !how.keeps_going) return false;
+    const bool has_held = run_line(session, line, place() + ": ", how.report);
+    if (has_held && is_positive(line)) ++held;
+    is_well &= has_held;
+    if (!is_well && !how.should_keep_going) return false;
   }
   if (!has_waited) how.before_waiting();
-  return held;
+  return is_well;
 }
 
 }  // namespace virtual_reader

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,10 +10,10 @@
 #include <clocale>
 #include <cstdlib>
 #include <cwchar>
-#include <iostream>
+#include <system_error>
 #include <utility>
 
-#include "printer.h"
+#include "tokens.h"
 #include "verbs.h"
 
 #ifdef HAVE_HISTEDIT
@@ -27,8 +26,6 @@ namespace virtual_reader {
 namespace {
 
 const std::string prompt = "reader> ";
-termios at_start{};
-bool is_known = false;  // what the terminal was like
 
 }  // namespace
 
@@ -45,6 +42,8 @@ struct edit_library {
   decltype(&::el_insertstr) insert = nullptr;
   decltype(&::history_init) history_init = nullptr;
   decltype(&::history) history = nullptr;
+  decltype(&::el_end) end = nullptr;
+  decltype(&::history_end) history_end = nullptr;
 
   bool load() {
 #ifdef __APPLE__
@@ -55,7 +54,8 @@ struct edit_library {
     return handle && find(handle, "el_init", &init) && find(handle, "el_set", &set) &&
            find(handle, "el_gets", &gets) && find(handle, "el_line", &line) &&
            find(handle, "el_insertstr", &insert) && find(handle, "history_init", &history_init) &&
-           find(handle, "history", &history);
+           find(handle, "history", &history) && find(handle, "el_end", &end) &&
+           find(handle, "history_end", &history_end);
   }
 
  private:
@@ -69,6 +69,14 @@ struct edit_library {
 }  // namespace
 
 struct terminal::editor {
+  editor() = default;
+  ~editor() {
+    if (line) library.end(line);  // leaves the terminal as it was
+    if (past) library.history_end(past);
+  }
+  editor(const editor&) = delete;
+  editor& operator=(const editor&) = delete;
+
   // Null if the system or the terminal has none.
   static std::unique_ptr<editor> make(terminal* of) {
     const char* const kind = std::getenv("TERM");  // NOLINT(concurrency-mt-unsafe)
@@ -116,7 +124,7 @@ struct terminal::editor {
     const auto column = prompt.size() + static_cast<std::size_t>(typed->cursor - typed->buffer);
     std::string bytes = "\r";
     if (column >= width) bytes += "\x1b[" + std::to_string(column / width) + "A";
-    write_all(STDOUT_FILENO, bytes + "\x1b[J" + lines);
+    own->ending.write_all(STDOUT_FILENO, bytes + "\x1b[J" + lines);
     library.set(line, EL_REFRESH);
   }
 
@@ -132,6 +140,7 @@ struct terminal::editor {
     for (;;) {
       pollfd both[2] = {{STDIN_FILENO, POLLIN, 0}, {own->wake_ends[0], POLLIN, 0}};
       if (poll(both, 2, -1) < 0) continue;
+      if (own->ending.is_cancelled()) return 0;
       if (both[1].revents != 0) {
         const std::string lines = own->take_pending();
         if (!lines.empty()) own->edits->show_above(lines);
@@ -189,22 +198,26 @@ struct terminal::editor {
 
 #endif
 
-terminal::terminal() : edits(editor::make(this)) {
+terminal::terminal() : input(longest_line), edits(editor::make(this)) {
   is_known = tcgetattr(STDIN_FILENO, &at_start) == 0;
-  if (pipe(wake_ends) != 0) throw std::runtime_error("no pipe is left");
+  if (pipe(wake_ends) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
   for (const int end : wake_ends) fcntl(end, F_SETFD, FD_CLOEXEC);
 }
 
 terminal::~terminal() {
+  if (edits && is_known) tcsetattr(STDIN_FILENO, TCSADRAIN, &at_start);
   for (const int end : wake_ends) close(end);
 }
 
+void terminal::cancel() {
+  tcflow(STDOUT_FILENO, TCOON);  // or what is being printed would wait for ^Q
+  ending.cancel();
+  input.cancel();
+  if (write(wake_ends[1], "", 1) < 0) return;
+}
+
 std::optional<std::string> terminal::next_line() {
-  if (!edits) {
-    std::string line;
-    if (std::getline(std::cin, line)) return line;
-    return {};
-  }
+  if (!edits) return input.next_line();
   {
     const std::lock_guard<std::mutex> lock(mutex);
     is_editing = true;
@@ -215,7 +228,7 @@ std::optional<std::string> terminal::next_line() {
     const std::lock_guard<std::mutex> lock(mutex);
     is_editing = false;
   }
-  write_all(STDOUT_FILENO, (line ? "" : "\n") + left);
+  ending.write_all(STDOUT_FILENO, (line ? "" : "\n") + left);
   shown.notify_all();
   return line;
 }
@@ -227,7 +240,7 @@ std::string terminal::take_pending() {
   return std::exchange(pending, "");
 }
 
-void terminal::print(const std::string& lines) {
+void terminal::print(const std::string& lines, const cancellation& until) {
   std::unique_lock<std::mutex> lock(mutex);
   if (is_editing) {
     pending += lines;
@@ -235,12 +248,8 @@ void terminal::print(const std::string& lines) {
     shown.wait(lock, [this] { return pending.empty(); });
   } else {
     lock.unlock();
-    write_all(STDOUT_FILENO, lines);
+    until.write_all(STDOUT_FILENO, lines);
   }
-}
-
-void terminal::restore() const {
-  if (edits && is_known) tcsetattr(STDIN_FILENO, TCSADRAIN, &at_start);
 }
 
 }  // namespace virtual_reader

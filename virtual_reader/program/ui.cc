@@ -1,8 +1,7 @@
 #include "ui.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <unistd.h>
 #ifdef __APPLE__
 #include <mach-o/dyld.h>
@@ -10,15 +9,13 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstring>
-#include <stdexcept>
-#include <vector>
-
-extern char** environ;
+#include <utility>
 
 namespace virtual_reader {
 
 namespace {
+
+constexpr std::chrono::seconds exit_limit{4};  // it shows pages the end
 
 std::string own_path() {
   char path[PATH_MAX] = "";
@@ -31,35 +28,35 @@ std::string own_path() {
 #endif
 }
 
+std::string server_path() {
+  const std::string own = own_path();
+  return own.substr(0, own.rfind('/') + 1) + "ui/serve";
+}
+
 }  // namespace
 
-void start_ui(const std::string& socket_path) {
-  std::string own = own_path();
-  std::string program = own.substr(0, own.rfind('/') + 1) + "ui/serve";
-  // The first of two entries with one name counts.
-  std::string socket_entry = "VIRTUAL_READER_SOCKET=" + socket_path;
-  std::string own_entry = "VIRTUAL_READER=" + own;
-  std::vector<char*> environment = {socket_entry.data(), own_entry.data()};
-  for (char** each = environ; *each; ++each) environment.push_back(*each);
-  environment.push_back(nullptr);
-  char* arguments[] = {program.data(), nullptr};
+control_page::control_page(const std::string& socket_path,
+                           std::function<void(const std::string&)> on_failure)
+    : server({"python3", server_path()},
+             {{{"VIRTUAL_READER_SOCKET", socket_path}, {"VIRTUAL_READER", own_path()}},
+              false,
+              {},
+              true}),
+      waiter([this, on_failure = std::move(on_failure)] {
+        const exit_status status = server.wait();
+        if (!status.is_success()) on_failure("the page's server exited with " + status.text());
+        exited.cancel();
+      }) {
+  server.close_output();  // whatever a browser prints there does not belong to this program's output
+}
 
-  // This program's threads block the signals that end it.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  pid_t process = 0;
-  const int error =
-      posix_spawn(&process, program.c_str(), &actions, &attributes, arguments, environment.data());
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (error != 0) throw std::runtime_error(program + ": " + std::strerror(error));
+control_page::~control_page() {
+  for (const int number : {SIGTERM, SIGKILL}) {
+    exited.wait_for(-1, 0, in(exit_limit));
+    if (!exited.is_cancelled()) kill(-server.pid(), number);
+  }
+  waiter.join();
+  kill(-server.pid(), SIGTERM);  // a browser's opener that is left
 }
 
 }  // namespace virtual_reader

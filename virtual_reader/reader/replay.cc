@@ -52,6 +52,7 @@ void replay::drop(std::size_t index) {
 void replay::part(const call& asked, reader* playing, const std::string& how) {
   if (in_step) playing->log.add(asked.agent, "replay diverged: " + how);
   in_step = false;
+  has_diverged = true;
 }
 
 // Whether calls that were recorded before that one are yet to come.

@@ -23,6 +23,12 @@ class replay {
  public:
   explicit replay(std::vector<recorded_call> recorded);
 
+  struct progress {
+    bool has_ended = false;     // all of the recording was played
+    bool has_diverged = false;  // an agent has made other calls
+  };
+  progress state() const { return {has_ended, has_diverged}; }
+
   // Prepares the reader for a call that comes now, and returns the rules for it.
   std::vector<fault> prepare(const call& asked, reader* playing);
 
@@ -37,7 +43,7 @@ class replay {
   std::map<std::string, std::deque<std::size_t>> left;
   std::set<std::size_t> left_but_polls;
   const recorded_call* last_poll = nullptr;  // that was played
-  bool in_step = true, has_ended = false;
+  bool in_step = true, has_ended = false, has_diverged = false;
   std::chrono::steady_clock::time_point waiting_since{};  // for the calls before a poll, if any
 };
 

@@ -19,6 +19,7 @@ device::device(bool is_plugged, std::vector<recorded_call> recording) {
 int device::attach(const connection& to) {
   const std::lock_guard<std::mutex> lock(mutex);
   connections.emplace(++last_agent, to);
+  ++attached;
   state.agents[last_agent] = std::chrono::steady_clock::now();
   log.add(last_agent, "agent attached");
   return last_agent;

@@ -35,6 +35,17 @@ class device {
     changed.notify_all();
   }
 
+  // How many agents have attached since the start.
+  int attached_count() const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return attached;
+  }
+  // How far the recording was played; nothing of both without one.
+  replay::progress replay_progress() const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return playing ? playing->state() : replay::progress{};
+  }
+
   // For the server. How an agent is answered:
   struct connection {
     std::function<bool(const message&)> send;  // false if the agent does not take it
@@ -60,7 +71,7 @@ class device {
   reader state{log};
   std::optional<replay> playing;
   std::map<int, connection> connections;  // of the agents
-  int last_agent = 0;
+  int last_agent = 0, attached = 0;
   bool is_cancelled = false;
 };
 

@@ -171,6 +171,7 @@ void session::show_events(const events_wanted& wanted) const {
     answer(line(entry));
     next = entry.end();
   }
+  if (follows && callbacks.followed) callbacks.followed();
   while (follows) {
     const bool came = reader.log.wait(next, std::chrono::steady_clock::time_point::max(),
                                       callbacks.is_interrupted);

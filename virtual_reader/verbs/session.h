@@ -51,6 +51,7 @@ struct session_callbacks {
   std::function<void(const std::string& command, const std::string& answer)> host;
   std::function<void()> quit;
   std::function<run_state()> run;
+  std::function<void()> followed;  // `events follow` has begun
   bool may_follow = false;
 };
 
