@@ -38,11 +38,10 @@ bool run_line(const session& session, const std::string& line, const std::string
 script::script(const std::string& file_path) : path(file_path) {
   errno = 0;
   std::ifstream file(path, std::ios::binary);
-  const std::string text(std::istreambuf_iterator<char>(file), {});
-  if (errno != 0 || !file) {
+  std::stringstream rest;
+  if (!file || (file.peek() != EOF && !(rest << file.rdbuf())) || errno == EISDIR) {
     throw std::runtime_error("cannot read " + path + ": " + std::generic_category().message(errno));
   }
-  std::istringstream rest(text);
   for (std::string line; std::getline(rest, line);) lines.push_back(line);
 }
 
