@@ -184,13 +184,10 @@ class Recordings(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    def by_hand(self, *options, slower=1):
-        def longer(time):
-            return f"{slower * float(time[0]):.{len(time[1])}f}"
-
+    def by_hand(self):
         path = self.folder / "by-hand"
-        path.write_text(re.sub(r"\d+\.(\d+)", longer, BY_HAND), encoding="ascii")
-        return Bench(self.folder, "--replay", path, *options)
+        path.write_text(BY_HAND, encoding="ascii")
+        return Bench(self.folder, "--replay", path)
 
     def test_each_scenario_is_the_same_when_it_is_replayed(self):
         def record_and_replay(path):
@@ -252,7 +249,7 @@ class Recordings(unittest.TestCase):
                 lines = first.read_text(encoding="ascii").splitlines()
                 self.assertRegex(lines[-1], fr"^\S+ 1 enter {call} [12] 0$")
 
-                replayed = Bench(folder, "--replay", first, "--speed", "1000")
+                replayed = Bench(folder, "--replay", first)
                 self.assertEqual([replayed.next_line()[:12] for _ in range(2)], greeting)
                 if cause:
                     replayed.send(cause)
@@ -270,23 +267,21 @@ class Recordings(unittest.TestCase):
                 self.assertEqual(verbs.splitlines()[-1], f"expect enter {call} within 12000")
 
     def test_where_host_and_recording_part_is_told(self):
-        bench = self.by_hand("--speed", "500", slower=50)
-        begin = time.monotonic()
+        bench = self.by_hand()
         self.assertEqual([bench.next_line() for _ in BY_HAND_LINES], BY_HAND_LINES)
-        self.assertLess(time.monotonic() - begin, 30)
         bench.send("SetLED red")
         self.assertEqual(bench.next_line(), "Ok:")
         bench.execute("expect led red")
         bench.send("Beep long 1")
         self.assertEqual(bench.next_line(), "Error: Beeping failed with error -7")
         said = [line for line in bench.execute("events 1000") if " replay " in line]
-        self.assertIn("replay diverged: there was BeepNow 2 0 at 105.000000", said[0])
+        self.assertIn("replay diverged: there was BeepNow 2 0 at 2.100000", said[0])
         bench.end()
 
     def test_a_recording_alone_is_a_run(self):
         path = self.folder / "by-hand"
         path.write_text(BY_HAND, encoding="ascii")
-        told = subprocess.run([BUILD / "virtual-reader", "--replay", path, "--", agent(self.folder)],
+        told = subprocess.run([BUILD / "virtual-reader", "--lenient", "--replay", path, "--", agent(self.folder)],
                               env=environment(None), stdin=subprocess.DEVNULL, encoding="ascii",
                               capture_output=True, timeout=PATIENCE, check=False)
         self.assertEqual(told.returncode, 0, told.stderr)
