@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
-"""The virtual reader runs a host: what it says of each, and what it leaves behind.
+"""The virtual reader's command line: verdicts about applications, and what a run leaves behind.
 
     tests/test_command_line.py BUILD_DIR
 
-AGENT in the environment names the agent that the hosts here start.
+AGENT in the environment names the agent that the applications here start.
 """
+import json
 import os
 import pty
+import re
 import select
 import signal
 import subprocess
@@ -14,13 +16,18 @@ import sys
 import tempfile
 import time
 import unittest
+import xml.etree.ElementTree
 from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).parents[1] / "clients/python"))
+from card_reader_agent.testing import VirtualReader, VirtualReaderError  # noqa: E402
 
 BUILD = Path(sys.argv.pop(1)).resolve()
 READER = BUILD / "virtual-reader"
+AGENT = os.environ["AGENT"]
 
-# A host: starts the agent, and sends what `answer` has for a card.
-HOST = """
+# An application: starts the agent, prints "ready", and sends the commands for a card.
+APP = """
 import os, subprocess, sys, threading
 threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
 pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
@@ -35,11 +42,21 @@ for line in agent.stdout:
             agent.stdin.write(f"{name}:{command}\\n")
         agent.stdin.flush()
 """
-RIGHT = HOST % ["SetLED green", "Beep short 1"]
+RIGHT = APP % ["SetLED green", "Beep short 1"]
+# One that ends as its code says; its agent ends with its own standard input.
+BEGIN = """
+import os, signal, subprocess, sys, time
+agent = subprocess.Popen([os.environ["AGENT"]], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+agent.stdout.readline()
+print(1, flush=True)
+"""
+ENDS_AGENT = BEGIN + "sys.stdin.read(); agent.communicate()\n"
+FORK = "os.fork() or time.sleep(60)\n"
+SESSION = "os.fork() or (os.setsid(), time.sleep(60))\n"
 
 
-def scenario(led=20000, beep=20000, none=100):
-    """What is expected of that host, with times in milliseconds: short only where it must fail."""
+def script(led=20000, beep=20000, none=100):
+    """What is expected of the right application, in milliseconds: short only where it must fail."""
     return f"""
 expect connected within 20000
 card queue 3AB1234/26
@@ -49,17 +66,16 @@ expect no beep within {none}
 """
 
 
-
-class Runs(unittest.TestCase):
+class CommandLine(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-        self.env = {**os.environ, "TMPDIR": self.folder, "MARK": self.folder}
-        self.addCleanup(self.nothing_is_left)
+        self.folder = Path(folder.name)
+        self.env = {**os.environ, "TMPDIR": folder.name, "MARK": folder.name}
+        self.addCleanup(self.assert_nothing_is_left)
 
-    def nothing_is_left(self):
-        """No process that had this environment, and no folder of a run's."""
+    def assert_nothing_is_left(self):
+        """No process with this environment, and no private folder."""
         deadline = time.monotonic() + 30
         while (left := self.left()) and time.monotonic() < deadline:
             time.sleep(0.05)
@@ -69,11 +85,11 @@ class Runs(unittest.TestCase):
         found = [name for name in os.listdir(self.folder) if name.startswith("virtual-reader-")]
         for process in Path("/proc").glob("[0-9]*"):
             try:
-                mine = f"MARK={self.folder}\0".encode() in (process / "environ").read_bytes()
+                is_mine = f"MARK={self.folder}\0".encode() in (process / "environ").read_bytes()
                 command = (process / "cmdline").read_bytes()
             except OSError:
                 continue
-            if mine and command:
+            if is_mine and command:
                 found.append(command)
         return found
 
@@ -83,76 +99,91 @@ class Runs(unittest.TestCase):
         self.addCleanup(process.kill)
         return process
 
-    def start(self, scenario, *command, options=()):
-        path = f"{self.folder}/a scenario.txt"
-        Path(path).write_text(scenario, encoding="utf-8")
+    def file(self, text, name="a script.txt"):
+        path = self.folder / name
+        path.write_bytes(text if isinstance(text, bytes) else text.encode())
+        return path
+
+    def start(self, text, *command, options=()):
         pipes = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
-        line = [READER, *options, path, "--", *command]
-        return self.popen(*line, **pipes)
+        return self.popen(READER, *options, self.file(text), "--", *command, **pipes)
 
-    def run_host(self, scenario, program, options=()):
-        """The status, the last line on standard error, and all of both outputs."""
-        run = self.start(scenario, sys.executable, "-c", program, options=options)
-        out, err = run.communicate(timeout=60)
-        return run.returncode, err.splitlines()[-1].replace(f"{self.folder}/", ""), out, err
+    def run_reader(self, *line, told="", **how):
+        """Status, standard output, standard error without this test's folder."""
+        run = subprocess.run([READER, *line], env=self.env, input=told, capture_output=True,
+                             text=True, timeout=60, check=False, cwd=self.folder, **how)
+        return run.returncode, run.stdout, run.stderr.replace(f"{self.folder}/", "")
 
-    def test_each_fault_of_a_host_has_its_verdict(self):
-        say = "virtual-reader: "
-        place = "a scenario.txt:"
-        rows = [
-            # scenario, host, status, verdict
-            (scenario(), RIGHT, 0, say + "passed"),
-            (scenario(led=500), HOST % ["SetLED red", "Beep short 1"], 1,
-             say + f"FAILED: {place}4: expected led green within 500 ms"),
-            (scenario(beep=500), HOST % ["SetLED green", "Beep short 5"], 1,
-             say + f"FAILED: {place}5: expected beep short 1 within 500 ms"),
-            (scenario(none=20000), HOST % ["SetLED green", "Beep short 1", "Beep short 1"], 1,
-             say + f"FAILED: {place}6: expected no beep within 20000 ms"),
-            (scenario(), "raise SystemExit(7)", 3,
-             say + f"the HOST FAILED: the command exited with status 7 at {place}2, before all was "
-             "played (no agent has come)"),
-            (scenario(), "import os; os.abort()", 3,
-             say + f"the HOST FAILED: the command exited with signal 6 at {place}2, before all was "
-             "played (no agent has come)"),
+    def run_app(self, text, program, options=()):
+        """Status, verdict without what leads to it, standard output, standard error."""
+        status, out, err = self.run_reader(*options, self.file(text), "--", sys.executable, "-c",
+                                           program)
+        return status, err.splitlines()[-1].removeprefix("virtual-reader: "), out, err
+
+    def assert_verdicts(self, rows):
+        for text, program, status, verdict, *options in rows:
+            with self.subTest(verdict=verdict, program=program[-60:]):
+                got = self.run_app(text, program, *options)
+                self.assertEqual(got[:2], (status, verdict), got[3])
+
+    def test_each_wrong_application_has_its_verdict(self):
+        place, nobody = "a script.txt:", " (no agent connected)"
+        early = "before the script finished"
+        stay = ["--stay", "--timeout", "1"]
+        chatty = APP.replace("for line", "print('x' * 99 + '\\n' * 60000)\nfor line") % []
+        self.assert_verdicts([
+            # script, application, status, verdict
+            (script(), RIGHT, 0, "PASSED"),
+            (script(led=500), APP % ["SetLED red", "Beep short 1"], 1,
+             f"FAILED: {place}4: expected led green within 500 ms"),
+            (script(beep=500), APP % ["SetLED green", "Beep short 5"], 1,
+             f"FAILED: {place}5: expected beep short 1 within 500 ms"),
+            (script(none=20000), APP % ["SetLED green", "Beep short 1", "Beep short 1"], 1,
+             f"FAILED: {place}6: expected no beep within 20000 ms"),
+            (script(), "raise SystemExit(7)", 3,
+             f"COMMAND FAILED: {place}2: command exited with status 7 {early}{nobody}"),
+            (script(), "raise SystemExit(255)", 3,
+             f"COMMAND FAILED: {place}2: command exited with status 255 {early}{nobody}"),
+            (script(), "import os; os.abort()", 3,
+             f"COMMAND FAILED: {place}2: command exited with signal 6 {early}{nobody}"),
             ("expect connected within 500", "import time; time.sleep(60)", 1,
-             say + f"FAILED: {place}1: expected connected within 500 ms; nothing has happened "
-             "since (no agent has come)"),
-            ("wait 10\nexpect conected", RIGHT, 2, say + "wrong: nothing was run"),
-            ("# expect connected\n\n", RIGHT, 2, say + "wrong: nothing was run"),
-            ("wait 60000", RIGHT, 4, say + f"CUT OFF: timed out after 300 ms at {place}1"),
-            ("plug", RIGHT, 4, say + "CUT OFF: timed out after 300 ms after all was played"),
-        ]
-        for played, program, status, verdict in rows:
-            options = ["--stay", "--timeout", "0.3"] if status == 4 else []
-            got = self.run_host(played, program, options)
-            self.assertEqual(got[:2], (status, verdict), got[3])
+             f"FAILED: {place}1: expected connected within 500 ms; nothing has happened since"
+             + nobody),
+            # Nothing was tested:
+            ("expect connected within 20000\nquit\nexpect led green", RIGHT, 1,
+             f"FAILED: {place}2: `quit` before the end of the script"),
+            ("expect no led within 10", "import sys; sys.stdin.read()", 1,
+             f"FAILED: nothing was tested{nobody}"),
+            ("wait 300\nexpect no reset within 300", RIGHT, 1,
+             "FAILED: nothing was tested: no `expect` held, but for `expect no`"),
+            ("wait 10\nexpect conected", RIGHT, 2, "ERROR: nothing was run"),
+            ("# expect connected\n\n", RIGHT, 2, "ERROR: nothing was run"),
+            ("wait 60000", RIGHT, 4, f"TIMED OUT: after 1000 ms at {place}1", stay),
+            ("plug", RIGHT, 4, "TIMED OUT: after 1000 ms after the script finished", stay),
+            # Its lines push the agent's events out of the log.
+            ("expect connected\nwait 1500\nexpect led red within 100", chatty, 1,
+             f"FAILED: {place}3: expected led red within 100 ms"),
+        ])
 
-    def test_the_host_is_given_what_it_needs_and_asked_to_end(self):
-        begin = "import os, signal, sys, time; signal.signal(15, %s); print(1, flush=True); "
-        usual, stubborn = begin % "signal.SIG_DFL", begin % "signal.SIG_IGN"
+    def test_command_gets_what_it_needs_and_is_asked_to_end(self):
         runs = "expect received 1 within 20000"
-        rows = [
-            # scenario, host, status, verdict, output
-            (runs, usual + "sys.stdin.read(); print('ended')", 0, "passed", "1\nended\n"),
-            (runs, usual + "sys.stdin.read(); raise SystemExit(5)", 3,
-             "the HOST FAILED: it ended with status 5", "1\n"),
-            (runs, usual + "time.sleep(60)", 0,
-             "passed: the host went on after the end of its input, up to SIGTERM", "1\n"),
-            (runs, stubborn + "time.sleep(60)", 3,
-             "the HOST FAILED: it did not end and was killed", "1\n"),
-            # What it started ends with it.
-            (runs, usual + "os.fork() or time.sleep(60); sys.stdin.read(); raise SystemExit(5)", 3,
-             "the HOST FAILED: it ended with status 5", "1\n"),
-            (runs, usual + "os.fork() or time.sleep(60); sys.stdin.read()", 0,
-             "passed: what the host had started went on after it, up to SIGTERM", "1\n"),
-            ("expect received \xe4 b within 20000",
-             "import sys; sys.stdout.buffer.write(b'\\xc3\\xa4 b\\nrest'); sys.stdout.flush();"
-             "sys.stdin.read()", 0, "passed", "\xe4 b\nrest"),
-        ]
-        for played, program, status, verdict, output in rows:
-            got = self.run_host(played, program)
-            verdict = "virtual-reader: " + verdict + " (no agent has come)" * (status != 0)
-            self.assertEqual(got[:3], (status, verdict, output), got[3])
+        stubborn = BEGIN + "signal.signal(15, signal.SIG_IGN); time.sleep(60)"
+        left = "PASSED: command left child processes running; ended by SIGTERM"
+        self.assert_verdicts([
+            (runs, ENDS_AGENT, 0, "PASSED"),
+            (runs, ENDS_AGENT + "raise SystemExit(5)", 3,
+             "COMMAND FAILED: command exited with status 5"),
+            (runs, BEGIN + "time.sleep(60)", 0,
+             "PASSED: command ignored end of input; ended by SIGTERM"),
+            (runs, stubborn, 3, "COMMAND FAILED: command did not exit; killed"),
+            (runs, FORK.join(["import os, time\n", ENDS_AGENT]) + "raise SystemExit(5)", 3,
+             "COMMAND FAILED: command exited with status 5"),
+            (runs, FORK.join(["import os, time\n", ENDS_AGENT]), 0, left),
+            (runs, SESSION.join(["import os, time\n", ENDS_AGENT]), 0, left),
+        ])
+        unusual = ENDS_AGENT.replace("print(1", "sys.stdout.buffer.write(b'\\xc3\\xa4 b\\nrest'); print(1")
+        self.assertEqual(self.run_app("expect received \xe4 b within 20000", unusual)[::2],
+                         (0, "\xe4 b\nrest1\n"))
 
     def test_nothing_is_left_of_an_interrupted_run(self):
         for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL:
@@ -165,197 +196,199 @@ class Runs(unittest.TestCase):
                 self.assertEqual(run.returncode, -signal.SIGKILL)
             else:
                 self.assertEqual(run.returncode, 4, err)
-                self.assertRegex(err, r"CUT OFF: interrupted at .*:[12]\n$")
-            self.nothing_is_left()
+                self.assertRegex(err, r"INTERRUPTED: at .*:[12]\n$")
+            self.assert_nothing_is_left()
 
-    def test_a_run_ends_although_its_output_does_not(self):
-        rows = [
-            # What is in another session is none of the host's, but may hold on to the output.
-            ("import os, sys, time\nif not os.fork():\n os.setsid()\n"
-             " while not os.path.exists(os.environ['MARK'] + '/over'): time.sleep(0.05)\n"
-             "sys.stdin.read()", "wait 300", [], 0),
-            # which nobody reads
-            ("while True: print('x' * 1000)", "wait 60000", ["--timeout", "2"], 4),
-        ]
-        for program, played, options, status in rows:
-            run = self.start(played, sys.executable, "-c", program, options=options)
-            self.assertEqual(run.wait(timeout=30), status)
-            Path(self.folder, "over").touch()
-            run.stdout.close()
+    def test_a_run_ends_although_nobody_reads_its_output(self):
+        run = self.start("wait 60000", sys.executable, "-c", "while True: print('x' * 1000)",
+                         options=["--timeout", "1"])
+        self.assertEqual(run.wait(timeout=30), 4)
+        run.stdout.close()
 
-    def test_without_a_file_the_run_ends_with_its_host(self):
+    def test_without_a_script_the_run_ends_with_its_command(self):
         rows = [
-            # the host, standard input, status, words of the verdict
-            ("import time; time.sleep(3)", "", 0, "passed"),
-            ("raise SystemExit(5)", "", 3, "the command exited with status 5"),
-            ("import sys; sys.stdin.read(); raise SystemExit(5)", "echo \"x\"", 3, "status 5"),
-            ("pass", "wait 60000\nexpect card", 3, "status 0, before standard input did"),
+            # command, standard input, status, words of the verdict
+            ("import time; time.sleep(1)", "", 0, "PASSED"),
+            ("raise SystemExit(5)", "", 3, "command exited with status 5"),
+            ("import sys; sys.stdin.read(); raise SystemExit(5)", 'echo "x"', 3, "status 5"),
+            ("pass", "wait 60000\nexpect card", 3, "status 0 before standard input ended"),
             ("import sys; sys.stdin.read()", "expect card within 10", 1, "expected card within"),
             ("import os, sys; os.chdir('/'); sys.exit(not os.path.exists("
-             "os.environ['VIRTUAL_READER_SOCKET']))", "", 0, "passed"),
+             "os.environ['VIRTUAL_READER_SOCKET']))", "", 0, "PASSED"),
         ]
         for program, told, status, verdict in rows:
-            run = subprocess.run([READER, "--socket", "r", "--", sys.executable, "-c", program],
-                                 cwd=self.folder, env=self.env, input=told, capture_output=True,
-                                 text=True, timeout=60, check=False)
-            self.assertEqual(run.returncode, status, run.stderr)
-            self.assertIn(verdict, run.stderr.splitlines()[-1])
-        empty = subprocess.run([READER, "", "--", "true"], capture_output=True, check=False)
-        self.assertEqual(empty.returncode, 2, "an empty name is no FILE that is missing")
+            got = self.run_reader("--socket", "r", "--", sys.executable, "-c", program, told=told)
+            self.assertEqual(got[0], status, got)
+            self.assertIn(verdict, got[2].splitlines()[-1])
+        status, _, err = self.run_reader("--", "/no/such/program")
+        self.assertEqual((status, err), (3, "virtual-reader: COMMAND FAILED: cannot run /no/such/"
+                                            "program: No such file or directory (no agent "
+                                            "connected)\n"))
 
-    def test_a_file_that_is_cut_off_has_not_passed(self):
-        socket, file = f"{self.folder}/r", Path(f"{self.folder}/file")
-        for rest, told, status in (("wait 60000", "verb plug", 4), ("", "input ended", 0)):
-            file.write_text('plug\necho "over"\n' + rest, encoding="ascii")
-            run = self.popen(READER, "--socket", socket, "--stay", file, stdout=subprocess.PIPE)
-            self.assertEqual(run.stdout.readline(), "= over\n")
-            subprocess.check_call([READER, "--socket", socket, "--execute", "expect " + told])
-            run.terminate()
-            self.assertEqual(run.wait(timeout=30), status)
+    def test_a_replay_passes_only_if_it_is_played_to_its_end(self):
+        recording = self.folder / "recording"
+        lines = ("1 call SetMarkerFunction 1", "1 call USBDisconnect", "1 call SetDevTypeSrch 0",
+                 "1 call usbConnect -> 1", "1 call getPartNumberString -> \"VR-1\"",
+                 "1 call GetQueuedID 1 0 -> 0", "1 call BeepNow 1 0 -> 1",
+                 "1 call GetQueuedID 1 0 -> 0")
+        rows = [(lines[:6], 0, "PASSED"), (lines, 1, "diverged"), (lines, 0, "PASSED", "--lenient")]
+        for played, status, words, *options in rows:
+            text = "".join(f"0.{number:06} {line}\n" for number, line in enumerate(played))
+            recording.write_text("# card reader recording 1\n" + text)
+            got = self.run_reader(*options, "--replay", recording, "--", AGENT)
+            self.assertEqual(got[0], status, got)
+            self.assertIn(words, got[2].splitlines()[-1])
+        got = self.run_reader("--replay", recording, "--", "true")
+        self.assertEqual(got[0], 3, got)
+        self.assertIn("status 0 before the recording ended (no agent connected)", got[2])
 
-    def test_it_is_the_host_of_an_agent(self):
+    def test_several_scripts_have_a_reader_each_and_a_report(self):
+        good = self.file(script(), "good.txt")
+        bad = self.file("expect connected\nexpect led <red> within 10".replace("<red>", "red"),
+                        "bad.txt")
+        events, junit = self.folder / "events", self.folder / "junit"
+        status, _, err = self.run_reader("--events", events, "--junit", junit, good, bad, good,
+                                         "--", sys.executable, "-c", RIGHT)
+        said = [line for line in err.splitlines() if line.startswith("virtual-reader: ")]
+        failure = "FAILED: bad.txt:2: expected led red within 10 ms"
+        self.assertEqual(status, 1)
+        self.assertEqual([re.sub("; .*", "", line) for line in said], [
+            "virtual-reader: good.txt: PASSED", f"virtual-reader: bad.txt: {failure}",
+            "virtual-reader: good.txt: PASSED", "virtual-reader: FAILED: 2 of 3 scripts passed"])
+        suite = xml.etree.ElementTree.parse(junit).getroot()
+        self.assertEqual((suite.get("tests"), suite.get("failures")), ("3", "1"))
+        self.assertIn("expected led red", suite[1][0].get("message"))
+        logged = [json.loads(line) for line in events.read_text().splitlines()]
+        self.assertEqual([event["text"][:15] for event in logged if event["kind"] == "verdict"],
+                         ["verdict PASSED", "verdict FAILED:", "verdict PASSED"])
+        self.assertEqual(sum(event["text"] == "agent attached" for event in logged), 3)
+
+    def test_files_and_options_that_are_wrong_have_messages_of_their_own(self):
+        long = 'echo "' + "x" * (4 << 20) + '"\necho "x"'
         rows = [
-            ('send "Beep short 2" "Ok:"\nexpect beep short 2\nexpect received Ok:', 0, ""),
-            ('send "Beep short 9" "Ok:"\nwait 5000', 1,
-             "expected the answer 'Ok:' to 'Beep short 9', but it was "
-             "'Error: Invalid number of beeps: '9''"),
-            # What a library says passes for no answer, and moves none.
-            ('say BeepNow "x\\nError: no\\nOk:"\nsend "Beep short 1" "Ok:"\n'
-             'send "Global:Ping a" "Ok:  a"', 0, ""),
-            ('fail BeepNow\nsay GetLastLibErr "x\\nOk:"\nsend "Beep short 1" "Ok:"\nwait 5000', 1,
-             "'Error: Beeping failed with error 1'"),
-            ('card raw 300 1\ncard queue 3/2\nexpect received Card: 3', 0, ""),
-            ('send "Global:Ping gr\xfc\xdfe" "Ok:  gr\xfc\xdfe"', 0, ""),
-            ("loop\nwait 1", 2, "without a `wait` before it"),
+            # text of a script, options, status, message
+            ('echo "x"\nfial', [], 2, "file:2: unknown verb 'fial'"),
+            ("plug\r\n", ["--check"], 2, "file:1: line ends with CR LF"),
+            (b"\xef\xbb\xbfplug", ["--check"], 2, "file:1: byte order mark"),
+            ("plug", ["--check"], 0, ""),
+            ("plug\nlop", ["--check"], 2, "file:2: unknown verb"),
+            ("loop\nwait 1", [], 2, "file:1: `loop` needs an earlier `wait`"),
+            ('send "a"', [], 2, "file:1: `send` needs a COMMAND"),
+            (long, [], 2, "file:1: the line is longer than 4 MiB"),
+            ("", ["--timeout", "0"], 2, "invalid --timeout '0'"),
+            ("", ["--execute", "plug"], 2, "--execute can be combined only"),
+            ("", ["--speed", "2"], 2, "unknown option '--speed'"),
+            ("", [""], 2, "empty argument"),
+            ("", ["/no/such"], 2, "cannot read /no/such: No such file or directory"),
+            ("", ["/tmp"], 2, "cannot read /tmp: Is a directory"),
+            ("", ["--"], 2, "missing COMMAND"),
+            ("plug", ["--events", "/no/such"], 2, "cannot write /no/such: No such file"),
         ]
-        for played, status, words in rows:
-            run = self.start("expect connected\n" + played, os.environ["AGENT"])
+        for text, options, status, message in rows:
+            options = [*options, "file"] if options != ["--"] else options
+            self.file(text, "file")
+            got = self.run_reader("--socket", "s", *options)
+            self.assertEqual(got[0], status, got)
+            self.assertIn(message, got[2])
+        recording = self.file("# card reader recording 1\n0.1 1 call usbConnect -> 1\n")
+        with open("/dev/full", "w") as full:
+            run = subprocess.run([READER, "--to-scenario", recording], stdout=full, stderr=subprocess.PIPE)
+        self.assertEqual(run.returncode, 2, run)
+
+    def test_a_script_or_standard_input_without_a_command(self):
+        rows = [
+            # verbs, options, is a script, status, output
+            ('unplug\necho "x"\nled', [], True, 0, "unplugged\n= x\n= led dark\n"),
+            ("show part", ["--unplugged"], True, 0, '= part "VR-1"\n'),
+            ('fial\necho "x"', [], False, 1, "= x\n"),
+            ("plug\nquit\nbad", [], False, 0, ""),
+            ("expect reset within 0", ["--stay"], True, 1, ""),
+            ('unplug\nexpect reset within 0\necho "x"', [], True, 1, "unplugged\n"),
+            ('expect reset within 0\necho "x"', ["--keep-going"], True, 1, "= x\n"),
+        ]
+        for text, options, is_script, *wanted in rows:
+            name = [self.file(text)] if is_script else []
+            got = self.run_reader("--socket", "s", *options, *name, told="" if name else text)
+            self.assertEqual([*got[:2]], wanted, got)
+        for rest, event, status in (("wait 60000", "verb plug", 4), ("", "input ended", 0)):
+            with VirtualReader(READER, arguments=["--stay", self.file("plug\n" + rest)]) as reader:
+                reader.expect(event)
+                reader.process.terminate()
+                self.assertEqual(reader.process.wait(30), status)
+
+    def test_verbs_are_executed_on_a_running_reader(self):
+        with VirtualReader(READER, plugged=False) as reader:
+            line = [READER, "--socket", reader.socket, "--execute"]
+            self.assertEqual(os.stat(reader.socket).st_mode & 0o777, 0o600)
+            late = subprocess.run([*line, "wait 60000", "--timeout", "0.1"], capture_output=True)
+            self.assertEqual((late.returncode, late.stderr), (4, b"virtual-reader: timed out\n"))
+            both = subprocess.run([*line, 'echo "a"', "-e", 'echo "b"'], capture_output=True)
+            self.assertEqual((both.returncode, both.stdout), (0, b"a\nb\n"))
+            with open("/dev/full", "w") as full:
+                lost = subprocess.run([*line, 'echo "a"'], stdout=full, stderr=subprocess.PIPE)
+            self.assertEqual(lost.returncode, 2, lost)
+            waiting = self.popen(*line, "expect reset within 60000", stderr=subprocess.PIPE)
+            reader.plug()
+            following = self.popen(*line, "events follow 1", stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE)
+            self.assertRegex(following.stdout.readline(), " - plugged in\n$")
+            self.assertEqual(reader.execute("unplug\nexpect unplugged\nled"), "led dark\n")
+            self.assertRegex(following.stdout.readline(), r"^\d+\.\d{6} - verb unplug\n$")
+            with self.assertRaisesRegex(VirtualReaderError, "^FAILED: expected unplugged within 0"):
+                reader.expect("unplugged", within=0)  # behind the cursor of all clients
+            with self.assertRaisesRegex(VirtualReaderError, "did you mean 'plug'"):
+                reader.execute("plog")
+        self.assertEqual(waiting.wait(60), 1)
+        _, err = following.communicate(timeout=60)
+        self.assertEqual((following.returncode, err), (1, "interrupted\n"))
+        self.assertEqual(self.run_reader("--socket", "s", "-e", "show")[0], 2)
+
+    def test_nobody_is_held_up_by_output_that_nobody_reads(self):
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
+        reader = self.popen(READER, "--socket", self.folder / "s", **pipes)
+        reader.stdin.write("unplug\n" + "replug\n" * 18_000 * 3 + 'echo "done"\n')
+        reader.stdin.flush()
+        line = [READER, "--socket", self.folder / "s", "--execute"]
+        subprocess.check_call([*line, "expect verb replug within 20000"])
+        printed = "".join(iter(reader.stdout.readline, "= done\n"))
+        self.assertEqual(printed[-12:], "\nplugged in\n")
+        reader.communicate(timeout=60)
+        self.assertEqual(reader.returncode, 0)
+
+    def test_an_agent_as_command_is_sent_lines(self):
+        rows = [
+            ('send "Beep short 2"\nexpect beep short 2\nexpect received Ok:', 0, ""),
+            ('send "Beep short 9"\nexpect received "Ok:" within 500', 1, "Invalid number of beeps"),
+            ("card raw 300 1\ncard queue 3/2\nexpect received Card: 3", 0, ""),
+            ('send "Global:Ping gr\xfc\xdfe"\nexpect received "Ok:  gr\xfc\xdfe"', 0, ""),
+        ]
+        for text, status, words in rows:
+            run = self.start("expect connected\nexpect received Reader:\n" + text, AGENT)
             _, err = run.communicate(timeout=60)
             self.assertEqual(run.returncode, status, err)
             self.assertIn(words, err)
-        run = self.start('send "Global:Ping" "Ok:"', "cat")  # which answers nothing
-        _, err = run.communicate(timeout=60)
-        self.assertEqual(run.returncode, 1, err)
-        self.assertIn("`host` lines are for the agent itself", err)
-
-    def test_an_agent_is_sent_what_several_tell_at_once(self):
-        socket = f"{self.folder}/reader.sock"
-        run = self.start("expect no reset within 60000", os.environ["AGENT"],
-                         options=["--socket", socket])
-        self.assertTrue(run.stdout.readline().startswith("Reader: "))
-        tell = [READER, "--socket", socket, "--execute"]
-        words = [f"word{number}" for number in range(12)]
-        for each in [subprocess.Popen([*tell, f'send "Global:Ping {word}"']) for word in words]:
-            self.assertEqual(each.wait(timeout=60), 0)
-        subprocess.check_call([*tell, 'send "Beep short 1"\nexpect beep short 1'])
-        answers = subprocess.check_output([*tell, "events 1000"], text=True)
-        self.assertEqual(sorted(line.split()[-1] for line in answers.splitlines()
-                                if "received Ok:  " in line), sorted(words))
-        self.assertEqual(subprocess.run([*tell, 'send "ResetConfig" "Ok:"']).returncode, 0)
-        _, err = run.communicate(timeout=20)
-        self.assertIn("expected no reset", err)
-
-    def test_a_file_alone_and_standard_input(self):
-        def outcome(text, *options, path=True):
-            file = f"{self.folder}/file"
-            Path(file).write_text(text)
-            line = [READER, "--socket", f"{self.folder}/s", *options, *([file] if path else [])]
-            pipe = subprocess.PIPE
-            run = self.popen(*line, stdin=pipe, stdout=pipe, stderr=pipe)
-            out, err = run.communicate("" if path else text, timeout=60)
-            return run.returncode, out, err.replace(file, "file")
-
-        failed = "FAILED: expected reset within 0 ms; since then:\n  "
-        wrong = "unknown verb 'fial', did you mean 'fail'?\n"
-        rows = [
-            (outcome('unplug\necho "x"\nled'), (0, "unplugged\n= x\n= led dark\n", "")),
-            (outcome("show", "--unplugged")[1][:13], "= unplugged\n="),
-            (outcome('echo "x"\nfial'), (2, "", f"file:2: {wrong}")),
-            (outcome('send "a"')[0], 2),
-            (outcome('fial\necho "x"', path=False), (1, "= x\n", f"line 1: {wrong}")),
-            (outcome('plug\nquit\nbad', path=False), (0, "", "")),
-            (outcome("expect reset within 0", "--stay")[0], 1),
-            (outcome("", "--timeout", "0")[0], 2),
-            (outcome("", "--execute", "plug")[0], 2),
-        ]
-        for number, (came, told) in enumerate(rows):
-            self.assertEqual(came, told, number)
-        long = 'echo "' + "x" * (4 << 20) + '"\necho "x"'
-        said = ": the line is longer than 4 MiB\n"
-        self.assertEqual(outcome(long), (2, "", "file:1" + said))
-        self.assertEqual(outcome(long, path=False), (1, "= x\n", "line 1" + said))
-        status, out, err = outcome('unplug\nexpect reset within 0\necho "x"')
-        self.assertEqual((status, out), (1, "unplugged\n"))
-        self.assertIn(f"file:2: {failed}", err)
-        status, out, _ = outcome('expect reset within 0\necho "x"', "--keep-going")
-        self.assertEqual((status, out), (1, "= x\n"))
-
-    def test_a_running_reader_is_told(self):
-        tell = [READER, "--socket", f"{self.folder}/s", "--execute"]
-
-        def told(verbs):
-            run = subprocess.run([*tell, verbs], capture_output=True, text=True, timeout=60)
-            return run.returncode, run.stdout, run.stderr
-
-        self.assertEqual(told("show")[0], 2)
-        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
-        reader = self.popen(READER, *tell[1:3], **pipes)
-        deadline = time.monotonic() + 30
-        while told('echo "a"') != (0, "a\n", "") and time.monotonic() < deadline:
-            time.sleep(0.01)
-        self.assertEqual(os.stat(f"{self.folder}/s").st_mode & 0o777, 0o600)
-        late = subprocess.run([*tell, "wait 60000", "--timeout", "0.1"], capture_output=True, check=False)
-        self.assertEqual((late.returncode, late.stderr), (4, b"virtual-reader: timed out\n"))
-        waiting = self.popen(*tell, "expect reset within 60000", stderr=subprocess.PIPE)
-        told("plug")
-        following = self.popen(*tell, "events follow 1", stdout=subprocess.PIPE,
-                               stderr=subprocess.PIPE)
-        self.assertRegex(following.stdout.readline(), " - verb plug\n$")
-        self.assertEqual(told("unplug\nexpect unplugged\nled"), (0, "led dark\n", ""))
-        self.assertRegex(following.stdout.readline(), r"^\d+\.\d{6} - verb unplug\n$")
-        self.assertRegex(following.stdout.readline(), r"^\d+\.\d{6} - unplugged\n$")
-        status, out, err = told("expect unplugged within 0")  # the cursor of all is behind it
-        self.assertEqual((status, out), (1, ""))
-        self.assertRegex(err, "^FAILED: expected unplugged within 0 ms; nothing has happened since")
-        self.assertEqual(told("plog")[::2], (1, "unknown verb 'plog', did you mean 'plug'?\n"))
-        # Nobody reads what it prints, which holds up neither it nor who tells it.
-        for _ in range(3):
-            self.assertEqual(told("plug\n" + "replug\n" * 18_000), (0, "", ""))
-        reader.stdin.write('echo "here"\n')
-        reader.stdin.flush()
-        printed = "".join(iter(reader.stdout.readline, "= here\n"))
-        self.assertIn(" entries were left out)\n", printed)
-        self.assertEqual(printed[-12:], "\nplugged in\n")
-        reader.communicate(timeout=60)
-        self.assertEqual([process.wait(60) for process in (reader, waiting)], [0, 1])
-        _, err = following.communicate(timeout=60)  # too late, too
-        self.assertEqual((following.returncode, err),
-                         (2, "virtual-reader: the virtual reader has gone before it was done\n"))
 
     @unittest.skipUnless("MOST_KIB" in os.environ, "its memory is not its own alone")
-    def test_its_memory_stays_small(self):
-        self.env["VIRTUAL_READER_SOCKET"] = f"{self.folder}/s"
-        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
-        reader = self.popen(READER, **pipes)
-        text = '"' + r"\xFF" * 1_000_000 + '"'
-        reader.stdin.write(f'part {text}\nfail GetQueuedID always\necho "ready"\n')
-        reader.stdin.flush()
-        self.assertEqual(reader.stdout.readline(), "= ready\n")
-        agent = self.popen(os.environ["AGENT"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
-        reader.stdin.write(("card queue" + " 3AB1234/26" * 1000 + "\n") * 1000)
-        reader.stdin.write('expect fault\nshow\necho "done"\n')
-        reader.stdin.flush()
-        shown = [*iter(reader.stdout.readline, "= done\n")]
-        self.assertIn("= cards queued behind these: 999900\n", shown)
-        self.assertLess(max(map(len, shown)), 520)
-        status = Path(f"/proc/{reader.pid}/status").read_text(encoding="ascii")
-        most = int(status.partition("VmHWM:")[2].split()[0])
-        self.assertLess(most, int(os.environ["MOST_KIB"]))
-        for process in agent, reader:
-            process.communicate(timeout=60)
+    def test_memory_stays_small(self):
+        with VirtualReader(READER) as reader:
+            text = '"' + r"\xFF" * 1_000_000 + '"'
+            reader.process.stdin.write(f"part {text}\nfail GetQueuedID always\n".encode())
+            reader.process.stdin.flush()
+            reader.expect("verb fail")
+            agent = self.popen(AGENT, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
+            agent.communicate()
+            reader.process.stdin.write(("card queue" + " 3AB1234/26" * 1000 + "\n").encode() * 100)
+            reader.process.stdin.write(b'echo "done"\n')
+            reader.process.stdin.flush()
+            while "= done" not in reader.output:
+                time.sleep(0.01)
+            self.assertLess(max(map(len, reader.execute("show").splitlines())), 520)
+            status = Path(f"/proc/{reader.process.pid}/status").read_text(encoding="ascii")
+            most = int(status.partition("VmHWM:")[2].split()[0])
+            self.assertLess(most, int(os.environ["MOST_KIB"]))
 
     @unittest.skipUnless(list(Path("/usr/lib").glob("*/libedit.so.2")), "no line editing is here")
-    def test_what_happens_appears_above_the_line_being_typed(self):
+    def test_events_appear_above_the_line_being_typed(self):
         socket = f"{self.folder}/s"
         child, screen = pty.fork()
         if child == 0:
@@ -371,7 +404,7 @@ class Runs(unittest.TestCase):
                     shown += os.read(screen, 4096).decode()
                 shown = shown[shown.index(text) + len(text):]
 
-        shows("plugged in.", "No agent is there yet", "reader> ")
+        shows("plugged in.", "No agent connected", "reader> ")
         os.write(screen, b"card ho\t3AB")
         shows("ld ", "3AB")
         subprocess.check_call([READER, "--socket", socket, "--execute", "unplug"])
@@ -382,7 +415,15 @@ class Runs(unittest.TestCase):
         shows("mber ", "drop  hold  queue  raw  remove", "reader> card ")
         os.write(screen, b"\x15\x1b[A")
         shows("show")
-        os.write(screen, b"\x15exit\n")
+        os.write(screen, b'\x15echo "now"\nexpect reset within 60000\n')
+        shows("now", "expect reset", "\n")
+        while not shown.endswith("now"):  # Ctrl-C ends the line that waits, once it does
+            os.write(screen, b"\x03")
+            if select.select([screen], [], [], 0.2)[0]:
+                shown += os.read(screen, 4096).decode()
+            if "reader> " in shown:
+                break
+        os.write(screen, b"exit\n")
         self.assertEqual(os.waitpid(child, 0)[1], 0)
 
 

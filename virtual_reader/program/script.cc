@@ -76,10 +76,11 @@ bool script::check(bool has_command, const report_function& report) const {
 
 bool script::play(const session& session, const manner& how) {
   bool is_well = true, has_waited = false;
-  for (std::size_t next = 0; next < lines.size() && !how.is_over();) {
+  for (std::size_t next = 0; next < lines.size();) {
     const std::string& line = lines[next];
-    number = ++next;
     const command parsed = parse(line);
+    if (parsed.what && how.is_over()) throw cancelled();
+    number = ++next;
     if (is_verb(parsed, "loop")) {
       next = 0;
       continue;

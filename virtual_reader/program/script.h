@@ -28,7 +28,7 @@ class script {
   struct manner {
     bool should_keep_going;                // after a line that went wrong
     std::function<void()> before_waiting;  // called before the first line that waits
-    std::function<bool()> is_over;         // asked before each line
+    std::function<bool()> is_over;         // asked before each verb
     report_function report;
   };
   // Plays it to its end, or to the first line that goes wrong. False if anything has gone wrong;
