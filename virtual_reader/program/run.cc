@@ -76,7 +76,7 @@ class test_run {
   const bool has_command;
   outcome end;
   std::atomic<bool> has_played{false}, has_page{false};
-  std::atomic<bool> is_line_running{false}, is_line_cancelled{false};  // at the terminal
+  std::atomic<bool> is_line_cancelled{false};  // the one that was typed
   std::atomic<std::uint64_t> control_cursor{1}, own_cursor{1};
 
   const std::unique_ptr<guardian> guard;  // null without a command
@@ -216,7 +216,7 @@ void test_run::send(const std::string& line) {
 }
 
 void test_run::handle_signal(int number) {
-  if (number == SIGINT && is_line_running) {
+  if (number == SIGINT && is_typed()) {  // ends the line, not the reader
     is_line_cancelled = true;
     return reader.log.wake();
   }
@@ -265,13 +265,12 @@ bool test_run::play_input(const session& session) {
   for (auto line = next_line(); line && !end.is_set(); line = next_line()) {
     ++number;
     const std::string label = is_typed() ? "" : "line " + std::to_string(number) + ": ";
-    is_line_running = is_typed();
+    is_line_cancelled = false;
     try {
       is_well &= run_line(session, *line, label, [this](const std::string& l) { report(l); });
     } catch (const cancelled&) {
       if (end.is_set()) throw;
     }
-    is_line_running = is_line_cancelled = false;
     if (end.is_set()) throw cancelled();
   }
   return is_well;
