@@ -19,7 +19,8 @@ struct Clock {
 
   /// Notes the next wake-up, and returns the seconds until then.
   mutating func schedule(_ time: Double) -> Double {
-    (setAt, wakesAt) = (now, time)
-    return max(0, time - setAt)
+    let now = now
+    (setAt, wakesAt) = (now, max(now, time))
+    return wakesAt - now
   }
 }

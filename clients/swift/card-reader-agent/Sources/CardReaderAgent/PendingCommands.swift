@@ -32,8 +32,10 @@ struct PendingCommands {
   var isEmpty: Bool { commands.isEmpty }
   /// Whether the agent is executing the oldest command.
   var isExecuting: Bool { commands[first]?.isFenced ?? false }
-  /// The earliest time limit of all.
-  var nextLimit: Double { commands.values.lazy.map(\.limit).min() ?? .infinity }
+  /// The earliest time limit of those that are not settled.
+  var nextLimit: Double {
+    commands.values.lazy.filter { $0.continuation != nil }.map(\.limit).min() ?? .infinity
+  }
 
   /// Adds a command with its line, or without one for a ping that nobody waits for, and returns the
   /// lines to send.

@@ -50,13 +50,6 @@ private func play(_ name: String, _ lines: [(number: Int, text: String)], _ prog
   }
 }
 
-extension CardReader {
-  /// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
-  fileprivate func begin(_ command: @escaping Command) -> Task<String, any Error> {
-    Task { try await command(self) }
-  }
-}
-
 private final class Player {
   let events = Inbox()  // besides `poll` and those below
   let logs = Inbox()

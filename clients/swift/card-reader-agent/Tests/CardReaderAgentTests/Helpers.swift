@@ -147,6 +147,13 @@ func parse(_ text: String) throws -> Command {
   return { try await $0.execute(command, timeout: timeout) }
 }
 
+extension CardReader {
+  /// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
+  func begin(_ command: @escaping Command) -> Task<String, any Error> {
+    Task { try await command(self) }
+  }
+}
+
 /// Waits for a command's outcome and compares it with the one that the lists have.
 func check(_ command: Task<String, any Error>, _ expected: String) async throws {
   let outcome = Inbox()
@@ -159,7 +166,7 @@ func check(_ command: Task<String, any Error>, _ expected: String) async throws 
   }
 }
 
-private func describe(_ result: Result<String, any Error>) -> String {
+func describe(_ result: Result<String, any Error>) -> String {
   switch result {
   case .success(let text): return "ok \(text)"
   case .failure(is CancellationError): return "cancelled"
