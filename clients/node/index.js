@@ -1,25 +1,13 @@
 'use strict';
-// The names of the package. It is CommonJS, so that `import` and `require` give the same classes on
-// every Node.js; the names stand here one by one, since that is how `import` finds them.
+// The package for `require`. index.mjs exports the same classes.
 
-const agents = require('./agent.js');
-const readers = require('./reader.js');
+Object.assign(require('./builtins.js'), {
+  buffer: require('node:buffer'),
+  childProcess: require('node:child_process'),
+  crypto: require('node:crypto'),
+  events: require('node:events'),
+  url: require('node:url'),
+});
+const { CardReader } = require('./reader.js');
 
-const { CardReaderAgent, CardReaderError, CommandError, AgentStartError, AgentEndedError } = agents;
-const { CardReader, NoReaderError, ReaderChangedError, ReaderFailedError } = readers;
-const { RejectedError, UnknownSettingsError, CommandTimeoutError } = readers;
-
-module.exports = {
-  CardReader,
-  CardReaderAgent,
-  CardReaderError,
-  AgentStartError,
-  AgentEndedError,
-  CommandError,
-  NoReaderError,
-  ReaderChangedError,
-  ReaderFailedError,
-  RejectedError,
-  UnknownSettingsError,
-  CommandTimeoutError,
-};
+module.exports = { CardReader, ...require('./errors.js') };

@@ -1,142 +1,76 @@
 'use strict';
-// A card reader that is kept in use: the agent is started again when it ends or hangs, commands
-// have deadlines, and cards come and go.
+// A card reader that is kept in use: the agent is restarted when it ends or hangs, commands have
+// time limits, and a card appears once and is removed once.
 
-const { EventEmitter } = require('node:events');
-const { Readable } = require('node:stream');
-const agents = require('./agent.js');
-const { CardReaderAgent, CardReaderError, AgentStartError, AgentEndedError, callBack } = agents;
+const { events, url } = require('./builtins.js');
+const { Agent, callBack } = require('./agent.js');
+const { Countdown } = require('./countdown.js');
+const errors = require('./errors.js');
+const { checkOptions, checkTimeout, quote } = require('./options.js');
+const { configCommand, errorOf, unknownSettings } = require('./protocol.js');
 
-const DEFAULTS = {
-  env: process.env,
-  restartDelay: 500,
-  restartDelayLimit: 30_000,
-  giveUpAfter: 5,
-  commandTimeout: 10_000,
-  watchdogInterval: 5_000,
-  watchdogTimeout: 15_000,
-  onHang: 'restart',
-  cardRemovedAfter: 600,
-  onConnect: null,
-  closeTimeout: 2_000,
-  stderr: 'inherit',
-  trace: null,
-  certain: true,
-};
-const LONGEST = 2 ** 31 - 1; // ms that a timer can wait
-const PASSING = ['EAGAIN', 'EMFILE', 'ENFILE', 'ENOMEM', 'ETXTBSY']; // a later start may succeed
-const LATE = Symbol('late');
+const { AgentEndedError, AgentStartError, CommandTimeoutError, NoReaderError } = errors;
+const STATES = ['starting', 'searching', 'ready', 'restarting', 'failed', 'closed'];
+const RETRYABLE = ['EAGAIN', 'EMFILE', 'ENFILE', 'ENOMEM', 'ETXTBSY']; // a later start may succeed
+const NOT_RESPONDING = 'the agent is not responding';
+const ON_CONNECT_LIMIT_MS = 2000; // for the function that was told to stop
+const TIMED_OUT = Symbol('timed out');
+const createAgent = Symbol('createAgent'); // for the stub reader
 
-const ELSEWHERE = /^Action was for reader .*, but (there is no reader|the current reader is) /s;
-const FEEDBACK =
-  /^(?:Beeping|(?:Sett|Clear)ing LED state|Resetting card reader) failed with error (-?\d+)$/;
-const CONFIGURATION = /^(?:Failed to (?:read|write) reader config|Call to [GS]et\w+ failed; .*)$/;
-
-/** No reader is attached. */
-class NoReaderError extends CardReaderError {}
-
-/** Another reader, or the same one anew, was attached when the command's turn came. */
-class ReaderChangedError extends CardReaderError {}
-
-/** The reader or its library failed; `number` is the library's, null for a configuration. */
-class ReaderFailedError extends CardReaderError {
-  constructor(message, number) {
-    super(message);
-    this.number = number;
+// The agent's program, also where its bundle is named.
+function programOf(path) {
+  if (path instanceof URL) path = url.fileURLToPath(path);
+  if (!path || typeof path !== 'string') {
+    throw new TypeError(`invalid path: expected a string or a file URL, got ${quote(path)}`);
   }
+  return path.replace(/\.app\/*$/, '$&/Contents/MacOS/card-reader-agent');
 }
 
-/** The agent did not understand the command; the message is the agent's. */
-class RejectedError extends CardReaderError {}
-
-/** The agent knows no settings of these names, and has applied the others. */
-class UnknownSettingsError extends CardReaderError {
-  constructor(names) {
-    super(`unknown settings: ${names.join(', ')}`);
-    this.names = names;
-  }
-}
-
-/** No answer came in time. The command may still be carried out. */
-class CommandTimeoutError extends CardReaderError {}
-
-// The agent's words for a command that was not carried out, as one of the errors above.
-function classified(words) {
-  const number = FEEDBACK.exec(words)?.[1];
-  if (number) return new ReaderFailedError(words, Number(number));
-  if (CONFIGURATION.test(words)) return new ReaderFailedError(words, null);
-  const elsewhere = ELSEWHERE.exec(words)?.[1];
-  if (!elsewhere) return new RejectedError(words);
-  return elsewhere.startsWith('there') ? new NoReaderError(words) : new ReaderChangedError(words);
-}
-
-// Calls back after so many milliseconds, and not before what came meanwhile was read, however busy
-// the host has been. Returns what prevents it.
-function after(ms, action) {
-  if (ms > LONGEST) return () => {};
-  let immediate;
-  const timer = setTimeout(() => (immediate = setImmediate(action)), ms);
-  return () => {
-    clearTimeout(timer);
-    clearImmediate(immediate);
-  };
-}
-
-// What begin() promises; rejects with LATE, or with the signal's reason, when that comes first.
-async function bounded(begin, timeout, signal) {
-  if (!(timeout >= 0)) throw new RangeError(`Not a time in milliseconds: ${timeout}`);
+// Begins and awaits. Rejects with TIMED_OUT, or with the signal's reason, when that comes first.
+async function limited(begin, timeout, signal) {
+  checkTimeout(timeout);
   signal?.throwIfAborted();
   const promise = begin();
-  let abort, cancel;
+  let abort, countdown;
   try {
     return await new Promise((resolve, reject) => {
       promise.then(resolve, reject);
       abort = () => reject(signal.reason);
       signal?.addEventListener('abort', abort);
-      cancel = after(timeout, () => reject(LATE));
+      countdown = new Countdown(timeout, () => reject(TIMED_OUT)).run();
     });
   } finally {
     signal?.removeEventListener('abort', abort);
-    cancel();
+    countdown.pause();
   }
 }
 
-class CardReader extends EventEmitter {
+class CardReader extends events.EventEmitter {
   #path;
-  #options = { ...DEFAULTS };
+  #options;
   #state = 'starting';
   #reason = null;
-  #agent = null; // the one there is now
-  #failures = 0; // agents in a row that ended without having answered
-  #error = null; // why the state is failed
+  #end = null; // once there will be no reader any more: its `error`, if the state is failed
+  #agent = null; // the one that runs
+  #isStarted = false;
+  #failures = 0; // agents in a row that ended without an answer
   #delay; // before the next agent, ms
   #card = null;
-  #collectors = new Set(); // of log texts
-  #waiters = new Set(); // for a reader
+  #connection = null; // an AbortController, as long as the reader is connected
+  #connecting = null; // settled when the on-connect function has ended
+  #waiters = new Set(); // for a state
   #iterators = new Set();
-  #closing = false;
+  #isClosing = false;
   #closed = null; // settled when it is
-  // What prevents what would come later:
-  #cancelRestart = () => {};
-  #cancelWatch = () => {};
-  #cancelGone = () => {};
+  #agentEnded = () => {};
+  #watchdog = null;
+  #removal = null; // of the card: runs while no command is under way
+  #restart = null;
 
   constructor(path, options = {}) {
-    super();
-    for (const [name, value] of Object.entries(options)) {
-      if (!(name in DEFAULTS)) throw new TypeError(`There is no option '${name}'`);
-      if (value === undefined) continue;
-      if (typeof DEFAULTS[name] === 'number' && !(value >= 0)) {
-        throw new RangeError(`The option '${name}' must be a number from 0, not ${value}`);
-      }
-      this.#options[name] = value;
-    }
-    const { onHang, stderr } = this.#options;
-    if (!['restart', 'wait'].includes(onHang)) throw new TypeError(`onHang can't be '${onHang}'`);
-    if (!['inherit', 'ignore'].includes(stderr) && typeof stderr !== 'function') {
-      throw new TypeError(`stderr can't be '${stderr}'`);
-    }
-    this.#path = agents.programOf(path);
+    super({ captureRejections: true });
+    this.#options = checkOptions(options);
+    this.#path = programOf(path);
     this.#delay = this.#options.restartDelay;
   }
 
@@ -161,269 +95,276 @@ class CardReader extends EventEmitter {
   }
 
   start() {
-    if (this.#agent || this.#closing || this.#state !== 'starting') {
-      throw new Error('The reader was started before');
-    }
+    if (this.#isStarted || this.#isClosing) throw new Error('already started');
+    this.#isStarted = true;
     this.#launch();
   }
 
-  close() {
-    this.#closing = true;
-    return (this.#closed ??= this.#end());
+  async close({ signal } = {}) {
+    if (!this.#isClosing) {
+      this.#isClosing = true;
+      this.#closed = this.#close();
+    }
+    await limited(() => this.#closed, Infinity, signal);
   }
 
   [Symbol.asyncDispose ?? Symbol.for('Symbol.asyncDispose')]() {
     return this.close();
   }
 
+  // An asynchronous listener that fails costs nothing but a warning.
+  [Symbol.for('nodejs.rejection')](error, event) {
+    process.emitWarning(`a listener for '${event}' failed: ${error?.stack ?? error}`);
+  }
+
   [Symbol.asyncIterator]() {
-    const events = new Readable({ objectMode: true, read() {} });
-    if (this.#state === 'failed' || this.#state === 'closed') events.push(null);
-    else this.#iterators.add(events);
-    events.once('close', () => this.#iterators.delete(events));
-    return events[Symbol.asyncIterator]();
+    const iterator = { queue: [], end: this.#end, wake: () => {} };
+    this.#iterators.add(iterator);
+    return this.#iterate(iterator);
+  }
+
+  async *#iterate(iterator) {
+    try {
+      for (;;) {
+        while (iterator.queue.length) yield iterator.queue.shift();
+        if (iterator.end?.error) throw iterator.end.error;
+        if (iterator.end) return;
+        await new Promise((resolve) => (iterator.wake = resolve));
+      }
+    } finally {
+      this.#iterators.delete(iterator);
+    }
   }
 
   async ping(text = '', limits = {}) {
-    return await this.#run((agent) => agent.ping(text), limits);
+    // The agent's answer begins with the space before the text.
+    return (await this.#run(`Global:Ping ${text}`, limits)).answer.text.slice(1);
   }
 
-  async beep(count = 1, length = 'short', limits = {}) {
-    await this.#command((agent) => agent.beep(agent.reader, count, length), limits);
+  // Also beep({ count, length, timeout, signal }).
+  async beep(count = 1, length = 'short') {
+    const options = typeof count === 'object' ? count : { count, length };
+    const { count: times = 1, length: kind = 'short', ...limits } = options;
+    await this.#command(`Beep ${kind} ${times}`, limits);
   }
 
-  async setLed(color, limits = {}) {
-    await this.#command((agent) => agent.setLed(agent.reader, color), limits);
+  async setLed(color, limits) {
+    await this.#command(`SetLED ${color}`, limits);
   }
 
-  async clearLed(limits = {}) {
-    await this.#command((agent) => agent.clearLed(agent.reader), limits);
+  async clearLed(limits) {
+    await this.#command('ClearLED', limits);
   }
 
-  async resetConfig(limits = {}) {
-    await this.#command((agent) => agent.resetConfig(agent.reader), limits);
+  async resetConfig(limits) {
+    await this.#command('ResetConfig', limits);
   }
 
-  async configure(settings, limits = {}) {
-    const words = 'Ignoring unexpected setting ';
-    const unknown = new Set();
-    const collect = (text) => {
-      for (const [type, values] of Object.entries(settings)) {
-        for (const name of Object.keys(values)) {
-          const setting = `${type}.${name}`;
-          if (text.startsWith(`${words}${setting}=`) || text === `${words}type ${type}`) {
-            unknown.add(setting);
-          }
-        }
-      }
-    };
-    this.#collectors.add(collect);
-    try {
-      await this.#command((agent) => agent.readerConfig(agent.reader, settings), limits);
-    } finally {
-      this.#collectors.delete(collect);
+  async configure(settings, limits) {
+    const { logs } = await this.#command(configCommand(settings), limits);
+    const unknown = unknownSettings(settings, logs);
+    if (unknown.length) throw new errors.UnknownSettingsError(unknown);
+  }
+
+  async waitFor(state, limits) {
+    if (!STATES.includes(state)) {
+      throw new TypeError(`invalid state: expected ${STATES.join(', ')}, got ${quote(state)}`);
     }
-    if (unknown.size) throw new UnknownSettingsError([...unknown].sort());
+    if (this.#state !== state) await this.#nextTime(state, limits);
   }
 
-  async waitForReader({ timeout = Infinity, signal } = {}) {
-    let waiter;
-    const ready = () =>
+  async waitForConnection(limits) {
+    return await this.#nextTime('ready', limits);
+  }
+
+  async #nextTime(state, { timeout = Infinity, signal } = {}) {
+    const waiter = { state };
+    const begin = () =>
       new Promise((resolve, reject) => {
-        waiter = { resolve, reject };
+        Object.assign(waiter, { resolve, reject });
         this.#waiters.add(waiter);
-        this.#tellWaiters();
+        this.#rejectWaiters();
       });
     try {
-      await bounded(ready, timeout, signal);
+      return await limited(begin, timeout, signal);
     } catch (error) {
-      throw error === LATE ? new CommandTimeoutError(`no reader within ${timeout} ms`) : error;
+      if (error !== TIMED_OUT) throw error;
+      throw new CommandTimeoutError(`the state was not ${state} within ${timeout} ms`);
     } finally {
       this.#waiters.delete(waiter);
     }
   }
 
-  async #command(send, limits) {
+  #rejectWaiters() {
+    if (!this.#end) return;
+    const error = this.#end.error ?? new AgentEndedError('the reader was closed');
+    for (const { reject } of this.#waiters) reject(error);
+  }
+
+  async #command(words, limits) {
     const { name } = this;
     if (!name) throw new NoReaderError('no reader is attached');
     if (name.includes(':')) {
-      throw new RejectedError(`a name with a colon can't be addressed: ${name}`);
+      throw new errors.RejectedError(`cannot address a reader with a colon in its name: ${name}`);
     }
-    await this.#run(send, limits);
+    return await this.#run(`${name}:${words}`, limits, true);
   }
 
-  async #run(send, { timeout = this.#options.commandTimeout, signal }) {
-    const agent = this.#agent;
-    if (!agent) throw new AgentEndedError({});
+  // Errors are made here, where the stack still names whoever awaits them.
+  async #run(line, { timeout = this.#options.commandTimeout, signal } = {}, isForReader = false) {
+    const begin = () => {
+      if (!this.#agent) throw new AgentEndedError();
+      return this.#agent.send(line, isForReader);
+    };
     try {
-      return await bounded(() => send(agent), timeout, signal);
+      const command = await limited(begin, timeout, signal);
+      const { answer, end } = command;
+      if (end) throw new AgentEndedError(end.message, end.status, end.signal);
+      if (answer.kind === 'Error') throw errorOf(answer.text);
+      return command;
     } catch (error) {
-      if (error === LATE) throw new CommandTimeoutError(`no answer within ${timeout} ms`);
-      throw error instanceof agents.CommandError ? classified(error.message) : error;
+      throw error === TIMED_OUT ? new CommandTimeoutError(`no answer within ${timeout} ms`) : error;
     }
   }
 
-  async #launch() {
-    const { env, stderr, trace, certain } = this.#options;
-    const agent = new CardReaderAgent(this.#path, { env, stderr, trace, certain });
-    this.#agent = agent;
+  [createAgent](handlers) {
+    return new Agent(this.#path, this.#options, handlers);
+  }
+
+  #launch() {
     const started = performance.now();
-    agent.on('attached', () => this.#connect(agent, null));
-    agent.on('replaced', () => this.#connect(agent, 'the reader was connected anew'));
-    agent.on('gone', () => {
-      this.#cardRemoved();
-      this.#become('searching', 'the reader has gone');
+    const agent = this[createAgent]({
+      answered: () => this.#state === 'starting' && this.#become('searching'),
+      pace: () => this.#pace(agent),
+      reader: (name, previous) => this.#changeReader(name, previous),
+      card: (id) => this.#report(id),
+      log: (text) => this.#tell('log', { text }),
+      end: (error) => this.#lose(error, performance.now() - started),
     });
-    agent.on('card', (id) => this.#report(id));
-    agent.on('log', (text) => {
-      for (const collect of this.#collectors) collect(text);
-      this.#tell('log', { text });
-    });
-    agent.on('end', (status) => {
-      this.#lose(new AgentEndedError(status), performance.now() - started);
-    });
-    try {
-      await agent.start();
-    } catch (error) {
-      return this.#lose(error, 0);
-    }
-    this.#watch(agent);
-    const answered = () => this.#state === 'starting' && this.#become('searching');
-    agent.ping().then(answered, () => {}); // its end is told otherwise
+    this.#agent = agent;
+    if (agent.pid) agent.send('Global:Ping');
   }
 
-  async #connect(agent, reason) {
-    const { name } = this;
-    const here = () => agent === this.#agent && agent.reader === name && !this.#closing;
-    this.#cardRemoved();
-    this.#become('searching', reason);
-    if (this.#options.onConnect && here()) {
-      try {
-        await this.#options.onConnect(this);
-      } catch (error) {
-        if (!here()) return;
-        this.#reason = `the on-connect function failed: ${error?.message ?? error}`;
-        return this.#tell('log', { text: this.#reason });
-      }
+  // Restarts the watchdog, and counts the idle time: that in which no command is under way.
+  #pace(agent) {
+    const { watchdogInterval, watchdogTimeout } = this.#options;
+    this.#watchdog?.pause();
+    if (agent.isBusy) {
+      this.#removal?.pause();
+      this.#watchdog = new Countdown(watchdogTimeout, () => agent.end(NOT_RESPONDING)).run();
+    } else {
+      this.#removal?.run();
+      const ping = () => agent.send('Global:Ping');
+      this.#watchdog = new Countdown(watchdogInterval || Infinity, ping).run();
     }
-    if (here()) this.#become('ready');
+  }
+
+  #changeReader(name, previous) {
+    const reason = previous && `the reader was ${name ? 'reconnected' : 'disconnected'}`;
+    this.#disconnect(new errors.ReaderChangedError(reason));
+    const connection = new AbortController();
+    if (name && !this.#isClosing) this.#connection = connection;
+    this.#become('searching', reason);
+    if (this.#connection !== connection) return; // or a listener has closed the reader
+    if (!this.#options.onConnect) this.#become('ready');
+    else this.#connecting = this.#connect(connection.signal, this.#connecting);
+  }
+
+  // Waits for the on-connect function of the connection before, which was told to stop.
+  async #connect(signal, before) {
+    await limited(async () => await before, ON_CONNECT_LIMIT_MS).catch(() => {});
+    if (signal.aborted) return;
+    try {
+      await this.#options.onConnect(this, { signal });
+      if (!signal.aborted) this.#become('ready');
+    } catch (error) {
+      const text = `the on-connect function failed: ${error?.message ?? error}`;
+      if (!signal.aborted) this.#tell('log', { text });
+    }
+  }
+
+  #disconnect(error) {
+    this.#connection?.abort(error);
+    this.#connection = null;
+    this.#removeCard();
   }
 
   #report(id) {
-    this.#tell('poll', { id });
     if (id !== this.#card) {
-      this.#cardRemoved();
+      this.#removeCard();
       this.#card = id;
       this.#tell('card', { id });
     }
-    this.#keepCard();
+    this.#tell('poll', { id });
+    this.#removal?.pause();
+    this.#removal = new Countdown(this.#options.cardRemovedAfter, () => this.#removeCard());
+    if (!this.#agent?.isBusy) this.#removal.run();
   }
 
-  // While a command is under way the agent looks for no card, so that time does not count.
-  #keepCard() {
-    this.#cancelGone();
-    this.#cancelGone = after(this.#options.cardRemovedAfter, () => {
-      if (this.#agent?.pending) this.#keepCard();
-      else this.#cardRemoved();
-    });
-  }
-
-  #cardRemoved() {
-    this.#cancelGone();
+  #removeCard() {
+    this.#removal?.pause();
+    this.#removal = null;
     const id = this.#card;
     this.#card = null;
     if (id !== null) this.#tell('cardRemoved', { id });
   }
 
-  // Counts checks instead of reading a clock, so that a host that slept or was busy blames nobody.
-  #watch(agent) {
-    const { watchdogInterval: interval, watchdogTimeout: timeout, onHang } = this.#options;
-    const period = Math.min(interval || timeout, timeout) / 5;
-    let unchanged = 0; // ms
-    let before = {};
-    const check = () => {
-      const now = { busy: agent.pending > 0, answered: agent.answered };
-      const same = now.busy === before.busy && now.answered === before.answered;
-      before = now;
-      unchanged = same ? unchanged + period : 0;
-      if (now.busy && unchanged >= timeout && unchanged - period < timeout) {
-        if (onHang === 'restart') agent.kill('the agent hangs');
-        else this.#tell('hang', {});
-      }
-      if (!now.busy && interval && unchanged >= interval) agent.ping().catch(() => {});
-      this.#cancelWatch = after(period, check);
-    };
-    check();
-  }
-
   #lose(error, ran) {
-    this.#cancelWatch();
+    this.#watchdog?.pause();
     this.#agent = null;
-    this.#cardRemoved();
-    if (this.#closing) return;
+    this.#disconnect(error);
+    if (this.#isClosing) return this.#agentEnded();
     const { giveUpAfter, restartDelay, restartDelayLimit } = this.#options;
     this.#failures = this.#state === 'starting' ? this.#failures + 1 : 0;
-    const hopeless = error instanceof AgentStartError && !PASSING.includes(error.code);
-    if (hopeless || this.#failures >= giveUpAfter) {
-      this.#error = error;
-      return this.#become('failed', error.message);
+    const isFinal = error instanceof AgentStartError && !RETRYABLE.includes(error.systemCode);
+    if (isFinal || this.#failures >= giveUpAfter) {
+      return this.#become('failed', error.message, { error });
     }
     const delay = ran > restartDelayLimit ? restartDelay : this.#delay;
     this.#delay = Math.min(delay * 2, restartDelayLimit);
-    this.#cancelRestart = after(delay, () => {
+    this.#restart = new Countdown(delay, () => {
       this.#become('starting');
-      if (!this.#closing) this.#launch();
-    });
+      if (!this.#isClosing) this.#launch();
+    }).run();
     this.#become('restarting', error.message);
   }
 
-  async #end() {
-    this.#cancelRestart();
+  async #close() {
+    const { closeTimeout } = this.#options;
     const agent = this.#agent;
+    this.#restart?.pause();
+    this.#connection?.abort(new AgentEndedError('the reader was closed'));
+    this.#connection = null;
     if (agent) {
-      const cancelKill = after(this.#options.closeTimeout, () => agent.kill());
-      await agent.close();
-      cancelKill();
+      const limit = new Countdown(closeTimeout, () => agent.end(NOT_RESPONDING)).run();
+      agent.close();
+      await new Promise((resolve) => (this.#agentEnded = resolve));
+      limit.pause();
     }
-    this.#become('closed');
+    this.#become('closed', null, {});
   }
 
-  #become(state, reason = null) {
+  #become(state, reason = null, end = null) {
     const previous = this.#state;
+    if (state === previous) return;
     this.#state = state;
     this.#reason = reason;
-    if (state === previous) return;
+    this.#end = end;
+    for (const waiter of this.#waiters) if (waiter.state === state) waiter.resolve(this.name);
+    this.#rejectWaiters();
+    for (const iterator of this.#iterators) iterator.end ??= end;
     this.#tell('state', { state, previous, reason });
-    this.#tellWaiters();
-    if (state !== 'failed' && state !== 'closed') return;
-    for (const events of this.#iterators) events.push(null);
-    this.#iterators.clear();
-    // For those who wait with once(): an error that nobody listens to would end the host.
-    if (state === 'failed' && this.listenerCount('error')) {
-      this.#tell('error', { error: this.#error });
+    // For `once` and `on` of node:events: an error without a listener would end the application.
+    if (end?.error && this.listenerCount('error')) this.#tell('error', end);
+  }
+
+  #tell(type, fields) {
+    callBack(() => this.emit(type, ...Object.values(fields)));
+    for (const iterator of this.#iterators) {
+      if (type !== 'error') iterator.queue.push({ type, ...fields });
+      iterator.wake();
     }
-  }
-
-  #tellWaiters() {
-    const { state } = this;
-    if (state === 'ready') for (const { resolve } of this.#waiters) resolve();
-    const closed = () => new AgentEndedError({ reason: 'the reader was closed' });
-    const error = state === 'failed' ? this.#error : state === 'closed' ? closed() : null;
-    if (error) for (const { reject } of this.#waiters) reject(error);
-  }
-
-  #tell(type, told) {
-    callBack(() => this.emit(type, ...Object.values(told)));
-    for (const events of this.#iterators) events.push({ type, ...told });
   }
 }
 
-module.exports = {
-  CardReader,
-  NoReaderError,
-  ReaderChangedError,
-  ReaderFailedError,
-  RejectedError,
-  UnknownSettingsError,
-  CommandTimeoutError,
-};
+module.exports = { CardReader, createAgent };
