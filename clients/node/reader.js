@@ -289,7 +289,9 @@ class CardReader extends events.EventEmitter {
     this.#removeCard();
   }
 
+  // A card that was reported; null for none.
   #report(id) {
+    if (id === null) return this.#removeCard();
     if (id !== this.#card) {
       this.#removeCard();
       this.#card = id;
@@ -367,4 +369,4 @@ class CardReader extends events.EventEmitter {
   }
 }
 
-module.exports = { CardReader, createAgent };
+module.exports = { CardReader, RETRYABLE, createAgent };

@@ -1,4 +1,5 @@
 /// <reference types="node" />
+import { CardReader, type ReaderOptions } from './index.js';
 
 export interface VirtualReaderOptions {
   /** The program `virtual-reader`: by default $VIRTUAL_READER, or the one on the path. */
@@ -54,9 +55,26 @@ export class VirtualReader {
   expect(pattern: string, limit?: { within?: number }): Promise<void>;
   /** Resolves when no such thing comes for so many milliseconds. */
   expectNo(pattern: string, limit?: { within?: number }): Promise<void>;
-  /** The last entries of the record of all that happened, all of them by default. */
+  /** The last events of the event log. Default: all. */
   events(count?: number): Promise<string[]>;
 
   close(): Promise<void>;
   [Symbol.asyncDispose](): Promise<void>;
+}
+
+/** A `CardReader` without an agent, for unit tests: the test says what the reader does. */
+export class StubReader extends CardReader {
+  constructor(options?: ReaderOptions);
+  /** The commands that the application sent, such as `Beep short 2`. All succeed. */
+  readonly commands: string[];
+  /** Connects a reader. Call this and what follows after `start()`. */
+  plug(name?: string): void;
+  unplug(): void;
+  /** Reports a card, which stays until `remove()`. */
+  hold(id: string): void;
+  remove(): void;
+  /** The next command fails with this message of the agent, without its "Error: ". */
+  fail(message: string): void;
+  /** Ends the agent, which is restarted. */
+  kill(reason?: string): void;
 }

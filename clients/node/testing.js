@@ -1,5 +1,5 @@
 'use strict';
-// A virtual reader for tests: starts one, and tells it what to do.
+// For tests of applications: a virtual reader, and a stub without any process.
 
 const { execFile, spawn } = require('node:child_process');
 const { once } = require('node:events');
@@ -7,8 +7,11 @@ const { mkdtemp, rm } = require('node:fs/promises');
 const { tmpdir } = require('node:os');
 const { join } = require('node:path');
 const { createInterface } = require('node:readline');
+require('./index.js');
+const { AgentEndedError } = require('./errors.js');
+const { CardReader, createAgent } = require('./reader.js');
 
-const PATIENCE = 5_000; // ms for its end
+const END_LIMIT_MS = 5_000;
 
 class VirtualReader {
   #program;
@@ -39,23 +42,22 @@ class VirtualReader {
     this.#process = spawn(this.#program, options, { stdio: ['pipe', 'pipe', 'inherit'] });
     await once(this.#process, 'spawn');
     const { stdin, stdout } = this.#process;
-    stdin.on('error', () => {}); // its end is told by its output
-    stdin.write('echo "here"\n');
+    stdin.on('error', () => {}); // the end of its output is what is reported
+    stdin.write('echo "ready"\n');
     const lines = createInterface({ input: stdout });
-    for await (const line of lines) if (line === '= here') break;
-    if (stdout.readableEnded) throw new Error('it ended at once');
-    stdout.resume(); // what it does stands in its record
+    for await (const line of lines) if (line === '= ready') break;
+    if (stdout.readableEnded) throw new Error('it exited');
+    stdout.resume(); // its event log has the same
   }
 
   async execute(verb) {
     const options = ['--socket', this.env.VIRTUAL_READER_SOCKET, '--execute', verb];
-    const { error, answer, words } = await new Promise((resolve) => {
-      execFile(this.#program, options, { maxBuffer: Infinity }, (error, answer, words) =>
-        resolve({ error, answer, words }),
-      );
+    return await new Promise((resolve, reject) => {
+      execFile(this.#program, options, { maxBuffer: Infinity }, (error, answer, message) => {
+        if (error) reject(new Error(`${verb}: ${message.trim() || error.message}`));
+        else resolve(answer.trimEnd());
+      });
     });
-    if (error) throw new Error(`${verb}: ${words.trim() || error.message}`);
-    return answer.trimEnd();
   }
 
   async plug() {
@@ -125,13 +127,71 @@ class VirtualReader {
 
   async #end() {
     if (this.#process.exitCode === null && this.#process.signalCode === null) {
-      const late = setTimeout(() => this.#process.kill('SIGKILL'), PATIENCE);
+      const limit = setTimeout(() => this.#process.kill('SIGKILL'), END_LIMIT_MS);
       this.#process.stdin.end();
       await once(this.#process, 'close');
-      clearTimeout(late);
+      clearTimeout(limit);
     }
     await rm(this.#folder, { recursive: true, force: true });
   }
 }
 
-module.exports = { VirtualReader };
+// A CardReader without an agent: the test says what the reader does. Every command succeeds, but the
+// next one after fail().
+class StubReader extends CardReader {
+  commands = []; // that the application sent, such as 'Beep short 2'
+  #agent = null;
+  #handlers = null;
+  #failure = null;
+  #connections = 0;
+
+  constructor(options) {
+    super('stub', options);
+  }
+
+  [createAgent](handlers) {
+    const send = async (line) => {
+      const words = line.slice(line.indexOf(':') + 1);
+      const text = words.startsWith('Ping') ? words.slice('Ping'.length) : '';
+      const answer = { kind: this.#failure ? 'Error' : 'Ok', text: this.#failure ?? text };
+      this.commands.push(words);
+      this.#failure = null;
+      return { answer, logs: [] };
+    };
+    const end = (reason) => handlers.end(new AgentEndedError(reason));
+    const close = () => process.nextTick(end);
+    process.nextTick(handlers.answered);
+    this.#handlers = handlers;
+    this.#agent = { reader: null, isBusy: true, send, end, close }; // busy: a card stays
+    return this.#agent;
+  }
+
+  plug(name = `Dev${++this.#connections}-STUB`) {
+    const previous = this.#agent.reader;
+    this.#agent.reader = name;
+    this.#handlers.reader(name, previous);
+  }
+
+  unplug() {
+    this.plug(null);
+  }
+
+  hold(id) {
+    this.#handlers.card(id);
+  }
+
+  remove() {
+    this.#handlers.card(null);
+  }
+
+  // The agent's words behind "Error: ", as docs/protocol.md has them.
+  fail(message) {
+    this.#failure = message;
+  }
+
+  kill(reason = 'the agent was killed by SIGKILL') {
+    this.#agent.end(reason);
+  }
+}
+
+module.exports = { VirtualReader, StubReader };

@@ -1,4 +1,4 @@
-// A door list: whose card is on it gets a green light and one beep, others two beeps.
+// A door list: a card on it gets a green light and one beep, any other a red light and two beeps.
 //   node door-list.mjs AGENT
 import { CardReader } from 'card-reader-agent';
 
@@ -6,24 +6,23 @@ const doorList = new Map([
   ['3AB1234', 'Ada'],
   ['CDAB1234', 'Grace'],
 ]);
-const reader = new CardReader(process.argv[2], { onConnect: () => reader.setLed('red') });
+const onConnect = (reader, { signal }) => reader.setLed('red', { signal });
+const reader = new CardReader(process.argv[2], { onConnect });
 process.once('SIGINT', async () => {
   await reader.clearLed().catch(() => {}); // there may be no reader
   await reader.close();
 });
-reader.start();
-for await (const event of reader) {
+reader.on('state', (state, previous, reason) => console.log(state, reason ?? ''));
+reader.on('error', () => (process.exitCode = 1)); // the state has said why
+reader.on('cardRemoved', () => reader.setLed('red').catch(() => {})); // the reader may be gone
+reader.on('card', async (id) => {
+  const name = doorList.get(id);
+  console.log(name ? `${name}, come in` : `${id}: not listed`);
   try {
-    if (event.type === 'state') {
-      console.log(event.state, event.reason ?? '');
-      if (event.state === 'failed') process.exitCode = 1;
-    } else if (event.type === 'card') {
-      const name = doorList.get(event.id);
-      console.log(name ? `${name}, come in` : `${event.id}: not listed`);
-      await reader.setLed(name ? 'green' : 'red');
-      await reader.beep(name ? 1 : 2);
-    } else if (event.type === 'cardRemoved') await reader.setLed('red');
+    await reader.setLed(name ? 'green' : 'red');
+    await reader.beep(name ? 1 : 2);
   } catch (error) {
-    console.error(error.message); // the next state tells more
+    console.error(error.message); // the next state says more
   }
-}
+});
+reader.start();

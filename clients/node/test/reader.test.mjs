@@ -1,76 +1,29 @@
-// What the list of situations does not say: the supervised reader's manners in Node.js.
+// What the shared lists do not cover: the client's own ways in Node.js.
 
 import assert from 'node:assert/strict';
-import { getEventListeners, once } from 'node:events';
-import { createRequire } from 'node:module';
+import { spawn } from 'node:child_process';
+import { getEventListeners, on, once } from 'node:events';
 import { test } from 'node:test';
-import * as imported from 'card-reader-agent';
-import { VirtualReader } from 'card-reader-agent/testing';
+import { AgentEndedError, CardReader } from 'card-reader-agent';
+import { StubReader, VirtualReader } from 'card-reader-agent/testing';
+import { program } from './player.mjs';
 
-const { CardReader } = imported;
-
-// A test with a virtual reader and a supervised one, which has found it if it is the agent's.
-function check(name, { path = process.env.AGENT, ...options }, body) {
+// A test with a virtual reader and a client that is ready.
+function check(name, options, body) {
   test(name, { timeout: 20_000 }, async (t) => {
     const virtual = await VirtualReader.start();
-    const reader = new CardReader(path, { env: virtual.env, ...options });
+    const reader = new CardReader(process.env.AGENT, { env: virtual.env, ...options });
     t.after(async () => {
       await reader.close();
       await virtual.close();
     });
     reader.start();
-    if (path === process.env.AGENT) await reader.waitForReader();
+    await reader.waitFor('ready');
     await body(reader, virtual);
   });
 }
 
-test('one package for import and require', () => {
-  const required = createRequire(import.meta.url)('card-reader-agent');
-  assert.deepEqual({ ...imported, default: undefined }, { ...required, default: undefined });
-  assert.equal(imported.CardReader, required.CardReader);
-});
-
-test('options that are none', () => {
-  for (const options of [
-    { restartDelays: 1 },
-    { cardRemovedAfter: -1 },
-    { commandTimeout: NaN },
-    { watchdogTimeout: 'long' },
-    { onHang: 'kill' },
-    { stderr: 'pipe' },
-  ]) {
-    assert.throws(() => new CardReader('agent', options), /Error: .*(option|onHang|stderr)/);
-  }
-  assert.throws(() => new CardReader(undefined), /^TypeError: Not the path of an agent: undefined$/);
-  assert.equal(new CardReader('agent', { restartDelay: undefined }).state, 'starting');
-});
-
-check('events, iterated over', {}, async (reader, virtual) => {
-  const seen = [];
-  const iterated = (async () => {
-    for await (const event of reader) seen.push(event);
-  })();
-  const card = CardReader.once(reader, 'card');
-  await virtual.hold('3AB1234/26');
-  assert.deepEqual(await card, ['3AB1234']);
-  assert.equal(reader.card, '3AB1234');
-  await reader[Symbol.asyncDispose ?? Symbol.for('Symbol.asyncDispose')]();
-  await iterated; // it ends with the reader
-  for await (const event of reader) assert.fail(event); // and has ended
-  const polls = seen.filter(({ type }) => type === 'poll');
-  assert.deepEqual(polls[0], { type: 'poll', id: '3AB1234' });
-  assert.deepEqual(
-    seen.filter(({ type }) => type !== 'poll' && type !== 'log'),
-    [
-      { type: 'card', id: '3AB1234' },
-      { type: 'cardRemoved', id: '3AB1234' },
-      { type: 'state', state: 'closed', previous: 'ready', reason: null },
-    ],
-  );
-});
-
-const impatient = { cardRemovedAfter: 200, watchdogTimeout: 300 };
-check('a busy host blames nobody', impatient, async (reader, virtual) => {
+check('a busy application blames nobody', { cardRemovedAfter: 200, watchdogTimeout: 300 }, async (reader, virtual) => {
   const seen = [];
   for (const event of ['state', 'card', 'cardRemoved']) reader.on(event, () => seen.push(event));
   await virtual.hold('3AB1234/26');
@@ -84,60 +37,90 @@ check('a busy host blames nobody', impatient, async (reader, virtual) => {
   assert.deepEqual(seen, ['card']);
 });
 
-check('wrong arguments and cancelled commands', { commandTimeout: Infinity }, async (reader) => {
-  const aborted = AbortSignal.abort(new Error('no longer'));
-  const cases = [
-    [reader.ping('a\nb'), TypeError],
-    [reader.configure({ 'a.b': { c: 1 } }), TypeError],
-    [reader.configure({ a: { b: 0.5 } }), RangeError],
-    [reader.beep(1, 'short', { timeout: -1 }), RangeError],
-    [reader.beep(1, 'short', { signal: aborted }), /no longer/],
-    [reader.waitForReader({ signal: aborted }), /no longer/],
-  ];
-  for (const [command, error] of cases) await assert.rejects(command, error);
-  const hereItIsAwaited = async () => await reader.beep(7);
-  await assert.rejects(hereItIsAwaited(), ({ stack }) => /hereItIsAwaited/.test(stack));
-  assert.throws(() => reader.start(), /was started before/);
-  const { signal } = new AbortController();
-  await reader.ping('', { signal });
-  assert.equal(getEventListeners(signal, 'abort').length, 0);
+check('a signal cancels and leaves no listener', { commandTimeout: Infinity }, async (reader) => {
+  const signal = AbortSignal.abort(new Error('cancelled'));
+  const limits = { signal };
+  const calls = [reader.beep(limits), reader.waitFor('failed', limits), reader.waitForConnection(limits)];
+  for (const call of [...calls, reader.close(limits)]) await assert.rejects(call, /cancelled/);
+  await reader.waitFor('closed'); // it closes nevertheless
+  const used = new AbortController().signal;
+  await assert.rejects(reader.ping('', { signal: used }), AgentEndedError);
+  assert.equal(getEventListeners(used, 'abort').length, 0);
 });
 
-const ending = { path: '/usr/bin/false', restartDelay: 50, giveUpAfter: 4 };
-check('pauses that grow', ending, async (reader) => {
+check('errors name the caller, and listeners that reject cost a warning', {}, async (reader, virtual) => {
+  const beepFromHere = async () => await reader.beep(7);
+  await assert.rejects(beepFromHere(), ({ stack }) => /^RejectedError: .*beepFromHere/s.test(stack));
+  reader.once('card', () => Promise.reject(new Error('by the listener')));
+  const warned = once(process, 'warning');
+  const cards = on(reader, 'card');
+  await virtual.queue('3AB1234/26');
+  assert.match((await warned)[0].message, /'card' failed: Error: by the listener/);
+  assert.deepEqual((await cards.next()).value, ['3AB1234']);
+});
+
+check('two seconds after a kill all is settled', { closeTimeout: 0 }, async (reader, virtual) => {
+  await virtual.hang('BeepNow');
+  const beep = reader.beep();
+  await virtual.expect('enter BeepNow');
+  const { pid } = reader;
+  const ChildProcess = Object.getPrototypeOf(spawn('true'));
+  const { kill } = ChildProcess;
+  ChildProcess.kill = () => true; // an agent that survives SIGKILL
+  const closed = reader.close();
+  await assert.rejects(beep, { code: 'AGENT_ENDED', message: 'the agent is not responding', status: null });
+  await closed;
+  ChildProcess.kill = kill;
+  process.kill(pid, 'SIGKILL'); // it was still there
+});
+
+test('delays grow, and loops and waits end with the error', { timeout: 20_000 }, async () => {
+  const reader = new CardReader('/usr/bin/false', { restartDelay: 50, giveUpAfter: 4 });
+  const states = [];
+  const loop = (async () => {
+    for await (const { type, state } of reader) if (type === 'state') states.push(state);
+  })();
   const started = performance.now();
-  await assert.rejects(once(reader, 'card'), /^AgentEndedError: the agent ended with status 1$/);
-  const took = performance.now() - started;
-  assert.ok(took > 345 && took < 5000, `${took}`); // 50, 100 and 200
-  assert.equal(reader.state, 'failed');
-  await assert.rejects(reader.waitForReader(), /status 1/);
+  reader.start();
+  const error = { name: 'AgentEndedError', message: 'the agent exited with status 1', status: 1 };
+  for (const wait of [loop, once(reader, 'card'), reader.waitFor('ready')]) await assert.rejects(wait, error);
+  assert.ok(performance.now() - started > 345); // 50, 100 and 200
+  assert.deepEqual(states.slice(-3), ['restarting', 'starting', 'failed']);
+  await reader.close();
+  for await (const event of reader) assert.fail(event); // it has ended
 });
 
-test('what changes while the host is at work', { timeout: 20_000 }, async () => {
-  const virtual = await VirtualReader.start();
-  let connected, finish;
-  const called = new Promise((resolve) => (connected = resolve));
-  const onConnect = () => {
-    connected();
-    return new Promise((resolve) => (finish = resolve));
-  };
-  const options = { env: virtual.env, restartDelay: 10, onConnect };
-  const reader = new CardReader(process.env.AGENT, options);
+test('standard error that nobody reads', { timeout: 20_000 }, async () => {
+  const agent = program('writes', 'read -r ping; while echo text; do :; done >&2 & exec sleep 600');
+  const application = `import { CardReader } from 'card-reader-agent';
+    const reader = new CardReader('${agent}', { closeTimeout: 100 });
+    reader.start();
+    setTimeout(() => reader.close().then(() => console.log(reader.state)), 500);`;
+  const args = ['--input-type=module', '-e', application];
+  const child = spawn(process.execPath, args, { cwd: import.meta.dirname ?? new URL('.', import.meta.url).pathname });
+  child.stderr.destroy();
+  const [said] = await once(child.stdout.setEncoding('utf8'), 'data');
+  assert.equal(said, 'closed\n');
+});
+
+test('a stub reader', async () => {
+  const onConnect = (reader, { signal }) => reader.setLed('red', { signal });
+  const reader = new StubReader({ onConnect, restartDelay: 0 });
   const seen = [];
-  reader.on('state', (state) => {
-    seen.push(state);
-    if (state === 'starting') reader.close(); // from within
-  });
+  for (const event of ['state', 'card', 'cardRemoved']) reader.on(event, (what) => seen.push(what));
   reader.start();
-  await called;
-  await virtual.unplug();
-  await assert.rejects(reader.waitForReader({ timeout: 300 }), { name: 'CommandTimeoutError' });
-  assert.equal(reader.reason, 'the reader has gone');
-  finish(); // too late: that reader has gone
-  await assert.rejects(reader.waitForReader({ timeout: 100 }), { name: 'CommandTimeoutError' });
-  process.kill(reader.pid, 'SIGKILL');
-  await assert.rejects(reader.waitForReader(), /closed/);
-  assert.deepEqual(seen, ['searching', 'restarting', 'starting', 'closed']);
-  assert.equal(reader.pid, undefined);
-  await virtual.close();
+  await reader.waitFor('searching');
+  reader.plug();
+  await reader.waitFor('ready');
+  for (const id of ['AB', 'AB', 'CD']) reader.hold(id);
+  reader.remove();
+  reader.fail('Beeping failed with error 3');
+  await assert.rejects(reader.beep(2), { code: 'READER_FAILED', number: 3 });
+  assert.deepEqual(reader.commands, ['SetLED red', 'Beep short 2']);
+  reader.kill();
+  await reader.waitFor('starting');
+  await reader.waitFor('searching');
+  await reader.close();
+  const cards = ['AB', 'AB', 'CD', 'CD'];
+  assert.deepEqual(seen, ['searching', 'ready', ...cards, 'restarting', 'starting', 'searching', 'closed']);
 });

@@ -4,23 +4,29 @@ import {
   AgentEndedError,
   AgentStartError,
   CardReader,
-  CardReaderAgent,
   CardReaderError,
   ReaderFailedError,
   UnknownSettingsError,
 } from 'card-reader-agent';
 import type { ReaderEvent, ReaderState, Settings } from 'card-reader-agent';
-import { VirtualReader } from 'card-reader-agent/testing';
+import { StubReader, VirtualReader } from 'card-reader-agent/testing';
 
-const options = { cardRemovedAfter: 500, onConnect: (reader: CardReader) => reader.setLed('green') };
-const reader = new CardReader(new URL('file:///agent'), options);
+const { signal } = new AbortController();
+const onConnect = (reader: CardReader, { signal }: { signal: AbortSignal }) =>
+  reader.setLed('green', { signal });
+const reader = new CardReader(new URL('file:///agent'), { cardRemovedAfter: 500, onConnect });
 reader.on('state', (state: ReaderState, previous: ReaderState, reason: string | null) => {
   if (state === 'ready') console.log(previous, reason?.length);
 });
-reader.once('card', (id) => id.toUpperCase()).off('hang', () => {});
+reader.once('card', async (id) => console.log(id.toUpperCase())).off('poll', () => {});
 reader.start();
+const name: string = await reader.waitForConnection({ timeout: 100, signal });
+await reader.waitFor('ready');
+await reader.beep(2, 'long');
+await reader.beep({ count: 2, length: 'long', timeout: 100, signal });
 
 const [id]: [id: string] = await CardReader.once(reader, 'card');
+for await (const [text] of CardReader.on(reader, 'log', { signal })) console.log(text.length, name);
 for await (const event of reader) {
   const known: ReaderEvent = event;
   if (event.type === 'state') console.log(event.state, event.reason?.length);
@@ -28,35 +34,34 @@ for await (const event of reader) {
 }
 const settings: Settings = { tsCfgFlags: { bHaltKBSnd: true }, tsTimeParms: { iIDHoldTO: 20 } };
 try {
-  await reader.configure(settings, { timeout: 100, signal: new AbortController().signal });
+  await reader.configure(settings, { timeout: 100, signal });
   (await reader.ping('text')).length;
 } catch (error) {
   if (error instanceof UnknownSettingsError) error.names.join();
   else if (error instanceof ReaderFailedError) error.number?.toFixed();
-  else if (error instanceof AgentStartError) error.code.length;
-  else if (error instanceof AgentEndedError) error.signal?.length;
-  else if (error instanceof CardReaderError) error.message.length;
+  else if (error instanceof AgentStartError) error.systemCode.length;
+  else if (error instanceof AgentEndedError) error.signal?.length ?? error.status?.toFixed();
+  else if (error instanceof CardReaderError) error.code === 'REJECTED';
 }
+await reader.close({ signal });
 await reader[Symbol.asyncDispose]();
-
-const agent = new CardReaderAgent('agent', { certain: true, stderr: (text) => text.length });
-const [name]: [reader: string] = await CardReaderAgent.once(agent, 'attached');
-const text: string = await agent.beep(name, 2, 'long');
-agent.on('end', ({ code, reason }) => console.log(code?.toFixed(), reason?.length, text));
 
 const virtual = await VirtualReader.start({ plugged: false });
 await virtual.fail('BeepNow', { error: 3, when: 'always' });
 await virtual.expect('led green', { within: 100 });
 new CardReader('agent', { env: virtual.env });
+const stub: CardReader = new StubReader({ onConnect });
 
 // @ts-expect-error There is no such color,
-await reader.setLed('blue');
+await stub.setLed('blue');
 // @ts-expect-error no such option,
 new CardReader('agent', { restartDelays: 1 });
 // @ts-expect-error no such event,
 reader.on('cards', () => {});
 // @ts-expect-error no such argument of it,
 CardReader.once(reader, 'card').then(([, second]) => second);
+// @ts-expect-error no such state,
+await reader.waitFor('open');
 // @ts-expect-error no settings without a type,
 await reader.configure({ bHaltKBSnd: 1 });
 // @ts-expect-error and a state is not changed from outside.
