@@ -35,6 +35,14 @@ if(SYSTEM STREQUAL "Darwin")
     if(NOT status EQUAL 0)
       refuse("${complaint}")
     endif()
+    # Some versions ignore -arch and print each slice of a universal file under a heading.
+    string(REGEX REPLACE ".*[(]architecture ${architecture}[)]:" "" commands "${commands}")
+    string(REGEX REPLACE "[(]architecture .*" "" commands "${commands}")
+    # No system for this processor is older.
+    set(minimum ${MINIMUM})
+    if(architecture STREQUAL "arm64" AND minimum VERSION_LESS 11.0)
+      set(minimum 11.0)
+    endif()
     # 6 is a library that is loaded; an object file, in an archive too, says 1.
     if(NOT commands MATCHES "\n *0xfeedfac[ef] +[0-9]+ +[0-9]+ +0x[0-9a-f]+ +6 ")
       refuse("it cannot be loaded on ${architecture}, being no dynamic library for it")
@@ -45,8 +53,8 @@ if(SYSTEM STREQUAL "Darwin")
       refuse("it does not say that it is for macOS")
     endif()
     set(needed ${CMAKE_MATCH_3})
-    if(needed VERSION_GREATER MINIMUM)
-      refuse("it needs macOS ${needed}, and the agent is for ${MINIMUM} and later; "
+    if(needed VERSION_GREATER minimum)
+      refuse("it needs macOS ${needed} on ${architecture}, and the agent is for ${minimum} and later; "
         "for later ones alone: -DCMAKE_OSX_DEPLOYMENT_TARGET=${needed}")
     endif()
   endforeach()
