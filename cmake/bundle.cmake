@@ -63,8 +63,9 @@ endif()
 set(check_library ${CMAKE_COMMAND} -D NM=${CMAKE_NM} -D SYSTEM=${CMAKE_SYSTEM_NAME}
   -D HEADER=${CMAKE_SOURCE_DIR}/src/pc_prox_api.h)
 if(APPLE)
+  find_program(LIPO NAMES lipo llvm-lipo REQUIRED)
   list(JOIN CMAKE_OSX_ARCHITECTURES "$<SEMICOLON>" architectures)
-  list(APPEND check_library -D OTOOL=${CMAKE_OTOOL} -D MINIMUM=${CMAKE_OSX_DEPLOYMENT_TARGET}
+  list(APPEND check_library -D OTOOL=${CMAKE_OTOOL} -D LIPO=${LIPO} -D MINIMUM=${CMAKE_OSX_DEPLOYMENT_TARGET}
     -D ARCHITECTURES=${architectures})
 else()
   list(APPEND check_library -D LIKE=$<TARGET_FILE:pcProxAPI>)

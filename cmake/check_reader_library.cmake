@@ -3,7 +3,7 @@
 #
 #   cmake -D LIBRARY=FILE -D HEADER=FILE -D NM=COMMAND -D SYSTEM=Linux -D LIKE=FILE
 #         -P check_reader_library.cmake
-#   cmake -D LIBRARY=FILE -D HEADER=FILE -D NM=COMMAND -D SYSTEM=Darwin -D OTOOL=COMMAND
+#   cmake -D LIBRARY=FILE -D HEADER=FILE -D NM=COMMAND -D SYSTEM=Darwin -D OTOOL=COMMAND -D LIPO=COMMAND
 #         -D ARCHITECTURES=x86_64 -D MINIMUM=10.11 -P check_reader_library.cmake
 #
 # HEADER is the agent's declaration of the library; LIKE a shared library that the agent can load.
@@ -28,16 +28,29 @@ set(options -g)
 set(prefix "")
 if(SYSTEM STREQUAL "Darwin")
   set(prefix "_")
+  execute_process(COMMAND ${LIPO} -archs "${LIBRARY}" ERROR_VARIABLE complaint RESULT_VARIABLE status
+    OUTPUT_VARIABLE contained OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT status EQUAL 0)
+    refuse("${complaint}")
+  endif()
   foreach(architecture IN LISTS ARCHITECTURES)
     list(APPEND options -arch ${architecture})
-    execute_process(COMMAND ${OTOOL} -arch ${architecture} -h -l "${LIBRARY}"
+    if(NOT " ${contained} " MATCHES " ${architecture} ")
+      refuse("it is no dynamic library for ${architecture}, but for: ${contained}")
+    endif()
+    # Not every otool can pick one architecture out of a universal file.
+    set(slice "${LIBRARY}")
+    set(extracted ${CMAKE_CURRENT_BINARY_DIR}/reader-library-slice)
+    if(contained MATCHES " ")
+      set(slice ${extracted})
+      execute_process(COMMAND ${LIPO} "${LIBRARY}" -thin ${architecture} -output ${slice})
+    endif()
+    execute_process(COMMAND ${OTOOL} -h -l "${slice}"
       OUTPUT_VARIABLE commands ERROR_VARIABLE complaint RESULT_VARIABLE status)
+    file(REMOVE ${extracted})
     if(NOT status EQUAL 0)
       refuse("${complaint}")
     endif()
-    # Some versions ignore -arch and print each slice of a universal file under a heading.
-    string(REGEX REPLACE ".*[(]architecture ${architecture}[)]:" "" commands "${commands}")
-    string(REGEX REPLACE "[(]architecture .*" "" commands "${commands}")
     # No system for this processor is older.
     set(minimum ${MINIMUM})
     if(architecture STREQUAL "arm64" AND minimum VERSION_LESS 11.0)
@@ -48,11 +61,11 @@ if(SYSTEM STREQUAL "Darwin")
       refuse("it cannot be loaded on ${architecture}, being no dynamic library for it")
     endif()
     set(old "LC_VERSION_MIN_MACOSX\n[^\n]*\n +version")
-    set(new "LC_BUILD_VERSION\n[^\n]*\n +platform (1|MACOS)\n +minos")
+    set(new "LC_BUILD_VERSION\n[^\n]*\n +platform (1|MACOS|macos)\n( +sdk [^\n]*\n)? +minos")
     if(NOT commands MATCHES "(${old}|${new}) ([0-9.]+)")
       refuse("it does not say that it is for macOS")
     endif()
-    set(needed ${CMAKE_MATCH_3})
+    set(needed ${CMAKE_MATCH_4})
     if(needed VERSION_GREATER minimum)
       refuse("it needs macOS ${needed} on ${architecture}, and the agent is for ${minimum} and later; "
         "for later ones alone: -DCMAKE_OSX_DEPLOYMENT_TARGET=${needed}")
