@@ -110,7 +110,8 @@ std::string json_string(const std::string& text) {
   std::string json = "\"";
   const auto escape = [&](char c) {
     char code[8];
-    std::snprintf(code, sizeof code, "\\u%04X", static_cast<unsigned>(static_cast<unsigned char>(c)));
+    std::snprintf(code, sizeof code, "\\u%04X",
+                  static_cast<unsigned>(static_cast<unsigned char>(c)));
     json += code;
   };
   for (std::size_t i = 0; i < text.size();) {
