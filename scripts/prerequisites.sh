@@ -105,7 +105,6 @@ need_build_tools() {
   need_command cmake cmake cmake
   need_command make make -
   need_command c++ g++ -
-  need_file /usr/include/histedit.h libedit-dev - # line editing at the virtual reader's terminal
 }
 
 # Requires Debian's clang++, whatever other one is on the path: its packages have the sanitizers,

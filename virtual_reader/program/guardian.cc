@@ -47,8 +47,7 @@ private_folder::~private_folder() {
   rmdir(path.c_str());
 }
 
-guardian::guardian()
-    : script({"/bin/sh", "-c", script_text, folder.path}, {{}, false, {}, true}) {}
+guardian::guardian() : script({"/bin/sh", "-c", script_text, folder.path}, {{}, false, {}, true}) {}
 
 guardian::~guardian() { kill(script.pid(), SIGKILL); }
 

@@ -1,8 +1,5 @@
 // The virtual reader as a program: starting it plugs the reader in, ending it unplugs it.
 #include <fcntl.h>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,7 +32,8 @@ int print(const std::string& text) {
 
 std::string scenario_of(const std::string& path) {
   std::string text;
-  for (const std::string& line : virtual_reader::to_scenario(virtual_reader::read_recording(path))) {
+  for (const std::string& line :
+       virtual_reader::to_scenario(virtual_reader::read_recording(path))) {
     text += line + "\n";
   }
   return text;
@@ -46,9 +44,6 @@ std::string scenario_of(const std::string& path) {
 int main(int count, char** arguments) try {
   using namespace virtual_reader;
   fill_standard_streams();
-#ifdef __GLIBC__
-  mallopt(M_MMAP_THRESHOLD, 1 << 17);  // large texts go back at once
-#endif
   const options options = parse_options(count, arguments);
   if (options.wants_help) return print(usage);
   if (options.wants_version) return print("virtual-reader " VERSION "\n");

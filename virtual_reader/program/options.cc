@@ -37,7 +37,8 @@ const char usage[] =
     "                           them from standard input\n"
     "  --version, -h, --help\n"
     "\n"
-    "Exit status: 0 passed; 1 an expectation failed (or bad line on stdin); 2 usage error or syntax\n"
+    "Exit status: 0 passed; 1 an expectation failed (or bad line on stdin); 2 usage error or "
+    "syntax\n"
     "error in SCRIPT; 3 COMMAND failed; 4 timed out or interrupted.\n";
 
 namespace {

@@ -1,17 +1,13 @@
-// Prints events as they come, and what else there is to print. A slow reader of the output holds up
-// nobody: what does not fit is left out, and one line says so.
+// Prints events as they come, and other lines behind them.
 #pragma once
 
-#include <condition_variable>
-#include <deque>
+#include <atomic>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <thread>
 
 #include "cancellation.h"
-#include "event_log.h"
+#include "log_follower.h"
 #include "session.h"
 
 namespace virtual_reader {
@@ -19,54 +15,32 @@ namespace virtual_reader {
 class printer {
  public:
   enum class channel { output, error };
-  // Takes whole lines. May wait for the reader of the output until it is cancelled.
-  using sink_function =
-      std::function<void(channel, const std::string& lines, const cancellation& ending)>;
-  // How the text of an event is printed, without a newline.
-  using format_function = std::function<std::string(const std::string& text)>;
 
-  printer(const event_log& log, channel event_channel, sink_function sink, format_function format);
+  // Events go to the channel. On a terminal they are marked if another program's lines are there
+  // too, and the LED has its color.
+  printer(const event_log& log, channel event_channel, bool is_alone);
   // Prints what is left, for 2 s at most.
   ~printer();
 
-  // From any thread, without waiting. The lines are printed after all events that were in the log.
+  // From any thread. Prints all events in the log, and then the lines. Waits for the reader of the
+  // output, which holds up no event: one line says how many were dropped meanwhile.
   void print(channel where, const std::string& lines);
-  void trace(tracing wanted);  // from the next event on
+  void cancel() { ending.cancel(); }               // prints no more
+  void trace(tracing wanted) { traced = wanted; }  // from any thread, without waiting
 
  private:
-  struct piece {
-    std::uint64_t place;  // the end of the log when it was pushed
-    channel where;
-    std::string lines;
-    std::optional<tracing> traced = {};
-  };
-  void push(const piece& pushed);
-  void run();
-  void print_events(std::uint64_t before);
-  std::string lost_line();
-  bool is_wanted(const event& event) const;
+  void write(channel where, const std::string& lines);
+  void print_events();
+  bool is_wanted(const std::string& text, bool is_idle) const;
 
   const event_log& log;
   const channel event_channel;
-  const sink_function sink;
-  const format_function format;
+  const std::function<std::string(const std::string& text)> format;
   cancellation ending;
-  // The worker's:
-  tracing traced = tracing::off;
-  std::uint64_t next = 1;  // the event to be printed
-  std::uint64_t lost = 0;  // events that had been dropped before they were printed
-
+  std::atomic<tracing> traced{tracing::off};
   std::mutex mutex;
-  std::condition_variable changed;
-  // Guarded by mutex:
-  std::deque<piece> pieces;
-  std::size_t bytes = 0, left_out = 0;
-  bool is_ending = false, has_ended = false;
-
-  std::thread worker;
+  std::uint64_t next = 1;  // the event to be printed, guarded by mutex
+  log_follower follower;
 };
-
-// For lines that go to a terminal beside another program's, or alone, or to something else.
-printer::format_function choose_format(int descriptor, bool is_alone);
 
 }  // namespace virtual_reader

@@ -10,14 +10,13 @@
 #include <stdexcept>
 
 #include "control.h"
-#include "event_file.h"
+#include "event_json.h"
 #include "guardian.h"
 #include "line_input.h"
 #include "printer.h"
 #include "server.h"
 #include "signal_watch.h"
 #include "socket_path.h"
-#include "terminal.h"
 #include "tested_command.h"
 #include "tokens.h"
 #include "ui.h"
@@ -33,10 +32,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds replay_grace{30'000};
 // In which an end of standard input is noticed that came with the command's exit.
 constexpr milliseconds input_grace{500};
-
-void write_lines(channel where, const std::string& lines, const cancellation& ending) {
-  ending.write_all(where == channel::output ? STDOUT_FILENO : STDERR_FILENO, lines);
-}
+constexpr milliseconds output_grace{2000};  // in which somebody may read what was printed
 
 // What belongs to a run. It plays as soon as it is constructed.
 class test_run {
@@ -49,12 +45,11 @@ class test_run {
   verdict finish();
 
  private:
-  bool is_typed() const { return typed_at != nullptr; }
   bool has_replay() const { return !parts.recording.empty(); }
   std::string place() const { return played ? played->place() : "standard input"; }
-  printer::sink_function sink();
   session_callbacks shared_callbacks();
   run_state state();
+  void write_events();
 
   void play();
   bool play_script(const session& session);
@@ -73,7 +68,8 @@ class test_run {
   const options& chosen;
   const run_parts parts;
   script* const played;  // null: standard input
-  const bool has_command;
+  const bool has_command, is_typed;
+  const channel own_channel;  // of the reader: standard output is the command's
   outcome end;
   std::atomic<bool> has_played{false}, has_page{false};
   std::atomic<bool> is_line_cancelled{false};  // the one that was typed
@@ -81,11 +77,11 @@ class test_run {
 
   const std::unique_ptr<guardian> guard;  // null without a command
   const std::string path;
-  const std::unique_ptr<terminal> typed_at;  // null if nobody types
   line_input input;
   device reader;
   printer printed;
-  const std::unique_ptr<event_file> events;
+  std::uint64_t next_event = 1;                // the follower's
+  const std::unique_ptr<log_follower> events;  // writes them to a file; null without one
 
   std::mutex mutex;
   // Guarded by mutex:
@@ -104,22 +100,22 @@ test_run::test_run(const options& options, const run_parts& run_parts)
       parts(run_parts),
       played(parts.played),
       has_command(!chosen.command.empty()),
+      is_typed(!played && !has_command && isatty(STDIN_FILENO)),
+      own_channel(has_command ? channel::error : channel::output),
       guard(has_command ? std::make_unique<guardian>() : nullptr),
       path(guard && chosen.socket.empty() ? guard->folder.socket_path()
                                           : choose_socket_path(chosen, true)),
-      typed_at(!played && !has_command && isatty(STDIN_FILENO) ? std::make_unique<terminal>()
-                                                               : nullptr),
       input(longest_line),
       reader(!chosen.is_unplugged, parts.recording),
-      printed(reader.log, has_command ? channel::error : channel::output, sink(),
-              choose_format(has_command ? STDERR_FILENO : STDOUT_FILENO, is_typed())),
-      events(parts.events ? std::make_unique<event_file>(reader.log, *parts.events) : nullptr),
+      printed(reader.log, own_channel, !has_command),
+      events(parts.events ? std::make_unique<log_follower>(reader.log, [this] { write_events(); })
+                          : nullptr),
       listening(reader, path,
                 [this](int socket, const std::function<bool()>& is_over) {
                   serve_control(socket, is_over, reader, control_cursor, shared_callbacks());
                 }),
       signals([this](int number) { handle_signal(number); }) {
-  if (is_typed()) {
+  if (is_typed) {
     printed.print(channel::output, "A virtual reader listens on " + path +
                                        (chosen.is_unplugged ? ", unplugged." : ", plugged in.") +
                                        " Try `card hold 3AB1234/26`; `help` lists the verbs, ^D " +
@@ -131,11 +127,14 @@ test_run::test_run(const options& options, const run_parts& run_parts)
   playing = std::async(std::launch::async, [this] { play(); });
 }
 
-printer::sink_function test_run::sink() {
-  if (!is_typed()) return write_lines;
-  return [this](channel, const std::string& lines, const cancellation& ending) {
-    typed_at->print(lines, ending);
-  };
+void test_run::write_events() {
+  for (const std::uint64_t until = reader.log.end(); next_event < until;) {
+    for (const event& each : reader.log.read(next_event)) {
+      if (!each.is_idle) *parts.events << to_json(each) << '\n';
+      next_event = each.end();
+    }
+  }
+  parts.events->flush();
 }
 
 // What a session of the run and one of a control client have in common.
@@ -216,7 +215,7 @@ void test_run::send(const std::string& line) {
 }
 
 void test_run::handle_signal(int number) {
-  if (number == SIGINT && is_typed()) {  // ends the line, not the reader
+  if (number == SIGINT && is_typed) {  // ends the line, not the reader
     is_line_cancelled = true;
     return reader.log.wake();
   }
@@ -227,8 +226,11 @@ void test_run::handle_signal(int number) {
 void test_run::play() try {
   session_callbacks callbacks = shared_callbacks();
   callbacks.answer = [this](const std::string& line) {
-    printed.print(has_command ? channel::error : channel::output,
-                  (is_typed() ? "" : "= ") + line + "\n");
+    printed.print(own_channel, (is_typed ? "" : "= ") + line + "\n");
+  };
+  callbacks.trace = [this](tracing wanted) {
+    printed.print(own_channel, "");  // what was in the log, as it was wanted before
+    printed.trace(wanted);
   };
   callbacks.is_interrupted = [this] { return end.is_set() || is_line_cancelled; };
   callbacks.quit = [this] { end.set(result::passed); };
@@ -239,7 +241,8 @@ void test_run::play() try {
   has_played = true;
   if (is_well && chosen.should_stay) return reader.log.add(0, "input ended");
   // Without a script, what the command does is all there is: its input ends with this one.
-  tested_command* const to_end = has_command && !played && !has_replay() ? start_command() : nullptr;
+  tested_command* const to_end =
+      has_command && !played && !has_replay() ? start_command() : nullptr;
   if (is_well && to_end) return to_end->close_input();
   end.set(result::passed);
 } catch (const cancelled&) {
@@ -259,12 +262,11 @@ bool test_run::play_script(const session& session) {
 // Runs what comes on standard input, all of it whatever goes wrong. Returns whether nothing did.
 bool test_run::play_input(const session& session) {
   if (has_command) start_command();
-  const auto next_line = [this] { return is_typed() ? typed_at->next_line() : input.next_line(); };
   bool is_well = true;
   int number = 0;
-  for (auto line = next_line(); line && !end.is_set(); line = next_line()) {
+  for (auto line = input.next_line(); line && !end.is_set(); line = input.next_line()) {
     ++number;
-    const std::string label = is_typed() ? "" : "line " + std::to_string(number) + ": ";
+    const std::string label = is_typed ? "" : "line " + std::to_string(number) + ": ";
     is_line_cancelled = false;
     try {
       is_well &= run_line(session, *line, label, [this](const std::string& l) { report(l); });
@@ -352,8 +354,8 @@ verdict test_run::finish() {
   verdict found = end.wait(chosen.timeout);
   if (found.what == result::command_failed && found.why.empty()) found = judge_exit();
   input.cancel();
-  if (typed_at) typed_at->cancel();
   reader.log.wake();
+  if (playing.wait_for(output_grace) != std::future_status::ready) printed.cancel();
   playing.wait();
   found = judge(found, command ? command->end() : tested_command::ending{});
   if (has_command) reader.log.add(0, "verdict " + found.text());

@@ -16,9 +16,9 @@ namespace virtual_reader {
 std::string choose_socket_path(const options& options, bool should_make_folder);
 
 struct run_parts {
-  script* played;                           // null: standard input
+  script* played;                               // null: standard input
   const std::vector<recorded_call>& recording;  // empty: none
-  std::ostream* events;                     // null: nowhere
+  std::ostream* events;                         // null: nowhere
 };
 
 // Runs it from its start to its end; nothing is left of it then. Signals must be blocked. Throws

@@ -22,7 +22,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds step_limit{2000};      // of each step of its end
+constexpr milliseconds step_limit{2000};        // of each step of its end
 constexpr std::size_t longest_piece = 1 << 20;  // that is handed over whole
 const char mark_name[] = "VIRTUAL_READER_RUN";
 
@@ -75,10 +75,9 @@ tested_command::tested_command(const std::vector<std::string>& command,
                                const std::string& socket_path, const guardian& watching,
                                line_function line, exit_function exit)
     : mark(new_mark()),
-      process(command, {{{"VIRTUAL_READER_SOCKET", absolute(socket_path)}, {mark_name, mark}},
-                        false,
-                        {},
-                        true}),
+      process(
+          command,
+          {{{"VIRTUAL_READER_SOCKET", absolute(socket_path)}, {mark_name, mark}}, false, {}, true}),
       group(process.pid()),
       on_line(std::move(line)),
       on_exit(std::move(exit)),

@@ -47,7 +47,8 @@ control_page::control_page(const std::string& socket_path,
         if (!status.is_success()) on_failure("the page's server exited with " + status.text());
         exited.cancel();
       }) {
-  server.close_output();  // whatever a browser prints there does not belong to this program's output
+  server
+      .close_output();  // whatever a browser prints there does not belong to this program's output
 }
 
 control_page::~control_page() {
