@@ -400,7 +400,7 @@ class CommandLine(unittest.TestCase):
         shown = b""
         while b"No agent connected" not in shown:
             shown += os.read(screen, 4096)
-        while b"\nafter\r\n" not in shown:
+        while b"^Cafter\r\n" not in shown:
             os.write(screen, b"\x03")
             if select.select([screen], [], [], 0.05)[0]:
                 shown += os.read(screen, 4096)
