@@ -15,8 +15,7 @@ function(sdk_page FROM TO)
   string(REGEX REPLACE "\\[([^]]*)\\]\\((call|device|events|language|library|program|reader|server|ui|verbs|wire|[.][.]/bench|[.][.]/src)/[^)]*\\)"
     "\\1" page "${page}")
   foreach(path IN ITEMS
-      build/macos/library-check=bin/library-check
-      build/library-check=bin/library-check
+      bringup/library-check=bin/library-check
       build/virtual-reader=bin/virtual-reader
       build/CardReaderAgent.app=CardReaderAgent.app
       build/recorder/CardReaderAgent.app=CardReaderAgent.app
@@ -37,7 +36,8 @@ install(PROGRAMS $<TARGET_FILE:card-reader-agent> DESTINATION ${bundle_name}/Con
 # Whatever library the other archive has.
 install(PROGRAMS $<TARGET_FILE:pcProxAPI> DESTINATION ${bundle_name}/Contents/Frameworks ${in_sdk}
   RENAME ${bundled_library})
-install(PROGRAMS $<TARGET_FILE:virtual-reader> $<TARGET_FILE:library-check> DESTINATION bin ${in_sdk})
+install(PROGRAMS $<TARGET_FILE:virtual-reader> ${PROJECT_SOURCE_DIR}/bringup/library-check DESTINATION bin ${in_sdk})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/bringup/library_check DESTINATION bin ${in_sdk} FILES_MATCHING PATTERN *.py)
 install(PROGRAMS $<TARGET_FILE:pcProxAPI-recorder> DESTINATION lib ${in_sdk})
 
 set(ui ${PROJECT_SOURCE_DIR}/virtual_reader/ui)

@@ -1,5 +1,7 @@
-// A reader library that keeps what the agent expects of one, but for the one fault that the
-// environment variable BROKEN names. The rest is the library's at WHOLE_LIBRARY.
+// A reader library that behaves as the agent expects, but for the faults that the environment
+// variable BROKEN names, each with a semicolon after it. The rest is the library's at
+// WHOLE_LIBRARY.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -30,7 +32,7 @@ const bringup::reader_library& whole() {
 
 bool broken(const char* fault) {
   static const std::string chosen = variable("BROKEN");
-  return chosen == fault;
+  return chosen.find(fault + std::string(";")) != std::string::npos;
 }
 
 void hang() {
@@ -38,28 +40,41 @@ void hang() {
 }
 
 struct {
-  pc_prox::marker_function marker, marker_removed;
-  int connections, polls_with_card, reads, writes;
-  bool disconnected_before, was_lost, first_get;
+  pc_prox::marker_function marker, removed_marker;
+  int beeps, connections, polls, polls_with_card, reads, writes;
+  bool was_disconnected, was_lost, was_dropped, is_first_get, has_taken;
   std::int64_t card[33];
   char part_number[100];
-} now;
+} state;
 
-struct farewell {
-  const bool prints = broken("prints at its end");
-  ~farewell() {
-    if (prints) std::printf("the end\n");
+struct lifetime {
+  lifetime() {
+    if (broken("crashes while loading")) std::abort();
+    if (broken("exits while loading")) _exit(3);
   }
-} farewell;
+  ~lifetime() {
+    if (broken("prints at exit")) std::printf("the end\n");
+    if (broken("crashes at exit")) std::abort();
+    if (broken("hangs at exit") && state.beeps) hang();
+  }
+} lifetime;
 
-void say(std::string text) {
-  if (now.marker) now.marker(text.data(), static_cast<int>(text.size()));
+void say(std::string text, int length) {
+  if (state.marker) state.marker(text.data(), length);
+}
+void say(const std::string& text) { say(text, static_cast<int>(text.size())); }
+
+// Set reaches the reader at once where that is the fault.
+status stored(status done) {
+  return done != 0 && broken("stores at each Set") ? whole().WriteCfg() : done;
 }
 
-template <typename T>
-status forgetful_set(status (*set)(T*), T record) {
-  if (broken("forgets fields")) record.reserved10 = 0;
-  return set(&record);
+std::string lock_file() { return variable("VIRTUAL_READER_SOCKET") + ".taken"; }
+
+// The status of a call that may drop the connection.
+status dropping(const char* fault, status done) {
+  state.was_dropped |= broken(fault);
+  return done;
 }
 
 }  // namespace
@@ -67,108 +82,131 @@ status forgetful_set(status (*set)(T*), T record) {
 extern "C" {
 
 void SetMarkerFunction(pc_prox::marker_function function) {
-  if (broken("crashes when the marker function is set again") && now.marker_removed) std::abort();
-  if (!function) now.marker_removed = now.marker;
-  now.marker = function;
+  if (broken("crashes when the marker function is set again") && state.removed_marker) std::abort();
+  if (!function) state.removed_marker = state.marker;
+  state.marker = function;
   whole().SetMarkerFunction(function);
 }
 
 void USBDisconnect() {
-  if (broken("hangs when disconnected twice") && now.disconnected_before && !now.connections) {
+  if (broken("hangs when disconnected twice") && state.was_disconnected && !state.connections)
     hang();
-  }
-  now.disconnected_before = true;
+  state.was_disconnected = true;
+  if (state.has_taken) unlink(lock_file().c_str());
+  state.has_taken = false;
   whole().USBDisconnect();
 }
 
 status usbConnect() {
-  now.disconnected_before = false;
+  state.was_disconnected = state.was_dropped = false;
+  state.polls = 0;
   if (broken("prints")) std::printf("connecting\n");
+  if (broken("connects slowly") && state.connections == 1) usleep(1'100'000);
   if (broken("never connects")) return 0;
-  if (broken("connects once") && now.connections) return 0;
-  if (broken("does not find the reader again") && now.was_lost) return 0;
+  if (broken("connects once") && state.connections) return 0;
+  if (broken("does not find the reader again") && state.was_lost) return 0;
+  if (broken("keeps the reader taken")) {
+    if (access(lock_file().c_str(), F_OK) == 0) return 0;
+    close(open(lock_file().c_str(), O_CREAT | O_WRONLY, 0600));
+    state.has_taken = true;
+  }
+  if (broken("leaks descriptors") && open("/dev/null", O_RDONLY) < 0) return 0;
   const status done = whole().usbConnect();
-  now.connections += done != 0;
-  return broken("connects nothing") && !now.connections ? status{1} : done;
+  state.connections += done != 0;
+  return broken("connects without a reader") && !state.connections ? status{1} : done;
 }
 
 const char* getPartNumberString() {
   const char* const text = whole().getPartNumberString();
   if (!broken("lets the part number fade") || !text) return text;
-  std::strncpy(now.part_number, text, sizeof now.part_number - 1);
+  std::strncpy(state.part_number, text, sizeof state.part_number - 1);
   std::thread([] {
     usleep(50'000);
-    now.part_number[0] = '-';
+    state.part_number[0] = '-';
   }).detach();
-  return now.part_number;
+  return state.part_number;
 }
 
 status GetQueuedID(std::int16_t first, std::int16_t second) {
-  if (broken("polls slowly")) usleep(260'000);
+  ++state.polls;
+  if (broken("polls slowly") && state.polls < 12) usleep(260'000);
+  if (state.was_dropped || (broken("fails the first polls") && state.polls < 3)) return 0;
+  if (broken("fails one poll in a hundred") && state.polls % 100 == 0) return 0;
   const status done = whole().GetQueuedID(first, second);
-  now.was_lost |= done == 0 && now.connections;
+  state.was_lost |= done == 0 && state.connections;
   std::int64_t card[33];
   bool found = false;
   for (std::int16_t i = 0; i < 33; ++i) found |= (card[i] = whole().GetQueuedID_index(i)) != 0;
-  now.polls_with_card = found ? now.polls_with_card + 1 : 0;
+  state.polls_with_card = found ? state.polls_with_card + 1 : 0;
   const bool keep = broken("reports a card without end") && !found;
-  if (!keep) std::memcpy(now.card, card, sizeof card);
-  if (broken("gives an empty ID a length") && !found) now.card[32] = 26;
-  const bool hidden =
-      broken("reports no card") || (broken("reports a held card once") && now.polls_with_card > 1);
-  if (hidden) std::memset(now.card, 0, sizeof now.card);
-  if (broken("polls nothing") && !now.connections) return 1;
-  return broken("polls a reader that has gone") && now.connections ? status{1} : done;
+  if (!keep) std::memcpy(state.card, card, sizeof card);
+  if (broken("gives an empty ID a length") && !found) state.card[32] = 26;
+  if (broken("counts bytes")) state.card[32] = (state.card[32] + 7) / 8;
+  if (broken("puts the most significant byte first")) {
+    const auto bytes = (state.card[32] + 7) / 8;
+    for (std::int64_t i = 0; i < bytes; ++i) state.card[i] = card[bytes - 1 - i];
+  }
+  const bool hidden = broken("reports no card") ||
+                      (broken("reports a held card once") && state.polls_with_card > 1);
+  if (hidden) std::memset(state.card, 0, sizeof state.card);
+  if (broken("returns 0 without a card") && !found) return 0;
+  if (broken("polls nothing") && !state.connections) return 1;
+  if (broken("returns 8 bits") && done == 0) return 0x4100;
+  return broken("polls an unplugged reader") && state.connections ? status{1} : done;
 }
 
-std::int64_t GetQueuedID_index(std::int16_t index) { return now.card[index]; }
+std::int64_t GetQueuedID_index(std::int16_t index) { return state.card[index]; }
 
 status BeepNow(std::uint8_t count, std::int16_t long_beep) {
+  if (broken("starts a helper") && !state.beeps && fork() == 0) hang();
+  ++state.beeps;
   const status done = whole().BeepNow(count, broken("beeps shortly only") ? 0 : long_beep);
   if (broken("crashes in a long beep") && long_beep && done) std::abort();
   if (broken("says on another thread")) std::thread([] { say("beeping"); }).join();
+  if (broken("says a level for the length")) say("beeping", 2);
+  if (broken("says a length beyond the text")) say(std::string("beep\0....", 9));
   if (broken("says later")) {
     std::thread([] {
       usleep(20'000);
       say("beeping");
     }).detach();
   }
-  if (broken("says after removal") && !now.marker && now.marker_removed) {
+  if (broken("says after removal") && !state.marker && state.removed_marker) {
     std::thread([] {
       char text[] = "late";
-      now.marker_removed(text, 4);
+      state.removed_marker(text, 4);
     }).join();
   }
   return done;
 }
 
 std::int64_t GetLastLibErr() { return broken("has no error number") ? 0 : whole().GetLastLibErr(); }
-
 void SetDevTypeSrch(std::int16_t device_type) { whole().SetDevTypeSrch(device_type); }
-#ifndef LACKING
 void GetDevName(char* name) { whole().GetDevName(name); }
-#endif
 
 status ReadCfg() {
-  now.first_get = true;
+  state.is_first_get = true;
   const status done = broken("does not read") ? status{0} : whole().ReadCfg();
-  now.reads += done != 0;
+  state.reads += done != 0;
   return done;
 }
 
 status WriteCfg() {
   if (broken("does not write")) return 1;
-  return broken("writes once") && now.writes++ ? status{1} : whole().WriteCfg();
+  if (broken("writes once") && state.writes++) return 1;
+  return dropping("drops the connection at WriteCfg", whole().WriteCfg());
 }
 
 status ResetFactoryDflts() {
   if (broken("does not reset")) return 0;
-  return broken("writes once") ? status{1} : whole().ResetFactoryDflts();
+  return dropping("drops the connection at a reset", whole().ResetFactoryDflts());
 }
 
 status GetIDBitCnts(pc_prox::sIDBitCnts* record) { return whole().GetIDBitCnts(record); }
 status SetIDBitCnts(pc_prox::sIDBitCnts* record) {
-  return forgetful_set(whole().SetIDBitCnts, *record);
+  pc_prox::sIDBitCnts copy = *record;
+  if (broken("forgets fields")) copy.reserved10 = 0;
+  return stored(whole().SetIDBitCnts(&copy));
 }
 
 status GetFlags(pc_prox::sCfgFlags* record) {
@@ -179,28 +217,30 @@ status GetFlags(pc_prox::sCfgFlags* record) {
 }
 status SetFlags(pc_prox::sCfgFlags* record) {
   if (broken("writes before a record")) *(reinterpret_cast<char*>(record) - 1) = 0;
-  return whole().SetFlags(record);
+  return stored(whole().SetFlags(record));
 }
 
 status GetTimeParms(pc_prox::sTimeParms* record) {
   const status done = whole().GetTimeParms(record);
-  if (broken("gives another value at first") && now.first_get) ++record->reserved14;
-  if (broken("reads another value for once") && now.reads == 2) ++record->reserved14;
-  now.first_get = false;
+  if (broken("gives another value at first") && state.is_first_get) ++record->reserved14;
+  if (broken("reads another value once") && state.reads == 2) ++record->reserved14;
+  state.is_first_get = false;
   return done;
 }
-status SetTimeParms(pc_prox::sTimeParms* record) { return whole().SetTimeParms(record); }
+status SetTimeParms(pc_prox::sTimeParms* record) { return stored(whole().SetTimeParms(record)); }
 
 status GetFlags2(pc_prox::sCfgFlags2* record) { return whole().GetFlags2(record); }
-status SetFlags2(pc_prox::sCfgFlags2* record) { return whole().SetFlags2(record); }
+status SetFlags2(pc_prox::sCfgFlags2* record) { return stored(whole().SetFlags2(record)); }
 status GetLEDCtrl(pc_prox::sLEDCtrl* record) { return whole().GetLEDCtrl(record); }
 
 status SetLEDCtrl(pc_prox::sLEDCtrl* record) {
+  if (broken("needs ReadCfg for the LED") && !state.reads) return 0;
   if (record->bAppCtrlsLED && record->iRedLEDState && record->iGrnLEDState) {
     if (broken("hangs at amber")) hang();
     if (broken("knows no amber")) return 1;
   }
-  return whole().SetLEDCtrl(record);
+  if (broken("stores at each Set")) ReadCfg();
+  return stored(whole().SetLEDCtrl(record));
 }
 
 }  // extern "C"
