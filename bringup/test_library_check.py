@@ -65,7 +65,7 @@ INSIDE, EXITS = "Get and Set write within the 16 bytes of a record", "each proce
 SILENT, RESTORED = "nothing is printed on standard output", "the configuration is restored"
 GET_SET = "Get returns what Set was given, without WriteCfg"
 LED = ("the LED turns red", "the LED turns green", AMBER, "the LED turns off", "the reader controls the LED again")
-# A run each: how, the library's faults, and by each row that must fail a part of its detail.
+# A run each: how, the library's faults, and by each row that must fail a part of its detail; None if it may.
 RUNS = (
     ("", "has no error number, connects slowly, lets the part number fade, leaks descriptors, "
          "gives an empty ID a length, fails one poll in a hundred, reads another value once, crashes in a long beep, "
@@ -104,7 +104,7 @@ RUNS = (
     ("person", "counts bytes, reports a card without end, does not find the reader again",
      {CARD: "the ID has 26 bits", "a card that was removed is no longer reported": "still", UNPLUGGED: "usbConnect 0"}),
     ("person", "reports no card, connects without a reader",
-     {NO_READER: "still connects", CARD: "no card"}),
+     {NO_READER: "still connects", CONNECT: None, CARD: "no card"}),
     ("person", "returns 0 without a card",
      {CONNECT: "no poll succeeds", FIRST_POLL: "", ZEROS: "", MANY: "", CARD: "returned 0", UNPLUGGED: "after plugging in"}),
     ("person", "never connects", {CONNECT: "usbConnect 0 (error"}),
@@ -216,10 +216,11 @@ class LibraryCheck(unittest.TestCase):
             with self.subTest(faults):
                 status, output, report, is_restored = future.result()
                 failed = outcomes(report, "fail")
-                self.assertEqual(sorted(failed), sorted(rows), output)
+                may_fail = {row for row, detail in rows.items() if detail is None}  # a matter of time
+                self.assertEqual(sorted({*failed} - may_fail), sorted({*rows} - may_fail), output)
                 self.assertEqual(status, int(bool(rows)))
-                for row, detail in rows.items():
-                    self.assertIn(detail, failed[row])
+                for row in failed:
+                    self.assertIn(rows[row] or "", failed[row])
                 self.assertTrue(is_restored or "NOT restored" in output, output)
 
 

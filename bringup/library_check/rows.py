@@ -312,6 +312,7 @@ def _(reader):
 
 @row("a card that was removed is no longer reported", needs="card")
 def _(reader):
+    reader.library.poll()
     reader.please("Remove the card.")
     if not reader.within_timeout(lambda: not reader.library.poll().has_card()):
         raise Failed("it is still reported")
