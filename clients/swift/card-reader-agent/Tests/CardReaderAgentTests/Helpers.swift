@@ -66,13 +66,9 @@ func sections(_ file: String) throws -> [(name: String, lines: [(number: Int, te
 func unescape(_ text: some StringProtocol) -> Data {
   let parts = text.components(separatedBy: "\\")
   return parts.dropFirst().reduce(into: Data(parts[0].utf8)) { bytes, part in
-    switch part.first {
-    case "n": bytes += Data([0x0a]) + Data(part.dropFirst().utf8)
-    case "0": bytes += Data([0]) + Data(part.dropFirst().utf8)
-    case "s": bytes += Data([0x20]) + Data(part.dropFirst().utf8)
-    default:
-      bytes += Data([UInt8(part.dropFirst().prefix(2), radix: 16)!]) + Data(part.dropFirst(3).utf8)
-    }
+    let simple: UInt8? = ["n": 0x0a, "0": 0, "s": 0x20][part.prefix(1)]
+    bytes.append(simple ?? UInt8(part.dropFirst().prefix(2), radix: 16)!)
+    bytes += part.utf8.dropFirst(simple == nil ? 3 : 1)
   }
 }
 
@@ -103,6 +99,8 @@ func set(_ options: inout CardReader.Options, _ option: String, _ value: String)
 
 typealias Command = @Sendable (isolated CardReader) async throws -> String
 
+private func none(_ result: Void) -> String { "" }
+
 /// A command as the lists have it.
 func parse(_ text: String) throws -> Command {
   var words = text.split(separator: " ").map { String(decoding: unescape($0), as: UTF8.self) }
@@ -128,20 +126,10 @@ func parse(_ text: String) throws -> Command {
         settings[String(name[0]), default: [:]][String(name[1])] = SettingValue(number)
       })
   case "waitFor":
-    return { reader in
-      try await reader.waitFor(CardReader.State(rawValue: first)!, timeout: timeout)
-      return ""
-    }
+    return { none(try await $0.waitFor(.init(rawValue: first)!, timeout: timeout)) }
   case "waitForConnection":
-    return { reader in
-      let name = try await reader.waitForConnection(timeout: timeout)
-      return name == reader.name ? "" : name
-    }
-  case "pause":
-    return { _ in
-      try await sleep(.milliseconds(Double(first)!))
-      return ""
-    }
+    return { try await $0.waitForConnection(timeout: timeout) == $0.name ? "" : "another name" }
+  case "pause": return { _ in none(try await sleep(.milliseconds(Double(first)!))) }
   default: throw Failure("no such command")
   }
   return { try await $0.execute(command, timeout: timeout) }
@@ -184,13 +172,11 @@ func describe(_ result: Result<String, any Error>) -> String {
 extension CardReader.Event {
   /// The event as the lists have it.
   var text: String {
-    switch self {
-    case .state(let state, _, let reason): return "state \(state)\(reason.map { ": \($0)" } ?? "")"
-    case .card(let id): return "card \(id)"
-    case .cardRemoved(let id): return "cardRemoved \(id)"
-    case .poll(let id): return "poll \(id)"
-    case .log(let text): return "log \(text)"
+    if case .state(let state, _, let reason) = self {
+      return "state \(state)\(reason.map { ": \($0)" } ?? "")"
     }
+    let (name, value) = Mirror(reflecting: self).children.first!
+    return "\(name!) \(value)"
   }
 }
 
