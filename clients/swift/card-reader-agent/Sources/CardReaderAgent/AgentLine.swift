@@ -11,15 +11,6 @@ enum AgentLine: Equatable {
   case card(String)
   case log(String)
 
-  /// An answer as it came.
-  var text: String {
-    switch self {
-    case .ok(let text): return text.isEmpty ? "Ok:" : "Ok: \(text)"
-    case .error(let text): return text.isEmpty ? "Error:" : "Error: \(text)"
-    default: return ""
-    }
-  }
-
   init(_ bytes: ArraySlice<UInt8>) {
     func text(after count: Int) -> String {
       String(decoding: bytes.dropFirst(count), as: UTF8.self)

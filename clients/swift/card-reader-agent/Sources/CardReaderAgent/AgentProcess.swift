@@ -1,12 +1,4 @@
-import Dispatch
-
-#if canImport(Darwin)
-  import Darwin
-#elseif canImport(Musl)
-  import Musl
-#else
-  import Glibc
-#endif
+import Foundation
 
 /// A child process and its three streams. Its functions may be called from any thread; its state
 /// belongs to its queue. Only the wait for the child's end takes a thread.
@@ -37,13 +29,12 @@ package final class AgentProcess: @unchecked Sendable {
   private var inputIsOpen = true
   private var closesInput = false
   private var outgoing: [UInt8] = []
-  private var sent = 0  // of these
   private var output: Inflow?
   private var errorOutput: Inflow?
   private var unfinishedLine: [UInt8] = []
   private var isOver = false
 
-  /// Starts the program; throws `SystemError` when it can't be started.
+  /// Starts the program; throws `agentStart` when it can't be started.
   package init(path: String, arguments: [String] = [], environment: [String: String]) throws {
     var streams: [ChildStream] = []
     do {
@@ -53,7 +44,7 @@ package final class AgentProcess: @unchecked Sendable {
         output: streams[1].theirs, error: streams[2].theirs)
     } catch {
       for stream in streams { _ = (close(stream.ours), close(stream.theirs)) }
-      throw error
+      throw CardReaderError.cannotStart(path, (error as? SystemError)?.code ?? 0)
     }
     for stream in streams { _ = close(stream.theirs) }
     (events, listener) = AsyncStream.makeStream(of: Event.self)
@@ -89,10 +80,6 @@ package final class AgentProcess: @unchecked Sendable {
   package func write(_ bytes: [UInt8]) {
     queue.async { [self] in
       guard inputIsOpen && !closesInput else { return }
-      if sent * 2 > outgoing.count {
-        outgoing.removeFirst(sent)
-        sent = 0
-      }
       outgoing += bytes
       if !waitsForRoom { flush() }
     }
@@ -142,15 +129,13 @@ package final class AgentProcess: @unchecked Sendable {
 
   private func flush() {
     dispatchPrecondition(condition: .onQueue(queue))
-    while sent < outgoing.count {
-      switch sendToChild(input, outgoing[sent...]) {
-      case .success(let count): sent += count
+    while !outgoing.isEmpty {
+      switch sendToChild(input, outgoing[...]) {
+      case .success(let count): outgoing.removeFirst(count)
       case .failure(let error) where error.code == EAGAIN: return waitForRoom(true)
       case .failure: return cutInput()  // nobody reads it any more; the end is near
       }
     }
-    outgoing.removeAll(keepingCapacity: outgoing.count < 65_536)
-    sent = 0
     waitForRoom(false)
     if closesInput { cutInput() }
   }
@@ -166,7 +151,6 @@ package final class AgentProcess: @unchecked Sendable {
     if !inputIsOpen { return }
     inputIsOpen = false
     outgoing = []
-    sent = 0
     waitForRoom(true)  // a source that is not active can't be cancelled to its end
     inputHasRoom.cancel()
   }

@@ -188,7 +188,7 @@ public actor CardReader: CardReaderProtocol {
     do {
       process = try AgentProcess(path: program, environment: env)
     } catch {
-      return .cannotStart(program, error as? SystemError ?? SystemError(code: 0))
+      return error as? CardReaderError ?? .notRunning
     }
     self.process = process
     (idleSince, idleBefore) = (clock.now, 0)
@@ -268,7 +268,7 @@ public actor CardReader: CardReaderProtocol {
     trace(.fromAgent, bytes)
     let line = AgentLine(bytes)
     switch line {
-    case .ok, .error: takeAnswer(line)
+    case .ok, .error: takeAnswer(line, bytes)
     case .reader(let name, let number) where lastConnection.map { $0 + 1 == number } ?? true:
       connect(name, number)
     case .noReader where reader != nil: disconnect("the reader was disconnected")
@@ -281,8 +281,9 @@ public actor CardReader: CardReaderProtocol {
     }
   }
 
-  private func takeAnswer(_ answer: AgentLine) {
-    switch pending.take(answer: answer, attached: reader) {
+  private func takeAnswer(_ answer: AgentLine, _ bytes: ArraySlice<UInt8>) {
+    let text = String(decoding: bytes, as: UTF8.self)
+    switch pending.take(answer: answer, text, attached: reader) {
     case .pending(let text): text.map(log)
     case .settled(let correction):
       oldestSince = clock.now
@@ -291,16 +292,12 @@ public actor CardReader: CardReaderProtocol {
         schedule()
       }
       setAnswered()
-      if let correction { correct(correction) }
-    }
-  }
-
-  // The reader is another one than this believes, because of a forged line.
-  private func correct(_ name: [UInt8]) {
-    if let number = connectionNumber(name[...]) {
-      connect(name, number)
-    } else {
-      disconnect("the reader was disconnected")
+      // A forged line has named another reader than the one that is attached.
+      if let name = correction, let number = connectionNumber(name[...]) {
+        connect(name, number)
+      } else if correction != nil {
+        disconnect("the reader was disconnected")
+      }
     }
   }
 

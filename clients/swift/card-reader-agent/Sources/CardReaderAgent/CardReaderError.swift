@@ -74,12 +74,14 @@ extension CardReaderError: LocalizedError, CustomStringConvertible {
   }
 
   /// Why a program could not be started.
-  static func cannotStart(_ path: String, _ error: SystemError) -> CardReaderError {
-    let name = name(ofError: error.code)
+  static func cannotStart(_ path: String, _ code: Int32) -> CardReaderError {
+    let name = name(ofError: code)
     let hint = "Rosetta is needed: softwareupdate --install-rosetta --agree-to-license"
     return .agentStart(
       systemCode: name,
-      reason: "cannot start \(path): \(name) (\(name == "EBADARCH" ? hint : error.text))")
+      reason:
+        "cannot start \(path): \(name) (\(name == "EBADARCH" ? hint : String(cString: strerror(code))))"
+    )
   }
 
   /// Whether a start that failed like this may succeed later, since only the machine is too busy.

@@ -17,10 +17,11 @@ struct PendingCommands {
     let limit: Double
     let seal: String
     let hasLine: Bool  // or is a ping that nobody waits for
-    var fence: String?
+    let fence: String?
     var isFenced = false
     var continuation: CheckedContinuation<String, any Error>?  // until it is settled
     var answer: AgentLine?
+    var text: String?  // of the answer's line
     var attached: [UInt8]?  // at the time of the answer
     var unknownSettings: Set<String> = []
   }
@@ -54,26 +55,24 @@ struct PendingCommands {
   }
 
   /// Takes a line that looks like an answer.
-  mutating func take(answer: AgentLine, attached: [UInt8]?) -> Outcome {
-    guard var command = commands[first] else { return .pending(log: answer.text) }
-    if let fence = command.fence {
-      guard answer == .ok(" \(fence)") else { return .pending(log: answer.text) }
-      (command.fence, command.isFenced) = (nil, true)
-    } else if answer == .ok(" \(command.seal)") {
+  mutating func take(answer: AgentLine, _ text: String, attached: [UInt8]?) -> Outcome {
+    guard let command = commands[first] else { return .pending(log: text) }
+    if let fence = command.fence, !command.isFenced {
+      guard answer == .ok(" \(fence)") else { return .pending(log: text) }
+      commands[first]?.isFenced = true
+      return .pending(log: nil)
+    }
+    if answer == .ok(" \(command.seal)") {
       settle(first, result(of: command))
       commands[first] = nil
       first += 1
       return .settled(correction: correction(command))
-    } else if !command.hasLine {
-      return .pending(log: answer.text)
-    } else {
-      defer { commands[first] = command }
-      let earlier = command.answer?.text
-      (command.answer, command.attached) = (answer, attached)
-      return .pending(log: earlier)
     }
-    commands[first] = command
-    return .pending(log: nil)
+    if !command.hasLine { return .pending(log: text) }
+    commands[first]?.answer = answer
+    commands[first]?.text = text
+    commands[first]?.attached = attached
+    return .pending(log: command.text)
   }
 
   /// Notes whether a log text names a setting of the oldest command's.

@@ -1,32 +1,22 @@
 // What macOS and Linux do differently, all of it: streams to a child that no other child inherits,
 // and starting a program in a session of its own.
 
-#if canImport(Darwin)
-  import Darwin
+import Foundation
 
+#if canImport(Darwin)
   /// The error of starting a program for a processor that this machine can't stand in for.
   let wrongProcessor = EBADARCH
   // With the second flag, what else this program has open stays out of the child.
   private let spawnFlags = Int32(POSIX_SPAWN_SETSID) | Int32(POSIX_SPAWN_CLOEXEC_DEFAULT)
   private let sendFlags: Int32 = 0
 #else
-  #if canImport(Musl)
-    import Musl
-  #else
-    import Glibc
-  #endif
-
   let wrongProcessor: Int32 = -1
   private let spawnFlags: Int32 = 0x80  // POSIX_SPAWN_SETSID, which the header shows only to C
   private let sendFlags = Int32(MSG_NOSIGNAL)
 #endif
 
 /// A call that failed, with its `errno`.
-package struct SystemError: Error {
-  let code: Int32
-
-  package var text: String { String(cString: strerror(code)) }
-}
+struct SystemError: Error { let code: Int32 }
 
 /// The two ends of a stream between here and a child, one of its standard streams. Ours never
 /// blocks, and no child inherits either by chance. Whoever makes one closes both.

@@ -18,7 +18,7 @@ import Foundation
 /// ```
 ///
 /// It exits with ``close()``, when nobody refers to it any more, and with this program, however that
-/// ends. All its functions throw ``VirtualReaderError`` with the reader's message.
+/// ends. Its verbs throw ``VirtualReaderError`` with the reader's message.
 public final class VirtualReader: Sendable {
   /// What to give to the agent or the application under test for its environment: this program's,
   /// and where this reader is.
@@ -46,8 +46,10 @@ public final class VirtualReader: Sendable {
       atPath: folder, withIntermediateDirectories: true, attributes: [.posixPermissions: 0o700])
     env["VIRTUAL_READER_SOCKET"] = "\(folder)/reader.sock"
     do {
-      let process = try run(
-        program, ["--socket", "\(folder)/reader.sock"] + (plugged ? [] : ["--unplugged"]), env)
+      let process = try AgentProcess(
+        path: program,
+        arguments: ["--socket", "\(folder)/reader.sock"] + (plugged ? [] : ["--unplugged"]),
+        environment: env)
       process.write(Array("echo \"ready\"\n".utf8))
       var errorOutput: [UInt8] = []
       for await event in process.events {
@@ -98,8 +100,9 @@ public final class VirtualReader: Sendable {
   /// Executes a verb, and returns its output without the last newline.
   @discardableResult
   public func execute(_ verb: String) async throws -> String {
-    let process = try Self.run(
-      program, ["--socket", "\(folder)/reader.sock", "--execute", verb], env)
+    let process = try AgentProcess(
+      path: program, arguments: ["--socket", "\(folder)/reader.sock", "--execute", verb],
+      environment: env)
     process.closeInput()
     var lines: [String] = []
     var errorOutput: [UInt8] = []
@@ -181,16 +184,6 @@ public final class VirtualReader: Sendable {
   }
 
   private func milliseconds(_ time: TimeSpan) -> Int { Int((time.seconds * 1000).rounded(.up)) }
-
-  private static func run(
-    _ program: String, _ arguments: [String], _ env: [String: String]
-  ) throws -> AgentProcess {
-    do {
-      return try AgentProcess(path: program, arguments: arguments, environment: env)
-    } catch let error as SystemError {
-      throw VirtualReaderError("cannot start \(program): \(error.text)")
-    }
-  }
 
   private static func search(_ path: String) throws -> String {
     let programs = path.split(separator: ":").map { "\($0)/virtual-reader" }
