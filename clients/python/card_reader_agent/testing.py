@@ -233,7 +233,8 @@ class StubReader(CardReader):
     """
 
     def __init__(self, **options: Any) -> None:
-        super().__init__("stub", **{"card_removed_after": 1e9, **options})
+        options.setdefault("card_removed_after", 1e9)
+        super().__init__("stub", **options)
         self.commands: list[str] = []
         self._errors: list[CardReaderError] = []
 
