@@ -9,6 +9,7 @@ import subprocess
 import sys
 import time
 import unittest
+from unittest import mock
 
 from bench import AGENT, PACKAGE, ends, output, script
 from card_reader_agent import Card, CardReader, CardRemoved, NoReaderError, ReaderChangedError, State
@@ -57,7 +58,7 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         return reader, events
 
     async def test_each_iteration_yields_all_events_from_then_on(self):
-        reader, early = await self.start()
+        reader, early = await self.start(close_timeout=60)
         await reader.wait_for("ready", timeout=TIMEOUT)
         late = reader.__aiter__()
         await self.bench.hold("3AB1234/26")
@@ -80,6 +81,9 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
             await asyncio.sleep(0)
             time.sleep(blocked)
             await beep
+        beep = reader.beep(timeout=0.3)
+        time.sleep(1)  # it was not even written
+        await beep
         seen = [events.queue.get_nowait() for _ in range(events.queue.qsize())]
         self.assertFalse([event for event in seen if isinstance(event, (Card, CardRemoved))])
 
@@ -107,6 +111,7 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
                 try:
                     await asyncio.sleep(60)
                 finally:
+                    await asyncio.sleep(0.2)  # it takes its time
                     outcomes.extend(await asyncio.gather(reader.beep(), return_exceptions=True))
             beep = reader.beep()
             await reader.close()
@@ -120,13 +125,22 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         self.assertEqual([type(outcomes[0]), *outcomes[1:]], [ReaderChangedError, None])
 
     async def test_ends_are_bounded_and_leave_nothing(self):
-        for text in "exec sleep 600", "exec >&-; exec sleep 600", "sleep 60 & exit 5":
+        for text in "exec sleep 600", "sleep 60 & exit 5":
             with self.subTest(text):
                 began = time.monotonic()
                 reader, _ = await self.start(script(text), close_timeout=0.2)
                 await asyncio.sleep(0.1)
                 await reader.close()
                 self.assertLess(time.monotonic() - began, 4)
+        with mock.patch("card_reader_agent.process.Process.kill"):  # it survives
+            reader, _ = await self.start(script("exec sleep 5"), close_timeout=0.1)
+            await asyncio.sleep(0.1)
+            beep = reader.ping()
+            await asyncio.wait_for(reader.close(), 4)
+            self.assertEqual(str(beep.exception()), "the agent is not responding")
+        reader, _ = await self.start(script("exec >&-; exec sleep 600"))
+        await reader.wait_for("restarting", timeout=4)
+        await reader.close()
         left = []
         reader, events = await self.start(script(ANSWERS_ONCE), restart_delay=0.01, restart_delay_limit=0.01)
         async for event in events:
