@@ -1,6 +1,7 @@
 // How a run ends: the first that knows sets it.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -35,6 +36,22 @@ class outcome {
     if (!first) first = {what, why};
     changed.notify_all();
   }
+  // Something that was expected did not happen. The run may go on, but cannot pass any more.
+  void fail(const std::string& lines) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    all_failures += lines;
+    if (!first_failure.empty()) return;
+    // Its first line, but for what leads to the next, and the word that the verdict has.
+    first_failure = lines.substr(0, std::min(lines.find('\n'), lines.find("; since then:")));
+    const std::string word = "FAILED: ";
+    const std::size_t at = first_failure.find(word);
+    if (at != first_failure.npos) first_failure.erase(at, word.size());
+  }
+  // The verdict on what has failed; PASSED if nothing has.
+  verdict failure() const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return {first_failure.empty() ? result::passed : result::failed, first_failure, all_failures};
+  }
   bool is_set() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return first.has_value();
@@ -54,6 +71,7 @@ class outcome {
   mutable std::mutex mutex;
   std::condition_variable changed;
   std::optional<verdict> first;
+  std::string first_failure, all_failures;
 };
 
 }  // namespace virtual_reader

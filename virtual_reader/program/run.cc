@@ -63,7 +63,7 @@ class test_run {
   void handle_signal(int number);
 
   verdict judge_exit();
-  verdict judge(verdict found, const tested_command::ending& ended);
+  verdict judge_end(const tested_command::ending& ended);
 
   const options& chosen;
   const run_parts parts;
@@ -84,10 +84,7 @@ class test_run {
   const std::unique_ptr<log_follower> events;  // writes them to a file; null without one
 
   std::mutex mutex;
-  // Guarded by mutex:
-  std::optional<tested_command> command;
-  std::optional<exit_status> exited;
-  std::string first_failure, all_failures, reader_name;
+  std::optional<tested_command> command;  // guarded by mutex until it is started
 
   std::optional<control_page> page;  // which exits after the server
   server listening;
@@ -162,7 +159,7 @@ run_state test_run::state() {
   if (has_command) {
     std::string text;
     for (const std::string& word : chosen.command) text += (text.empty() ? "" : " ") + word;
-    now.command_under_test = {text, command && !exited, !reader_name.empty()};
+    now.command_under_test = {text, command && !command->status(), command && command->is_agent()};
   }
   if (played) now.played = {played->path, played->line_number(), has_played};
   return now;
@@ -170,14 +167,7 @@ run_state test_run::state() {
 
 void test_run::report(const std::string& lines) {
   printed.print(channel::error, lines);
-  const std::lock_guard<std::mutex> lock(mutex);
-  all_failures += lines;
-  if (!first_failure.empty()) return;
-  // Its first line, but for what leads to the next, and the word that the verdict has.
-  first_failure = lines.substr(0, std::min(lines.find('\n'), lines.find("; since then:")));
-  const std::string word = "FAILED: ";
-  const std::size_t at = first_failure.find(word);
-  if (at != first_failure.npos) first_failure.erase(at, word.size());
+  end.fail(lines);
 }
 
 // The command, which is started if it was not yet; null if the run is over.
@@ -185,17 +175,10 @@ tested_command* test_run::start_command() {
   const std::lock_guard<std::mutex> lock(mutex);
   if (command || end.is_set()) return command ? &*command : nullptr;
   const auto on_line = [this](const std::string& line) {
-    const std::string announcement = "Reader: ";
-    if (line.rfind(announcement, 0) == 0) {
-      const std::lock_guard<std::mutex> naming(mutex);
-      reader_name = line.substr(announcement.size());
-    }
     reader.log.add(0, "received " + without_controls(line));
   };
   const auto on_exit = [this](const exit_status& status) {
     reader.log.add(0, "command exited with " + status.text());
-    const std::lock_guard<std::mutex> ending(mutex);
-    exited = status;
     end.set(result::command_failed);  // see judge_exit
   };
   return &command.emplace(chosen.command, path, *guard, on_line, on_exit);
@@ -205,13 +188,9 @@ tested_command* test_run::start_command() {
 void test_run::send(const std::string& line) {
   tested_command* const to = start_command();
   if (!to) throw cancelled();
-  std::string sent = line;
-  if (line.rfind("Global:", 0) != 0) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (!reader_name.empty()) sent = reader_name + ":" + line;
-  }
-  reader.log.add(0, "sent " + without_controls(sent));
-  if (!to->send(sent + "\n")) throw failed_expectation("command does not read its input", {});
+  const std::string addressed = to->addressed(line);
+  reader.log.add(0, "sent " + without_controls(addressed));
+  if (!to->send(addressed + "\n")) throw failed_expectation("command does not read its input", {});
 }
 
 void test_run::handle_signal(int number) {
@@ -306,48 +285,37 @@ void test_run::wait_for_replay() {
 
 verdict test_run::judge_exit() {
   if (!played) playing.wait_for(input_grace);
-  const std::lock_guard<std::mutex> lock(mutex);
-  if (has_played && exited->is_success()) return {result::passed};
-  const std::string what = (played ? place() + ": " : "") + "command exited with " + exited->text();
+  const exit_status status = *start_command()->status();
+  if (has_played && status.is_success()) return {result::passed};
+  const std::string what = (played ? place() + ": " : "") + "command exited with " + status.text();
   const std::string before = played         ? " before the script finished"
                              : has_replay() ? " before the recording ended"
                                             : " before standard input ended";
   return {result::command_failed, what + (has_played ? "" : before)};
 }
 
-verdict test_run::judge(verdict found, const tested_command::ending& ended) {
-  const std::lock_guard<std::mutex> lock(mutex);
-  const bool has_agent = reader.attached_count() > 0;
-  if (found.what == result::timed_out || found.what == result::interrupted) {
-    found.why += (found.why.empty() ? "" : " ") +
-                 (played && has_played ? "after the script finished" : "at " + place());
-    return found;
+// Of a run that came to its end.
+verdict test_run::judge_end(const tested_command::ending& ended) {
+  const auto replay = reader.replay_progress();
+  const verdict failure = end.failure();
+  if (failure.what == result::failed) return failure;
+  if (!ended.is_good) return {result::command_failed, "command " + ended.what};
+  if (has_command && played && !has_played) {
+    return {result::failed, place() + ": `quit` before the end of the script"};
   }
-  if (found.what == result::passed) {
-    const auto replay = reader.replay_progress();
-    if (!first_failure.empty()) {
-      found = {result::failed, first_failure};
-    } else if (!ended.is_good) {
-      found = {result::command_failed, "command " + ended.what};
-    } else if (has_command && played && !has_played) {
-      found = {result::failed, place() + ": `quit` before the end of the script"};
-    } else if (has_command && (played || has_replay()) && !has_agent) {
-      found = {result::failed, "nothing was tested"};
-    } else if (has_command && played && played->held_count() == 0 && !has_replay()) {
-      found = {result::failed, "nothing was tested: no `expect` held, but for `expect no`"};
-    } else if (has_command && has_replay() && !replay.has_ended) {
-      found = {result::failed, "the recording was not played to its end"};
-    } else if (has_command && has_replay() && replay.has_diverged && !chosen.is_lenient) {
-      found = {result::failed, "the calls diverged from the recording; see `replay diverged`"};
-    } else if (!ended.what.empty()) {
-      found.why = "command " + ended.what;
-    }
+  if (has_command && (played || has_replay()) && reader.attached_count() == 0) {
+    return {result::failed, "nothing was tested"};
   }
-  if (found.what == result::failed || found.what == result::command_failed) {
-    found.details = all_failures;
-    if (has_command && !has_agent) found.why += " (no agent connected)";
+  if (has_command && played && played->held_count() == 0 && !has_replay()) {
+    return {result::failed, "nothing was tested: no `expect` held, but for `expect no`"};
   }
-  return found;
+  if (has_command && has_replay() && !replay.has_ended) {
+    return {result::failed, "the recording was not played to its end"};
+  }
+  if (has_command && has_replay() && replay.has_diverged && !chosen.is_lenient) {
+    return {result::failed, "the calls diverged from the recording; see `replay diverged`"};
+  }
+  return {result::passed, ended.what.empty() ? "" : "command " + ended.what};
 }
 
 verdict test_run::finish() {
@@ -357,7 +325,17 @@ verdict test_run::finish() {
   reader.log.wake();
   if (playing.wait_for(output_grace) != std::future_status::ready) printed.cancel();
   playing.wait();
-  found = judge(found, command ? command->end() : tested_command::ending{});
+  tested_command* const started = start_command();  // starts none any more
+  const tested_command::ending ended = started ? started->end() : tested_command::ending{};
+  if (found.what == result::timed_out || found.what == result::interrupted) {
+    found.why += (found.why.empty() ? "" : " ") +
+                 (played && has_played ? "after the script finished" : "at " + place());
+  }
+  if (found.what == result::passed) found = judge_end(ended);
+  const bool is_failure = found.what == result::failed || found.what == result::command_failed;
+  if (is_failure && has_command && reader.attached_count() == 0) {
+    found.why += " (no agent connected)";
+  }
   if (has_command) reader.log.add(0, "verdict " + found.text());
   return found;
 }

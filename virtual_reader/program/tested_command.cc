@@ -100,11 +100,28 @@ void tested_command::close_input() {
   process.close_input();
 }
 
-bool tested_command::is_running() { return !status(); }
-
-std::optional<exit_status> tested_command::status() {
+std::optional<exit_status> tested_command::status() const {
   const std::lock_guard<std::mutex> lock(mutex);
   return known_status;
+}
+
+bool tested_command::is_agent() const {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return !reader_name.empty();
+}
+
+std::string tested_command::addressed(const std::string& line) const {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return line.rfind("Global:", 0) == 0 || reader_name.empty() ? line : reader_name + ":" + line;
+}
+
+void tested_command::handle_line(const std::string& line) {
+  const std::string announcement = "Reader: ";
+  if (line.rfind(announcement, 0) == 0) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    reader_name = line.substr(announcement.size());
+  }
+  on_line(line);
 }
 
 void tested_command::pass_output() {
@@ -116,13 +133,13 @@ void tested_command::pass_output() {
     pending.append(block, size);
     std::size_t start = 0;
     for (std::size_t end; (end = pending.find('\n', start)) != pending.npos; start = end + 1) {
-      on_line(pending.substr(start, end - start));
+      handle_line(pending.substr(start, end - start));
     }
     pending.erase(0, start);
-    if (pending.size() > longest_piece) on_line(std::exchange(pending, ""));
+    if (pending.size() > longest_piece) handle_line(std::exchange(pending, ""));
     output_ends.write_all(STDOUT_FILENO, {block, size});
   }
-  if (!pending.empty()) on_line(pending);
+  if (!pending.empty()) handle_line(pending);
   const std::lock_guard<std::mutex> lock(mutex);
   has_output = false;
   changed.notify_all();
@@ -130,10 +147,12 @@ void tested_command::pass_output() {
 
 void tested_command::wait_for_exit() {
   const exit_status found = process.wait();
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    known_status = found;
+    changed.notify_all();
+  }
   on_exit(found);
-  const std::lock_guard<std::mutex> lock(mutex);
-  known_status = found;
-  changed.notify_all();
 }
 
 bool tested_command::wait_until_ended(milliseconds limit) {

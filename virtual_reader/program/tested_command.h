@@ -42,12 +42,17 @@ class tested_command {
   // False if it does not take the bytes within some seconds, or its input has been closed.
   bool send(const std::string& bytes);
   void close_input();
-  bool is_running();
+  std::optional<exit_status> status() const;  // nothing while it runs
+
+  // An agent prints the name of each reader. The line as it is to be sent: with the last name and a
+  // colon before it, unless it begins with `Global:` or none was printed.
+  std::string addressed(const std::string& line) const;
+  bool is_agent() const;
 
  private:
   void pass_output();
+  void handle_line(const std::string& line);
   void wait_for_exit();
-  std::optional<exit_status> status();
   bool wait_until_ended(std::chrono::milliseconds limit);
 
   const std::string mark;  // an environment variable that finds its processes
@@ -58,11 +63,12 @@ class tested_command {
   cancellation input_ends, output_ends;
   std::atomic<bool> has_ended{false};
   std::mutex sending;
-  std::mutex mutex;
+  mutable std::mutex mutex;
   std::condition_variable changed;
   // Guarded by mutex:
   std::optional<exit_status> known_status;
   bool has_output = true;
+  std::string reader_name;
 
   std::thread waiter, output;
 };
