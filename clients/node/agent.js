@@ -182,13 +182,9 @@ class Agent {
     const { name, number, id, text } = parseEvent(line);
     if (name === 'Global' && this.#reader) this.#attach({ name: null });
     else if (name && number === (this.#number ?? number - 1) + 1) this.#attach({ name, number });
-    else if (id && this.#reader && !this.#isExecuting) this.#handlers.card(id);
+    // The agent executes the oldest command, if that is a reader's: the ping before it was answered.
+    else if (id && this.#reader && !this.#first?.isForReader) this.#handlers.card(id);
     else this.#log(text);
-  }
-
-  // Whether the agent certainly executes a reader's command: the ping before it was answered.
-  get #isExecuting() {
-    return Boolean(this.#first?.isForReader && !this.#first.answer);
   }
 
   #readAnswer(answer) {

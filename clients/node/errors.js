@@ -45,22 +45,12 @@ class AgentStartError extends CardReaderError {
   }
 }
 
-const errors = {
-  CardReaderError,
-  NoReaderError,
-  ReaderChangedError,
-  ReaderFailedError,
-  RejectedError,
-  UnknownSettingsError,
-  CommandTimeoutError,
-  AgentEndedError,
-  AgentStartError,
-};
+Object.assign(exports, { CardReaderError, NoReaderError, ReaderChangedError, ReaderFailedError });
+Object.assign(exports, { RejectedError, UnknownSettingsError, CommandTimeoutError });
+Object.assign(exports, { AgentEndedError, AgentStartError });
 
 // Bundlers rename classes, so the names are literal. Codes are derived: NoReaderError, NO_READER.
-for (const [name, type] of Object.entries(errors)) {
+for (const [name, type] of Object.entries(exports)) {
   const code = name.replace(/Error$/, '').replace(/(?<=[a-z])[A-Z]/g, '_$&');
   Object.assign(type.prototype, { name, code: code.toUpperCase() });
 }
-
-module.exports = errors;

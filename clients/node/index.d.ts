@@ -18,14 +18,8 @@ export type AgentPath = string | URL;
 // ---- Errors
 
 export type ErrorCode =
-  | 'NO_READER'
-  | 'READER_CHANGED'
-  | 'READER_FAILED'
-  | 'REJECTED'
-  | 'UNKNOWN_SETTINGS'
-  | 'COMMAND_TIMEOUT'
-  | 'AGENT_ENDED'
-  | 'AGENT_START';
+  | 'NO_READER' | 'READER_CHANGED' | 'READER_FAILED' | 'REJECTED'
+  | 'UNKNOWN_SETTINGS' | 'COMMAND_TIMEOUT' | 'AGENT_ENDED' | 'AGENT_START';
 
 /** The base of all errors of this package. Wrong arguments are a `TypeError` or a `RangeError`. */
 export abstract class CardReaderError extends Error {
@@ -33,42 +27,31 @@ export abstract class CardReaderError extends Error {
 }
 
 /** No reader is attached. */
-export class NoReaderError extends CardReaderError {
-  readonly code: 'NO_READER';
-}
+export class NoReaderError extends CardReaderError {}
 
 /** The reader was replaced or reconnected before the command's turn. Nothing was executed. */
-export class ReaderChangedError extends CardReaderError {
-  readonly code: 'READER_CHANGED';
-}
+export class ReaderChangedError extends CardReaderError {}
 
 /** The reader or its library failed. */
 export class ReaderFailedError extends CardReaderError {
-  readonly code: 'READER_FAILED';
   /** The library's error number; null for a configuration. */
   readonly number: number | null;
 }
 
 /** The agent did not understand the command; the message is the agent's. */
-export class RejectedError extends CardReaderError {
-  readonly code: 'REJECTED';
-}
+export class RejectedError extends CardReaderError {}
 
 /** The agent does not know some of the settings, and has applied the others. */
 export class UnknownSettingsError extends CardReaderError {
-  readonly code: 'UNKNOWN_SETTINGS';
   /** As `type.name`, sorted. */
   readonly names: string[];
 }
 
 /** No answer within the timeout. The command may have been executed, or still be. */
-export class CommandTimeoutError extends CardReaderError {
-  readonly code: 'COMMAND_TIMEOUT';
-}
+export class CommandTimeoutError extends CardReaderError {}
 
 /** The agent ended, or none runs, so the command has no answer. */
 export class AgentEndedError extends CardReaderError {
-  readonly code: 'AGENT_ENDED';
   /** The exit status; null after a signal, and while the agent has not exited. */
   readonly status: number | null;
   readonly signal: NodeJS.Signals | null;
@@ -76,7 +59,6 @@ export class AgentEndedError extends CardReaderError {
 
 /** The agent cannot be started. */
 export class AgentStartError extends CardReaderError {
-  readonly code: 'AGENT_START';
   /** The system's error code, such as `ENOENT`. */
   readonly systemCode: string;
 }

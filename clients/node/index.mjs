@@ -4,14 +4,6 @@ import errors from './errors.js';
 import reader from './reader.js';
 
 export const { CardReader } = reader;
-export const {
-  CardReaderError,
-  NoReaderError,
-  ReaderChangedError,
-  ReaderFailedError,
-  RejectedError,
-  UnknownSettingsError,
-  CommandTimeoutError,
-  AgentEndedError,
-  AgentStartError,
-} = errors;
+export const { CardReaderError, NoReaderError, ReaderChangedError, ReaderFailedError } = errors;
+export const { RejectedError, UnknownSettingsError, CommandTimeoutError } = errors;
+export const { AgentEndedError, AgentStartError } = errors;

@@ -1,32 +1,30 @@
 'use strict';
 // The options of a CardReader: their defaults, and what is accepted.
 
-const isTime = [(value) => Number.isFinite(value) && value >= 0, 'a finite number from 0'];
-const isTimeout = [(value) => Number.isFinite(value) && value > 0, 'a finite number above 0'];
-const isLimit = [(value) => value > 0, 'a number above 0, or Infinity'];
-const isCount = [
-  (value) => value >= 1 && (Number.isInteger(value) || value === Infinity),
-  'a whole number from 1, or Infinity',
-];
-const isFunction = [(value) => value === null || typeof value === 'function', 'a function'];
+const TIME = [(value) => value >= 0 && value < Infinity, 'a finite number from 0'];
+const TIMEOUT = [(value) => value > 0 && value < Infinity, 'a finite number above 0'];
+const LIMIT = [(value) => value > 0, 'a number above 0, or Infinity'];
+const isCount = (value) => value >= 1 && (value === Infinity || Number.isInteger(value));
+const COUNT = [isCount, 'a whole number from 1, or Infinity'];
+const isFunction = (value) => typeof value === 'function';
+const FUNCTION = [(value) => value === null || isFunction(value), 'a function'];
+const isStandardError = (value) => ['inherit', 'ignore'].includes(value) || isFunction(value);
+const STDERR = [isStandardError, "'inherit', 'ignore' or a function"];
+const OBJECT = [(value) => value !== null && typeof value === 'object', 'an object'];
 
 const OPTIONS = {
-  env: [process.env, (value) => value !== null && typeof value === 'object', 'an object'],
-  restartDelay: [500, ...isTime],
-  restartDelayLimit: [30_000, ...isTime],
-  giveUpAfter: [5, ...isCount],
-  commandTimeout: [10_000, ...isLimit],
-  watchdogInterval: [5_000, ...isTime],
-  watchdogTimeout: [15_000, ...isTimeout],
-  cardRemovedAfter: [600, ...isTime],
-  onConnect: [null, ...isFunction],
-  closeTimeout: [2_000, ...isTime],
-  stderr: [
-    'inherit',
-    (value) => ['inherit', 'ignore'].includes(value) || typeof value === 'function',
-    "'inherit', 'ignore' or a function",
-  ],
-  trace: [null, ...isFunction],
+  env: [process.env, ...OBJECT],
+  restartDelay: [500, ...TIME],
+  restartDelayLimit: [30_000, ...TIME],
+  giveUpAfter: [5, ...COUNT],
+  commandTimeout: [10_000, ...LIMIT],
+  watchdogInterval: [5_000, ...TIME],
+  watchdogTimeout: [15_000, ...TIMEOUT],
+  cardRemovedAfter: [600, ...TIME],
+  onConnect: [null, ...FUNCTION],
+  closeTimeout: [2_000, ...TIME],
+  stderr: ['inherit', ...STDERR],
+  trace: [null, ...FUNCTION],
 };
 
 const quote = (value) => (typeof value === 'string' ? `'${value}'` : String(value));

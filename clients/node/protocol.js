@@ -104,13 +104,5 @@ function unknownSettings(settings, logs) {
   return unknown.map(([type, name]) => `${type}.${name}`).sort();
 }
 
-module.exports = {
-  decode,
-  encode,
-  parseAnswer,
-  parseEvent,
-  attachedReader,
-  errorOf,
-  configCommand,
-  unknownSettings,
-};
+Object.assign(exports, { decode, encode, parseAnswer, parseEvent, attachedReader, errorOf });
+Object.assign(exports, { configCommand, unknownSettings });

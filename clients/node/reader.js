@@ -13,8 +13,8 @@ const { AgentEndedError, AgentStartError, CommandTimeoutError, NoReaderError } =
 const STATES = ['starting', 'searching', 'ready', 'restarting', 'failed', 'closed'];
 const RETRYABLE = ['EAGAIN', 'EMFILE', 'ENFILE', 'ENOMEM', 'ETXTBSY']; // a later start may succeed
 const NOT_RESPONDING = 'the agent is not responding';
-const ON_CONNECT_LIMIT_MS = 2000; // for the function that was told to stop
 const TIMED_OUT = Symbol('timed out');
+const ON_CONNECT_LIMIT_MS = 2000; // for the function that was told to stop
 const createAgent = Symbol('createAgent'); // for the stub reader
 
 // The agent's program, also where its bundle is named.
@@ -26,19 +26,21 @@ function programOf(path) {
   return path.replace(/\.app\/*$/, '$&/Contents/MacOS/card-reader-agent');
 }
 
-// Begins and awaits. Rejects with TIMED_OUT, or with the signal's reason, when that comes first.
-async function limited(begin, timeout, signal) {
+// Begins and awaits. Rejects when the time is over, or with the signal's reason.
+async function limited(begin, timeout, signal, problem) {
   checkTimeout(timeout);
   signal?.throwIfAborted();
   const promise = begin();
   let abort, countdown;
   try {
     return await new Promise((resolve, reject) => {
-      promise.then(resolve, reject);
       abort = () => reject(signal.reason);
-      signal?.addEventListener('abort', abort);
       countdown = new Countdown(timeout, () => reject(TIMED_OUT)).run();
+      signal?.addEventListener('abort', abort);
+      promise.then(resolve, reject);
     });
+  } catch (error) {
+    throw error === TIMED_OUT ? new CommandTimeoutError(`${problem} within ${timeout} ms`) : error;
   } finally {
     signal?.removeEventListener('abort', abort);
     countdown.pause();
@@ -186,10 +188,7 @@ class CardReader extends events.EventEmitter {
         this.#rejectWaiters();
       });
     try {
-      return await limited(begin, timeout, signal);
-    } catch (error) {
-      if (error !== TIMED_OUT) throw error;
-      throw new CommandTimeoutError(`the state was not ${state} within ${timeout} ms`);
+      return await limited(begin, timeout, signal, `the state was not ${state}`);
     } finally {
       this.#waiters.delete(waiter);
     }
@@ -211,20 +210,17 @@ class CardReader extends events.EventEmitter {
   }
 
   // Errors are made here, where the stack still names whoever awaits them.
-  async #run(line, { timeout = this.#options.commandTimeout, signal } = {}, isForReader = false) {
+  async #run(line, limits, isForReader = false) {
+    const { timeout = this.#options.commandTimeout, signal } = limits ?? {};
     const begin = () => {
       if (!this.#agent) throw new AgentEndedError();
       return this.#agent.send(line, isForReader);
     };
-    try {
-      const command = await limited(begin, timeout, signal);
-      const { answer, end } = command;
-      if (end) throw new AgentEndedError(end.message, end.status, end.signal);
-      if (answer.kind === 'Error') throw errorOf(answer.text);
-      return command;
-    } catch (error) {
-      throw error === TIMED_OUT ? new CommandTimeoutError(`no answer within ${timeout} ms`) : error;
-    }
+    const command = await limited(begin, timeout, signal, 'no answer');
+    const { answer, end } = command;
+    if (end) throw new AgentEndedError(end.message, end.status, end.signal);
+    if (answer.kind === 'Error') throw errorOf(answer.text);
+    return command;
   }
 
   [createAgent](handlers) {

@@ -60,58 +60,6 @@ class VirtualReader {
     });
   }
 
-  async plug() {
-    await this.execute('plug');
-  }
-
-  async unplug() {
-    await this.execute('unplug');
-  }
-
-  async replug() {
-    await this.execute('replug');
-  }
-
-  async queue(...cards) {
-    await this.execute(`card queue ${cards.join(' ')}`);
-  }
-
-  async hold(card) {
-    await this.execute(`card hold ${card}`);
-  }
-
-  async remove() {
-    await this.execute('card remove');
-  }
-
-  async fail(call, { error, when } = {}) {
-    await this.execute(`fail ${call}${error === undefined ? '' : ` error ${error}`} ${when ?? ''}`);
-  }
-
-  async hang(call) {
-    await this.execute(`hang ${call}`);
-  }
-
-  async delay(call, ms) {
-    await this.execute(`delay ${call} ${ms}`);
-  }
-
-  async release() {
-    await this.execute('release');
-  }
-
-  async clear() {
-    await this.execute('clear');
-  }
-
-  async expect(pattern, { within } = {}) {
-    await this.execute(`expect ${pattern}${within === undefined ? '' : ` within ${within}`}`);
-  }
-
-  async expectNo(pattern, { within } = {}) {
-    await this.execute(`expect no ${pattern}${within === undefined ? '' : ` within ${within}`}`);
-  }
-
   async events(count = 1_000_000) {
     const text = await this.execute(`events ${count}`);
     return text ? text.split('\n') : [];
@@ -134,6 +82,29 @@ class VirtualReader {
     }
     await rm(this.#folder, { recursive: true, force: true });
   }
+}
+
+const within = (limit) => (limit?.within === undefined ? '' : ` within ${limit.within}`);
+const VERBS = {
+  plug: () => 'plug',
+  unplug: () => 'unplug',
+  replug: () => 'replug',
+  queue: (...cards) => `card queue ${cards.join(' ')}`,
+  hold: (card) => `card hold ${card}`,
+  remove: () => 'card remove',
+  fail: (call, { error, when = '' } = {}) =>
+    `fail ${call}${error === undefined ? '' : ` error ${error}`} ${when}`,
+  hang: (call) => `hang ${call}`,
+  delay: (call, ms) => `delay ${call} ${ms}`,
+  release: () => 'release',
+  clear: () => 'clear',
+  expect: (pattern, limit) => `expect ${pattern}${within(limit)}`,
+  expectNo: (pattern, limit) => `expect no ${pattern}${within(limit)}`,
+};
+for (const [name, verb] of Object.entries(VERBS)) {
+  VirtualReader.prototype[name] = async function (...args) {
+    await this.execute(verb(...args));
+  };
 }
 
 // A CardReader without an agent: the test says what the reader does. Every command succeeds, but the
