@@ -142,7 +142,7 @@ async function play(lines) {
   for (const pid of pids) assert.throws(() => process.kill(pid, 0), { code: 'ESRCH' });
 }
 
-const cases = sections('conformance-new.txt');
+const cases = sections('conformance.txt');
 const isSuspended = ({ lines }) => lines.some(({ line }) => line.startsWith('suspend'));
 
 describe('conformance', { concurrency: 8 }, () => {
