@@ -161,7 +161,7 @@ run_state test_run::state() {
     for (const std::string& word : chosen.command) text += (text.empty() ? "" : " ") + word;
     now.command_under_test = {text, command && !command->status(), command && command->is_agent()};
   }
-  if (played) now.played = {played->path, played->line_number(), has_played};
+  if (played) now.played = {played->path, played->line_number(), has_played, played->lines};
   return now;
 }
 

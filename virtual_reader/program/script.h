@@ -42,9 +42,9 @@ class script {
   std::size_t held_count() const { return held; }
 
   const std::string path;
+  std::vector<std::string> lines;
 
  private:
-  std::vector<std::string> lines;
   std::atomic<std::size_t> number{1}, held{0};
 };
 

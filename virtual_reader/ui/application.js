@@ -27,7 +27,7 @@ export function add(events) {
 
 export function draw({ command }) {
   if (command) at('application').hidden = false;
-  at('commands').hidden = command?.is_agent === false;
+  at('commands').hidden = !command?.is_agent;
 }
 
 form.onsubmit = (event) => {

@@ -37,6 +37,7 @@ struct run_state {
     std::string path;
     std::size_t line = 0;
     bool is_finished = false;
+    std::vector<std::string> lines;
   };
   std::optional<command> command_under_test;
   std::optional<script> played;

@@ -142,6 +142,14 @@ const std::vector<verb> all = {
      [](tokens&, command* c) { c->act = [](const session& s) { s.show("led "); }; }},
     {"beeps", "", "how often it has beeped",
      [](tokens&, command* c) { c->act = [](const session& s) { s.show("beeps "); }; }},
+    {"script", "", "the lines of the script that is run",
+     [](tokens&, command* c) {
+       c->act = [](const session& s) {
+         const auto state = s.callbacks.run ? s.callbacks.run() : run_state();
+         if (!state.played) throw syntax_error("no script is run");
+         for (const std::string& line : state.played->lines) s.answer(line);
+       };
+     }},
     {"config", "", "the configuration that it has stored",
      [](tokens&, command* c) {
        c->act = [](const session& s) {
