@@ -59,6 +59,7 @@ port.onmessage = ({ data }) => {
     events.splice(0, events.length - 5000);
   }
   if (data.link !== undefined) setLink(data.link);
+  if (data.script) script.show(data.script);
   state = data.state ?? state;
   frame ??= requestAnimationFrame(update);
 };

@@ -1,8 +1,5 @@
 // The script that is run, where it is, and the verdict.
-import { execute } from './verbs.js';
 import { at, element } from './page.js';
-
-let path; // of the script that is shown
 
 function point(number, className) {
   const line = at('script-lines').children[number - 1];
@@ -12,23 +9,22 @@ function point(number, className) {
   line.scrollIntoView({ block: 'nearest' });
 }
 
+export function show(text) {
+  const lines = text.split('\n').slice(0, 5000).map((line) => element('li', {}, line));
+  at('script-lines').replaceChildren(...lines);
+  at('script').hidden = false;
+}
+
 export function draw({ script }) {
-  if (script && script.path !== path) {
-    path = script.path;
-    execute('script').then((text) => {
-      at('script-title').textContent = path.split('/').at(-1);
-      at('script-lines').replaceChildren(
-        ...text.split('\n').slice(0, 5000).map((line) => element('li', {}, line)));
-      at('script').hidden = false;
-    }, () => { path = undefined; });
-  }
-  if (script && !at('verdict').textContent) point(script.line, 'current');
+  if (!script) return;
+  at('script-title').textContent = script.path.split('/').at(-1);
+  if (!at('verdict').textContent) point(script.line, 'current');
 }
 
 export function add(events) {
   const verdict = events.findLast(({ kind }) => kind === 'verdict');
   if (!verdict) return;
-  at('verdict').textContent = verdict.text.replace(/^verdict /, '');
+  at('verdict').textContent = verdict.text.replace('verdict ', '');
   at('verdict').className = verdict.status === 0 ? 'passed' : 'failed';
   const line = verdict.line ?? /:(\d+):/.exec(verdict.why)?.[1];
   if (line) point(line, 'failed');

@@ -9,6 +9,7 @@ let next = 1; // the number behind the last event
 let history = Infinity; // the number of the last event from before the worker started
 let link; // whether the reader answers
 let state = null; // what `show --json` answers
+let script; // the lines of the script, if one is run
 let isStale = false;
 let isAsking = false;
 
@@ -55,7 +56,7 @@ function read(line) {
 function setLink(now) {
   if (now === link) return;
   link = now;
-  send({ link });
+  send({ link, script });
   updateState();
 }
 
@@ -63,6 +64,7 @@ async function follow() {
   if (history === Infinity) {
     history = JSON.parse(await execute('events --json 1') || '{"number":0}').number;
   }
+  script ??= await execute('script').catch(() => ''); // which starts once its events are followed
   const answer = await fetch('events');
   if (!answer.ok) throw new Error(await answer.text());
   setLink(true);
@@ -77,7 +79,7 @@ async function follow() {
 onconnect = ({ ports: [tab] }) => {
   tabs.add(tab);
   tab.onmessage = () => tabs.delete(tab); // it is being closed
-  tab.postMessage(hasHistory() ? { events, state, link } : { link });
+  tab.postMessage(hasHistory() ? { events, state, link, script } : { link, script });
 };
 
 setInterval(flush, 50);
