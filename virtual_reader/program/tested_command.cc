@@ -1,5 +1,6 @@
 #include "tested_command.h"
 
+#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <utility>
@@ -46,14 +46,15 @@ std::string new_mark() {
 std::vector<pid_t> find_processes(const std::string& mark) {
   const std::string wanted = std::string(mark_name) + "=" + mark + '\0';
   std::vector<pid_t> found;
-  std::error_code ignored;
-  for (const auto& each : std::filesystem::directory_iterator("/proc", ignored)) {
-    const std::string name = each.path().filename();
+  DIR* const folder = opendir("/proc");
+  while (const dirent* const each = folder ? readdir(folder) : nullptr) {
+    const std::string name = each->d_name;
     if (name.find_first_not_of("0123456789") != name.npos) continue;
-    std::ifstream file(each.path() / "environ", std::ios::binary);
+    std::ifstream file("/proc/" + name + "/environ", std::ios::binary);
     const std::string environment(std::istreambuf_iterator<char>(file), {});
     if (environment.find(wanted) != environment.npos) found.push_back(std::stoi(name));
   }
+  if (folder) closedir(folder);
   return found;
 }
 
