@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,24 +29,33 @@ bool cancellation::is_cancelled() const {
   return poll(&entry, 1, 0) > 0;
 }
 
-bool cancellation::wait_for(int descriptor, short events, moment until) const {
+// By select, since poll refuses terminals on macOS.
+bool cancellation::wait_for(int descriptor, direction wanted, moment until) const {
   for (;;) {
-    int limit = -1;
-    if (until != never) {
-      const auto left =
-          std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
-      limit = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT_MAX));
-    }
-    pollfd both[2] = {{descriptor, events, 0}, {read_end.number, POLLIN, 0}};
-    const int count = poll(both, 2, limit);
+    const auto left = until == never ? std::chrono::hours(1)
+                                     : std::chrono::ceil<std::chrono::microseconds>(
+                                           until - std::chrono::steady_clock::now());
+    const auto limit =
+        std::clamp<std::chrono::microseconds>(left, std::chrono::seconds(0), std::chrono::hours(1));
+    timeval time{};
+    time.tv_sec = static_cast<time_t>(limit.count() / 1'000'000);
+    time.tv_usec = static_cast<suseconds_t>(limit.count() % 1'000'000);
+    fd_set inputs, outputs;
+    FD_ZERO(&inputs);
+    FD_ZERO(&outputs);
+    FD_SET(read_end.number, &inputs);
+    if (descriptor >= 0) FD_SET(descriptor, wanted == direction::input ? &inputs : &outputs);
+    const int most = std::max(read_end.number, descriptor);
+    const int count = select(most + 1, &inputs, &outputs, nullptr, &time);
     if (count < 0 && errno == EINTR) continue;
-    return count > 0 && both[1].revents == 0;
+    if (count == 0 && (until == never || std::chrono::steady_clock::now() < until)) continue;
+    return count > 0 && !FD_ISSET(read_end.number, &inputs);
   }
 }
 
 bool cancellation::write_all(int descriptor, const std::string& bytes, moment until) const {
   for (std::size_t written = 0; written < bytes.size();) {
-    if (!wait_for(descriptor, POLLOUT, until)) return false;
+    if (!wait_for(descriptor, direction::output, until)) return false;
     const std::size_t size = std::min<std::size_t>(bytes.size() - written, PIPE_BUF);
     const ssize_t count = write(descriptor, bytes.data() + written, size);
     if (count > 0) written += static_cast<std::size_t>(count);

@@ -14,9 +14,10 @@ class cancellation {
   void cancel();   // for good
   bool is_cancelled() const;
 
-  // Waits until the descriptor has what poll(2) calls `events`, or an error. False if cancelled,
-  // before or meanwhile, or if that took too long.
-  bool wait_for(int descriptor, short events, moment until = never) const;
+  enum class direction { input, output };
+  // Waits until the descriptor, if it is none below 0, is ready, or has an error. False if
+  // cancelled, before or meanwhile, or if that took too long.
+  bool wait_for(int descriptor, direction wanted, moment until = never) const;
 
   // Writes all of it, in pieces that a pipe takes whole. False if cancelled, too late, or if the
   // descriptor takes no more.

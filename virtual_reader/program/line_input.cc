@@ -1,6 +1,5 @@
 #include "line_input.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,7 +11,7 @@ std::optional<std::string> line_input::next_line() {
   std::string line;
   for (bool has_begun = false;;) {
     if (used == block.size()) {
-      if (!ending.wait_for(STDIN_FILENO, POLLIN)) return {};
+      if (!ending.wait_for(STDIN_FILENO, cancellation::direction::input)) return {};
       block.resize(65536);
       used = 0;
       const ssize_t count = read(STDIN_FILENO, block.data(), block.size());

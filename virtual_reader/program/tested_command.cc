@@ -128,7 +128,7 @@ void tested_command::handle_line(const std::string& line) {
 void tested_command::pass_output() {
   std::string pending;
   char block[65536];
-  while (output_ends.wait_for(process.output_descriptor(), POLLIN)) {
+  while (output_ends.wait_for(process.output_descriptor(), cancellation::direction::input)) {
     const std::size_t size = process.receive(block, sizeof block);
     if (size == 0) break;
     pending.append(block, size);

@@ -1,6 +1,5 @@
 #include "ui.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 #ifdef __APPLE__
@@ -53,7 +52,7 @@ control_page::control_page(const std::string& socket_path,
 
 control_page::~control_page() {
   for (const int number : {SIGTERM, SIGKILL}) {
-    exited.wait_for(-1, 0, in(exit_limit));
+    exited.wait_for(-1, cancellation::direction::input, in(exit_limit));
     if (!exited.is_cancelled()) kill(-server.pid(), number);
   }
   waiter.join();
