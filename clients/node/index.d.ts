@@ -102,10 +102,14 @@ export interface ReaderOptions {
   trace?: Trace | null | undefined;
 }
 
-/** Limits of one call, which rejects with `CommandTimeoutError`, or with the signal's reason. */
-export interface Limits {
+/** A call that is cancelled rejects with the signal's reason. */
+export interface Cancel {
+  signal?: AbortSignal;
+}
+
+/** A call that takes longer rejects with `CommandTimeoutError`. */
+export interface Limits extends Cancel {
   timeout?: number | undefined;
-  signal?: AbortSignal | undefined;
 }
 
 export interface BeepOptions extends Limits {
@@ -114,6 +118,8 @@ export interface BeepOptions extends Limits {
   /** Default: `short`. */
   length?: BeepLength | undefined;
 }
+
+export type EventName = keyof ReaderEvents;
 
 export interface ReaderEvents {
   /** The state has changed. The reason is a sentence for people, or null. */
@@ -168,7 +174,7 @@ export class CardReader extends EventEmitter implements AsyncIterable<ReaderEven
    * the state is `closed`, at most two seconds later. If the signal is aborted, it rejects at once,
    * and the reader closes nevertheless.
    */
-  close(options?: { signal?: AbortSignal | undefined }): Promise<void>;
+  close(options?: Cancel): Promise<void>;
 
   /** Resolves with the text, without white space at its end. */
   ping(text?: string, limits?: Limits): Promise<string>;
@@ -193,20 +199,12 @@ export class CardReader extends EventEmitter implements AsyncIterable<ReaderEven
   /** Closes. */
   [Symbol.asyncDispose](): Promise<void>;
 
-  static once<E extends keyof ReaderEvents>(
-    reader: CardReader,
-    event: E,
-    options?: { signal?: AbortSignal },
-  ): Promise<ReaderEvents[E]>;
+  static once<E extends EventName>(reader: CardReader, event: E, options?: Cancel): Promise<ReaderEvents[E]>;
   static once(...args: Parameters<typeof EventEmitter.once>): Promise<any[]>;
-  static on<E extends keyof ReaderEvents>(
-    reader: CardReader,
-    event: E,
-    options?: { signal?: AbortSignal },
-  ): AsyncIterableIterator<ReaderEvents[E]>;
+  static on<E extends EventName>(reader: CardReader, event: E, options?: Cancel): AsyncIterableIterator<ReaderEvents[E]>;
   static on(...args: Parameters<typeof EventEmitter.on>): AsyncIterableIterator<any>;
 
-  on<E extends keyof ReaderEvents>(event: E, listener: (...args: ReaderEvents[E]) => unknown): this;
-  once<E extends keyof ReaderEvents>(event: E, listener: (...args: ReaderEvents[E]) => unknown): this;
-  off<E extends keyof ReaderEvents>(event: E, listener: (...args: ReaderEvents[E]) => unknown): this;
+  on<E extends EventName>(event: E, listener: (...args: ReaderEvents[E]) => unknown): this;
+  once<E extends EventName>(event: E, listener: (...args: ReaderEvents[E]) => unknown): this;
+  off<E extends EventName>(event: E, listener: (...args: ReaderEvents[E]) => unknown): this;
 }

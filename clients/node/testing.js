@@ -26,12 +26,11 @@ class VirtualReader {
     reader.#folder = await mkdtemp(join(tmpdir(), 'reader-'));
     const socket = join(reader.#folder, 'reader.sock');
     reader.env = { ...process.env, VIRTUAL_READER_SOCKET: socket };
-    try {
-      await reader.#launch(plugged);
-    } catch (error) {
+    const onError = async (error) => {
       await rm(reader.#folder, { recursive: true, force: true });
       throw new Error(`cannot start the virtual reader ${program}: ${error.message}`);
-    }
+    };
+    await reader.#launch(plugged).catch(onError);
     return reader;
   }
 

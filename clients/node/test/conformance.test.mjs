@@ -51,8 +51,8 @@ async function play(lines) {
   let path = process.env.AGENT;
   let reader, background;
 
-  const expect = (isExpected, line, got) =>
-    assert.ok(isExpected, `conformance.txt:${line.number}: expected ${line.line}, got ${got ?? 'nothing'}`);
+  const expect = (isExpected, { number, line }, got = 'nothing') =>
+    assert.ok(isExpected, `conformance.txt:${number}: expected ${line}, got ${got}`);
   const steps = {
     option(name, ...words) {
       options[name] = Number(words[0]);
@@ -129,8 +129,8 @@ async function play(lines) {
   try {
     for (const line of lines) {
       const [word, ...words] = line.line.split(' ');
-      const args = ['=', '<', 'reason', 'quiet'].includes(word) ? [line, ...words] : words;
-      await steps[word](...args);
+      if (['=', '<', 'reason', 'quiet'].includes(word)) words.unshift(line);
+      await steps[word](...words);
     }
     assert.deepEqual([commands.length, events.list], [0, []], 'outcomes or events are left over');
   } finally {
@@ -142,17 +142,9 @@ async function play(lines) {
   for (const pid of pids) assert.throws(() => process.kill(pid, 0), { code: 'ESRCH' });
 }
 
-const cases = sections('conformance.txt');
-const isSuspended = ({ lines }) => lines.some(({ line }) => line.startsWith('suspend'));
-
-describe('conformance', { concurrency: 8 }, () => {
-  for (const { name, lines } of cases.filter((c) => !isSuspended(c))) {
-    test(name, { timeout: 60_000 }, () => play(lines));
-  }
+const cases = sections('conformance.txt').map(({ name, lines }) => {
+  const isAlone = lines.some(({ line }) => line.startsWith('suspend'));
+  return { isAlone, add: () => test(name, { timeout: 60_000 }, () => play(lines)) };
 });
-
-describe('conformance, one by one', () => {
-  for (const { name, lines } of cases.filter(isSuspended)) {
-    test(name, { timeout: 60_000 }, () => play(lines));
-  }
-});
+describe('conformance', { concurrency: 8 }, () => cases.forEach((c) => c.isAlone || c.add()));
+describe('conformance, one by one', () => cases.forEach((c) => c.isAlone && c.add()));

@@ -15,10 +15,8 @@ const decode = (text) =>
   text.replace(/\\(?:[n0s]|x(..))/g, (escape, hex) =>
     hex ? String.fromCharCode(0xdc00 + parseInt(hex, 16)) : ESCAPES[escape],
   );
-const toBytes = (text) => {
-  const bytes = [...text].map((c) => (/[\udc80-\udcff]/.test(c) ? Buffer.of(c.charCodeAt(0) & 0xff) : Buffer.from(c)));
-  return Buffer.concat(bytes);
-};
+const toByte = (c) => (/[\udc80-\udcff]/.test(c) ? Buffer.of(c.charCodeAt(0) & 0xff) : Buffer.from(c));
+const toBytes = (text) => Buffer.concat([...text].map(toByte));
 const lists = Object.fromEntries(
   sections('lines.txt').map(({ name, lines }) => [
     name,
@@ -27,14 +25,14 @@ const lists = Object.fromEntries(
 );
 
 // A reader whose agent answers the first ping, prints `lines`, and answers each reader's command with one of `answers`.
-async function start(t, lines, answers = []) {
+function create(t, lines, answers = []) {
   const write = (name, texts) => {
-    const path = `${folder}/${name}-${t.name.replaceAll(' ', '-')}`;
+    const path = `${folder}/${name}-${t.name}`;
     writeFileSync(path, toBytes(texts.map((text) => `${decode(text)}\n`).join('')));
     return path;
   };
   const path = program(
-    t.name.replaceAll(' ', '-'),
+    t.name,
     `read -r ping; read -r token; echo Ok:; echo "Ok: \${token#Global:Ping}"
     cat ${write('lines', lines)}
     exec 3<${write('answers', answers.map((text) => text.replaceAll('\\n', '|')))}
@@ -53,7 +51,7 @@ async function start(t, lines, answers = []) {
 }
 
 test('lines', async (t) => {
-  const { reader } = await start(t, lists.lines.map(([line]) => line));
+  const { reader } = create(t, lists.lines.map(([line]) => line));
   const events = [];
   for (const type of ['card', 'poll', 'cardRemoved', 'log']) {
     reader.on(type, (text) => events.push(`${type} ${text}`));
@@ -65,7 +63,7 @@ test('lines', async (t) => {
 });
 
 test('answers', async (t) => {
-  const { reader } = await start(t, ['Reader: Dev1-A'], lists.answers.map(([answer]) => answer));
+  const { reader } = create(t, ['Reader: Dev1-A'], lists.answers.map(([answer]) => answer));
   reader.start();
   await reader.waitFor('ready');
   for (const [answer, expected] of lists.answers) {
@@ -77,7 +75,7 @@ test('answers', async (t) => {
 });
 
 test('arguments', async (t) => {
-  const { reader, sent } = await start(t, ['Reader: Dev1-A']);
+  const { reader, sent } = create(t, ['Reader: Dev1-A']);
   reader.start();
   await reader.waitFor('ready');
   const before = sent.length;
