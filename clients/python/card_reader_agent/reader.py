@@ -158,8 +158,6 @@ class CardReader:
             self._finish()
         try:
             await self.wait_for("closed")
-        except CardReaderError:
-            return
         except asyncio.CancelledError:
             if self._agent:
                 self._agent.end("the agent was killed by SIGKILL")
