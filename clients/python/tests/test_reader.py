@@ -169,6 +169,16 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         self.assertIn("killed by SIGKILL; restarting it", logs.output[1])
         self.assertEqual([len(lines), {ZeroDivisionError}], [len(faults), set(map(type, faults))])
 
+    async def test_the_delay_doubles_and_only_agents_in_a_row_count(self):
+        # The first agent answers, the third runs for longer than the limit.
+        agent = script(f'echo >>"$0.n"; case $(wc -l <"$0.n") in *1) {ANSWERS_ONCE};; *3) sleep 0.8;; esac; exit 3')
+        with self.assertLogs("card_reader_agent", logging.WARNING) as logs:
+            reader, _ = await self.start(agent, restart_delay=0.05, restart_delay_limit=0.5)
+            await reader.wait_for("failed", timeout=TIMEOUT)
+        delays = [line.split()[-2] for line in logs.output if "restarting" in line]
+        self.assertEqual(delays, ["0.05", "0.1", "0.05", "0.1", "0.2"])
+        self.assertIn("giving up: the agent exited with status 3", logs.output[-1])
+
     async def test_ctrl_c_leaves_time_to_clean_up_and_a_fork_holds_no_agent(self):
         for is_abrupt in False, True:
             command = [sys.executable, "-c", APPLICATION, AGENT, *["abrupt"] * is_abrupt]
