@@ -210,7 +210,8 @@ class Agent:
             self._owner._on_log(text)
         elif kind == "Reader" and self._is_plausible(text):
             self._change_reader(None if text == "Global" else text)
-        elif kind == "Card" and self.reader and not self._is_executing():
+        elif kind == "Card" and self.reader and not (command and command.is_started):
+            # Between a reader's command and the pings around it the agent does not poll for cards.
             self._owner._on_card(text)
         else:
             self._owner._on_log(line)
@@ -220,13 +221,6 @@ class Agent:
         if name == "Global":
             return self.reader is not None
         return self._number is None or reader_number(name) == self._number + 1
-
-    def _is_executing(self) -> bool:
-        """Whether the agent is certainly executing a reader's command, and so does not poll for cards.
-        (Between the last answer and the token after it a poll may just find room.)
-        """
-        command = self._pending[0] if self._pending else None
-        return bool(command and command.is_started and not command.answer)
 
     def _take_answer(self, command: Command, answer: Answer) -> None:
         if command.first is not None:

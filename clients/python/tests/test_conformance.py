@@ -254,7 +254,7 @@ class ConformanceTest(unittest.IsolatedAsyncioTestCase):
                 return await Player(scripts).play(lines)
 
         only = os.environ.get("CASE", "")
-        cases = [(name, lines) for name, lines in sections(CONFORMANCE) if only in name]
+        cases = [(name, lines) for name, lines in sections("conformance.txt") if only in name]
         self.assertTrue(cases)
         alone = [case for case in cases if "suspend" in str(case)]  # it stops this process
         together = [case for case in cases if case not in alone]
@@ -265,8 +265,6 @@ class ConformanceTest(unittest.IsolatedAsyncioTestCase):
             with self.subTest(name):
                 self.assertEqual([f"line {n}: {line!r}, but: {other}" for n, line, other in result], [])
 
-
-CONFORMANCE = "conformance-new.txt" if (CLIENTS / "conformance-new.txt").exists() else "conformance.txt"
 
 
 class LinesTest(unittest.IsolatedAsyncioTestCase):
@@ -332,6 +330,7 @@ class LinesTest(unittest.IsolatedAsyncioTestCase):
     def test_errors(self):
         for _, name, code in rows("errors"):
             self.assertEqual(getattr(card_reader_agent, name).code, code)
+        self.assertTrue(issubclass(card_reader_agent.CommandTimeoutError, TimeoutError))
 
     async def test_start_errors(self):
         for number, code, state in rows("start errors"):
