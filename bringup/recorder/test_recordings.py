@@ -22,6 +22,9 @@ import time
 import unittest
 
 BUILD = pathlib.Path(sys.argv[1]).resolve()
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "clients/python"))
+from card_reader_agent.testing import VirtualReader  # noqa: E402
+
 SCENARIOS = pathlib.Path(__file__).resolve().parents[2] / "virtual_reader/scenarios"
 PATIENCE = 30
 RECORDER = glob.glob(f"{BUILD}/bringup/recorder/libpcProxAPI-recorder.*")[0]
@@ -102,10 +105,9 @@ class Bench:
     """A virtual reader, an agent with the recorder, and a host that notes what passes."""
 
     def __init__(self, folder, *options, recording=None, with_library=True):
-        env = environment(recording) | {"VIRTUAL_READER_SOCKET": f"{folder}/socket"}
-        self.reader = subprocess.Popen([BUILD / "virtual-reader", *options], env=env, **PIPES)
-        self.echoes = 0
-        self.execute()
+        self.reader = VirtualReader(BUILD / "virtual-reader", arguments=options)
+        self.execute = self.reader.execute
+        env = environment(recording) | {"VIRTUAL_READER_SOCKET": self.reader.socket}
         self.agent = subprocess.Popen([agent(folder, with_library)], env=env,
                                       stderr=subprocess.PIPE, **PIPES)
         self.name, self.lines = "Global", queue.Queue()
@@ -126,18 +128,6 @@ class Bench:
             pass
         return line
 
-    def execute(self, verb=""):
-        """Has a verb carried out, and returns what is printed meanwhile."""
-        self.echoes += 1
-        self.reader.stdin.write(f'{verb}\necho "done {self.echoes}"\n')
-        self.reader.stdin.flush()
-        told = []
-        while (line := self.reader.stdout.readline()) != f"= done {self.echoes}\n":
-            if not line:
-                raise AssertionError("the virtual reader has ended")
-            told.append(line.rstrip("\n"))
-        return told
-
     def send(self, command):
         name = "" if command.startswith("Global:") else self.name + ":"
         self.agent.stdin.write(f"{name}{command}\n")
@@ -155,8 +145,8 @@ class Bench:
     def end(self):
         """The statuses of reader and agent, and what the agent said on standard error."""
         _, error = self.agent.communicate(timeout=PATIENCE)
-        self.reader.communicate(timeout=PATIENCE)
-        return self.reader.returncode, self.agent.returncode, error
+        self.reader.close()
+        return self.reader.process.returncode, self.agent.returncode, error
 
 
 def calls(recording):
@@ -274,7 +264,7 @@ class Recordings(unittest.TestCase):
         bench.execute("expect led red")
         bench.send("Beep long 1")
         self.assertEqual(bench.next_line(), "Error: Beeping failed with error -7")
-        said = [line for line in bench.execute("events 1000") if " replay " in line]
+        said = [line for line in bench.execute("events 1000").splitlines() if " replay " in line]
         self.assertIn("replay diverged: there was BeepNow 2 0 at 2.100000", said[0])
         bench.end()
 
