@@ -266,9 +266,10 @@ class CardReader extends events.EventEmitter {
     else this.#connecting = this.#connect(connection.signal, this.#connecting);
   }
 
-  // Waits for the on-connect function of the connection before, which was told to stop.
+  // Waits for the on-connect function of the connection before, which was told to stop. Without one
+  // the function is called at once: before a listener hears of a card.
   async #connect(signal, before) {
-    await limited(async () => await before, ON_CONNECT_LIMIT_MS).catch(() => {});
+    if (before) await limited(() => before, ON_CONNECT_LIMIT_MS).catch(() => {});
     if (signal.aborted) return;
     try {
       await this.#options.onConnect(this, { signal });
@@ -276,6 +277,8 @@ class CardReader extends events.EventEmitter {
     } catch (error) {
       const text = `the on-connect function failed: ${error?.message ?? error}`;
       if (!signal.aborted) this.#tell('log', { text });
+    } finally {
+      if (!this.#connection || this.#connection.signal === signal) this.#connecting = null;
     }
   }
 

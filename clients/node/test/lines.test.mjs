@@ -87,6 +87,7 @@ test('arguments', async (t) => {
 });
 
 test('options', () => {
+  assert.throws(() => new CardReader('agent', { toString: 1 }), /^TypeError: unknown option 'toString'$/);
   const values = { infinity: Infinity, nan: NaN, none: null, true: true, '[1]': [1] };
   for (const [left, right] of lists.options) {
     const [name, value] = left.split(' ');

@@ -111,6 +111,7 @@ test('a stub reader', async () => {
   reader.start();
   await reader.waitFor('searching');
   reader.plug();
+  assert.deepEqual(reader.commands, ['SetLED red']); // at once: before a card is reported
   await reader.waitFor('ready');
   for (const id of ['AB', 'AB', 'CD']) reader.hold(id);
   reader.remove();
