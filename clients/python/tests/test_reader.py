@@ -171,9 +171,9 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
 
     async def test_the_delay_doubles_and_only_agents_in_a_row_count(self):
         # The first agent answers, the third runs for longer than the limit.
-        agent = script(f'echo >>"$0.n"; case $(wc -l <"$0.n") in *1) {ANSWERS_ONCE};; *3) sleep 0.8;; esac; exit 3')
+        agent = script(f'echo >>"$0.n"; case $(wc -l <"$0.n") in *1) {ANSWERS_ONCE};; *3) sleep 2.5;; esac; exit 3')
         with self.assertLogs("card_reader_agent", logging.WARNING) as logs:
-            reader, _ = await self.start(agent, restart_delay=0.05, restart_delay_limit=0.5)
+            reader, _ = await self.start(agent, restart_delay=0.05, restart_delay_limit=2)
             await reader.wait_for("failed", timeout=TIMEOUT)
         delays = [line.split()[-2] for line in logs.output if "restarting" in line]
         self.assertEqual(delays, ["0.05", "0.1", "0.05", "0.1", "0.2"])
