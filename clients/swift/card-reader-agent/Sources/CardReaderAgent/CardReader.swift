@@ -151,7 +151,7 @@ public actor CardReader: CardReaderProtocol {
       oldestSince = now
     }
     let lines = pending.append(command, line, limit: limit, continuation)
-    for line in lines { trace(.toAgent, line[...]) }
+    for line in lines { trace(">", line[...]) }
     process.write(Array(lines.map { $0 + [UInt8(ascii: "\n")] }.joined()))
     if min(limit, now + slice) < clock.wakesAt { schedule() }
   }
@@ -265,7 +265,7 @@ public actor CardReader: CardReaderProtocol {
   }
 
   private func take(_ bytes: ArraySlice<UInt8>) {
-    trace(.fromAgent, bytes)
+    trace("<", bytes)
     let line = AgentLine(bytes)
     switch line {
     case .ok, .error: takeAnswer(line, bytes)
@@ -367,7 +367,7 @@ public actor CardReader: CardReaderProtocol {
     options.logger?(text)
   }
 
-  private func trace(_ direction: Direction, _ line: ArraySlice<UInt8>) {
+  private func trace(_ direction: Character, _ line: ArraySlice<UInt8>) {
     options.trace?(Date(), direction, String(decoding: line, as: UTF8.self))
   }
 }

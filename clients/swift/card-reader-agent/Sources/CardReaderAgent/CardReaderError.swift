@@ -76,12 +76,10 @@ extension CardReaderError: LocalizedError, CustomStringConvertible {
   /// Why a program could not be started.
   static func cannotStart(_ path: String, _ code: Int32) -> CardReaderError {
     let name = name(ofError: code)
-    let hint = "Rosetta is needed: softwareupdate --install-rosetta --agree-to-license"
+    let hint = "; Rosetta is needed: softwareupdate --install-rosetta --agree-to-license"
     return .agentStart(
       systemCode: name,
-      reason:
-        "cannot start \(path): \(name) (\(name == "EBADARCH" ? hint : String(cString: strerror(code))))"
-    )
+      reason: "cannot start \(path): \(name)\(name == "EBADARCH" ? hint : "")")
   }
 
   /// Whether a start that failed like this may succeed later, since only the machine is too busy.

@@ -11,14 +11,6 @@ extension CardReader {
     case function(@Sendable (String) -> Void)
   }
 
-  /// The direction of a line.
-  public enum Direction: Character, Sendable {
-    /// To the agent.
-    case toAgent = ">"
-    /// From the agent.
-    case fromAgent = "<"
-  }
-
   /// How a reader is kept in use.
   public struct Options: Sendable {
     /// The agent's environment; nil: this program's.
@@ -47,8 +39,9 @@ extension CardReader {
     public var closeTimeout: TimeSpan = 2
     /// Where the agent's standard error goes.
     public var stderr = ErrorOutput.inherit
-    /// Called with each line and its time. It must not wait: the reader waits for it.
-    public var trace: (@Sendable (_ time: Date, Direction, _ line: String) -> Void)?
+    /// Called with each line, its time, and `>` for a line to the agent or `<` for one from it. It must
+    /// not wait: the reader waits for it.
+    public var trace: (@Sendable (_ time: Date, _ direction: Character, _ line: String) -> Void)?
     /// Called with each change of the state and each log text, for instance to pass them to a
     /// `Logger`. It must not wait: the reader waits for it.
     public var logger: (@Sendable (_ message: String) -> Void)?

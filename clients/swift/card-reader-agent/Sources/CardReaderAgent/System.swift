@@ -70,7 +70,8 @@ func sendToChild(_ stream: Int32, _ bytes: ArraySlice<UInt8>) -> Result<Int, Sys
 
 /// Starts a program with these descriptors as its standard streams, in a session of its own, so
 /// that Ctrl-C in the terminal of this one does not reach it, and with all signals as usual,
-/// whatever this program ignores or blocks. Returns the process id.
+/// whatever this program ignores or blocks. A path without a slash is looked for on `$PATH`. Returns the
+/// process id.
 func spawn(
   _ path: String, _ arguments: [String], environment: [String: String], input: Int32,
   output: Int32, error: Int32
@@ -106,7 +107,7 @@ func spawn(
   let variables = environment.map { strdup("\($0.key)=\($0.value)") } + [nil]
   defer { for text in arguments + variables { free(text) } }
   var process = pid_t()
-  let code = posix_spawn(&process, path, &actions, &attributes, arguments, variables)
+  let code = posix_spawnp(&process, path, &actions, &attributes, arguments, variables)
   guard code == 0 else { throw SystemError(code: code) }
   return process
 }

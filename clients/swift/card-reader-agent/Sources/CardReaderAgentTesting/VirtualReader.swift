@@ -39,7 +39,7 @@ public final class VirtualReader: Sendable {
     program: String? = nil, plugged: Bool = true
   ) async throws -> VirtualReader {
     var env = ProcessInfo.processInfo.environment
-    let program = try program ?? env["VIRTUAL_READER"] ?? search(env["PATH"] ?? "")
+    let program = program ?? env["VIRTUAL_READER"] ?? "virtual-reader"
     let name = "virtual-reader-\(UUID().uuidString.prefix(8))"  // a socket's path must be short
     let folder = URL(fileURLWithPath: NSTemporaryDirectory()).appendingPathComponent(name).path
     try FileManager.default.createDirectory(
@@ -184,14 +184,6 @@ public final class VirtualReader: Sendable {
   }
 
   private func milliseconds(_ time: TimeSpan) -> Int { Int((time.seconds * 1000).rounded(.up)) }
-
-  private static func search(_ path: String) throws -> String {
-    let programs = path.split(separator: ":").map { "\($0)/virtual-reader" }
-    guard let program = programs.first(where: FileManager.default.isExecutableFile) else {
-      throw VirtualReaderError("no virtual-reader on the path; VIRTUAL_READER can name one")
-    }
-    return program
-  }
 }
 
 /// A verb was wrong or failed, or what was expected did not come.

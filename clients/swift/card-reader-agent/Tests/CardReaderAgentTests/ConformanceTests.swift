@@ -16,7 +16,7 @@ final class ConformanceTests: XCTestCase {
       "leaves": script("sleep 20 & echo Reader: Dev1-A; exec sleep 600"),
     ])
     defer { try? FileManager.default.removeItem(atPath: programs) }
-    var cases = try (try? sections("conformance-new.txt")) ?? sections("conformance.txt")
+    var cases = try sections("conformance.txt")
     XCTAssertGreaterThan(cases.count, 30)
     if let part = environment["CASE"] { cases.removeAll { !$0.name.contains(part) } }
     // Cases that suspend this process would suspend the others too.

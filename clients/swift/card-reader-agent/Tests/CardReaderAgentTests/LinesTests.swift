@@ -48,7 +48,7 @@ final class LinesTests: XCTestCase {
     let sent = Inbox()
     var options = CardReader.Options()
     options.trace = { _, direction, line in
-      if direction == .toAgent { Task { await sent.put(line) } }
+      if direction == ">" { Task { await sent.put(line) } }
     }
     try await withCardReader(path: "\(folder)/agent", options: options) { reader in
       try await reader.waitFor(.ready, timeout: 10)
