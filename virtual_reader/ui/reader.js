@@ -2,7 +2,7 @@
 import { act } from './verbs.js';
 import { at } from './page.js';
 
-let beeps = { short: 0, long: 0 };
+const beeps = { short: 0, long: 0 }; // as far back as the events are known
 
 export function add(events) {
   for (const { kind, card, length, beeps: count, isNew } of events) {
@@ -18,7 +18,6 @@ export function add(events) {
 export function draw(state) {
   const { is_plugged: isPlugged, part, led, held, queued, more_queued: more, agents, refused, calls,
     faults } = state;
-  beeps = state.beeps.short === undefined ? beeps : state.beeps;
   at('reader').dataset.led = led;
   at('led').textContent = { auto: 'automatic', dark: 'dark, unplugged' }[led] ?? led;
   at('beeps').textContent = `${beeps.short} short, ${beeps.long} long`;
