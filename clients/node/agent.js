@@ -23,10 +23,12 @@ function callBack(callback, ...args) {
 }
 
 // Nobody may read this process's standard error, which must not end it.
+let writes = 0; // under way
+const ignore = () => {};
 function writeToStderr(text) {
-  const ignore = () => {};
-  process.stderr.on('error', ignore);
-  process.stderr.write(text, () => setImmediate(() => process.stderr.off('error', ignore)));
+  if (writes++ === 0) process.stderr.on('error', ignore);
+  const onWritten = () => --writes || process.stderr.off('error', ignore);
+  process.stderr.write(text, () => setImmediate(onWritten)); // an error is emitted in between
 }
 
 class Agent {
@@ -107,12 +109,12 @@ class Agent {
     } catch (cause) {
       return process.nextTick(() => this.#handlers.end(new AgentStartError(this.#path, cause)));
     }
-    child.once('error', (cause) => {
+    child.on('error', (cause) => {
       if (!child.pid) this.#handlers.end(new AgentStartError(this.#path, cause));
     });
     if (!child.pid) return;
     this.#child = child;
-    child.stdin.on('error', () => {}); // the agent's exit is what is reported
+    child.stdin.on('error', ignore); // the agent's exit is what is reported
     child.stdout.on('data', (chunk) => this.#read(chunk));
     child.stderr.setEncoding('utf8').on('data', (text) => this.#readStderr(text));
     child.once('exit', () => this.#limitEnd());
