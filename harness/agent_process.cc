@@ -26,13 +26,6 @@ std::string agent_process::next_line(std::chrono::milliseconds limit) {
   }
 }
 
-std::string agent_process::next_line_but_cards() {
-  for (;;) {
-    std::string line = next_line();
-    if (line.rfind("Card: ", 0) != 0) return line;
-  }
-}
-
 std::string agent_process::line_beginning(const std::string& start) {
   for (;;) {
     std::string line = next_line();

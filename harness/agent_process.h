@@ -20,8 +20,6 @@ class agent_process : public child_process {
 
   // The next line, without its line feed; "(end)" at the end of output, "(timeout)" when none came.
   std::string next_line(std::chrono::milliseconds limit = patience);
-  // The next line that is not a card's.
-  std::string next_line_but_cards();
   // Skips lines until one begins so, and returns it; or "(end)" or "(timeout)".
   std::string line_beginning(const std::string& start);
   // Skips lines until a reader is announced, and returns its name. Throws when none is.
