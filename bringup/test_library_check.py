@@ -121,7 +121,7 @@ class Run:
         self.reader.execute('say SetLEDCtrl "led" always')
         self.env = {**self.reader.env, "BROKEN": faults.replace(", ", ";") + ";", "WHOLE_LIBRARY": WHOLE, "TMPDIR": self.folder.name}
         self.report_file, self.backup = f"{self.folder.name}/report", f"{self.folder.name}/backup"
-        options = ["--timeout", "3", "--report", self.report_file]
+        options = ["--timeout", "5", "--report", self.report_file]
         options += [] if self.person else ["--non-interactive"]
         options += ["--write", self.backup] if "write" in how else []
         self.process = self.start(*options, library)

@@ -14,6 +14,7 @@ from contextlib import suppress
 from .library import quoted
 
 TICK = 0.05  # seconds between two looks at the process and at signals
+START = 30.0  # seconds for Python to start, which Rosetta may have to translate first
 GRACE = 1.0  # seconds for the output of a process that has exited to end
 
 
@@ -98,7 +99,8 @@ class Parent:
                     channel.shutdown(socket.SHUT_WR)
             if ended is None and process.poll() is not None:
                 ended = time.monotonic()
-            if ended is None and time.monotonic() > last + self._options.timeout + GRACE:
+            limit = START if state["during"] == "starting" else self._options.timeout + GRACE
+            if ended is None and time.monotonic() > last + limit:
                 return self._judge(row, state, f"did not return in {self._options.timeout:g} s")
         if process.stdout in open_ends:
             self.helpers.append(f"{row.name}: a process that the library started kept the output open")
