@@ -75,14 +75,14 @@ final class StressTests: XCTestCase {
     weak var released: CardReader?
     try await withCardReader(path: agentProgram, options: options) { reader in
       released = reader
-      for restart in 0..<20 * factor {
+      for restart in 0..<40 * factor {
         if restart == 10 { before = inUse() }
         try await reader.waitFor(.ready, timeout: 20)
         kill(await reader.pid!, SIGKILL)
         try await reader.waitFor(.restarting, timeout: 20)
       }
-      print("\(20 * factor) restarts: descriptors and threads \(before), then \(inUse())")
-      for (before, after) in zip(before, inUse()) { XCTAssertLessThanOrEqual(after, before + 3) }
+      print("\(40 * factor) restarts: descriptors and threads \(before), then \(inUse())")
+      for (before, after) in zip(before, inUse()) { XCTAssertLessThan(after, before + 15) }
     }
     for _ in 0..<1000 where released != nil { try await sleep(.milliseconds(10)) }
     XCTAssertNil(released)
