@@ -19,10 +19,10 @@ void rig::start_agent() {
 }
 
 void rig::run(const std::string& verb) {
-  std::atomic<std::uint64_t> cursor{1};
+  virtual_reader::expectations expected(reader);
   virtual_reader::session_callbacks around;
   around.answer = [](const std::string&) {};
-  const virtual_reader::session told(reader, cursor, around);
+  const virtual_reader::session told(reader, expected, around);
   try {
     told.execute(verb);
   } catch (const std::runtime_error& error) {

@@ -71,4 +71,15 @@ std::string without_controls(const std::string& line) {
   return all;
 }
 
+std::string plain_line(const std::string& line) {
+  std::string all;
+  const std::size_t end = line.empty() || line.back() != '\r' ? line.size() : line.size() - 1;
+  for (std::size_t i = 0; i < end; ++i) {
+    const std::size_t code = line.find_first_not_of("0123456789;", i + 2);
+    const bool is_color = line.compare(i, 2, "\x1b[") == 0 && code < end && line[code] == 'm';
+    is_color ? void(i = code) : void(all += line[i]);
+  }
+  return without_controls(all);
+}
+
 }  // namespace virtual_reader

@@ -22,4 +22,8 @@ std::string parse_quoted(const std::string& line, std::size_t* place);
 // The line with its control characters as escapes.
 std::string without_controls(const std::string& line);
 
+// What a person sees of a line that a program printed: without color codes and a carriage return at
+// its end, and with other control characters as escapes.
+std::string plain_line(const std::string& line);
+
 }  // namespace virtual_reader

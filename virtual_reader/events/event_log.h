@@ -1,6 +1,7 @@
-// What has log, in order and once: all that is printed, expected or counted is read off it.
+// What has happened, in order and once: all that is printed, expected or counted is read off it.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -24,10 +25,11 @@ struct event : event_line {
   std::uint64_t end() const { return number + count; }
 };
 
-// Any member may be called from any thread, and none waits for whoever reads, but wait().
+// Any member may be called from any thread, and none waits for those that read, but wait().
 class event_log {
  public:
-  // Beyond the limit the oldest events are dropped, but for one.
+  // What the application prints, the calls, and all else each have a part of the limit, so that
+  // none pushes the others out. Beyond it the oldest events are dropped, but for one.
   explicit event_log(std::size_t limit_in_bytes = std::size_t{4} << 20) : limit(limit_in_bytes) {}
 
   void add(int agent, std::string text, bool is_idle = false);
@@ -39,6 +41,9 @@ class event_log {
   std::vector<event> read(std::uint64_t from) const;
   // The last events that are wanted, at most so many.
   std::vector<event> last(std::size_t most, const std::function<bool(const event&)>& wanted) const;
+  // Whether any event from that number on was dropped that is neither a call nor a line of the
+  // application.
+  bool has_dropped(std::uint64_t from) const;
 
   // Waits until there is an event with that number. False at the limit, or when it was interrupted,
   // which is asked after wake(), and often.
@@ -47,13 +52,20 @@ class event_log {
   void wake() const;
 
  private:
+  struct shelf {
+    std::deque<event> events;
+    std::size_t bytes = 0;
+    std::uint64_t dropped = 0;  // the end of what was
+  };
+  static std::size_t shelf_of(const std::string& text);
+
   const std::size_t limit;
   const std::chrono::steady_clock::time_point beginning = std::chrono::steady_clock::now();
   mutable std::mutex mutex;
   mutable std::condition_variable changed;
   // Guarded by mutex:
-  std::deque<event> events;
-  std::size_t bytes = 0;
+  std::array<shelf, 3> shelves;
+  std::size_t last_shelf = 0;  // that was added to
   std::uint64_t next = 1;
   mutable std::uint64_t wakes = 0;
 };

@@ -73,12 +73,12 @@ class test_run {
   outcome end;
   std::atomic<bool> has_played{false}, has_page{false};
   std::atomic<bool> is_line_cancelled{false};  // the one that was typed
-  std::atomic<std::uint64_t> control_cursor{1}, own_cursor{1};
 
   const std::unique_ptr<guardian> guard;  // null without a command
   const std::string path;
   line_input input;
   device reader;
+  expectations control_expectations, own_expectations;
   printer printed;
   std::uint64_t next_event = 1;                // the follower's
   const std::unique_ptr<log_follower> events;  // writes them to a file; null without one
@@ -104,12 +104,14 @@ test_run::test_run(const options& options, const run_parts& run_parts)
                                           : choose_socket_path(chosen, true)),
       input(longest_line),
       reader(!chosen.is_unplugged, parts.recording),
+      control_expectations(reader),
+      own_expectations(played ? expectations(reader, played->effects()) : expectations(reader)),
       printed(reader.log, own_channel, !has_command),
       events(parts.events ? std::make_unique<log_follower>(reader.log, [this] { write_events(); })
                           : nullptr),
       listening(reader, path,
                 [this](int socket, const std::function<bool()>& is_over) {
-                  serve_control(socket, is_over, reader, control_cursor, shared_callbacks());
+                  serve_control(socket, is_over, reader, control_expectations, shared_callbacks());
                 }),
       signals([this](int number) { handle_signal(number); }) {
   if (is_typed) {
@@ -148,7 +150,7 @@ session_callbacks test_run::shared_callbacks() {
     reader.log.wake();
   };
   if (has_command) {
-    callbacks.host = [this](const std::string& line, const std::string&) { send(line); };
+    callbacks.send = [this](const std::string& line) { send(line); };
   }
   return callbacks;
 }
@@ -175,7 +177,7 @@ tested_command* test_run::start_command() {
   const std::lock_guard<std::mutex> lock(mutex);
   if (command || end.is_set()) return command ? &*command : nullptr;
   const auto on_line = [this](const std::string& line) {
-    reader.log.add(0, "received " + without_controls(line));
+    reader.log.add(0, "received " + plain_line(line));
   };
   const auto on_exit = [this](const exit_status& status) {
     reader.log.add(0, "command exited with " + status.text());
@@ -213,7 +215,7 @@ void test_run::play() try {
   };
   callbacks.is_interrupted = [this] { return end.is_set() || is_line_cancelled; };
   callbacks.quit = [this] { end.set(result::passed); };
-  const session session(reader, own_cursor, callbacks);
+  const session session(reader, own_expectations, callbacks);
   if (page && played) wait_until([this] { return has_page.load(); }, never);
   bool is_well = played ? play_script(session) : play_input(session);
   if (is_well && has_replay() && has_command) wait_for_replay();
@@ -306,7 +308,7 @@ verdict test_run::judge_end(const tested_command::ending& ended) {
   if (has_command && (played || has_replay()) && reader.attached_count() == 0) {
     return {result::failed, "nothing was tested"};
   }
-  if (has_command && played && played->held_count() == 0 && !has_replay()) {
+  if (has_command && played && own_expectations.held() == 0 && !has_replay()) {
     return {result::failed, "nothing was tested: no `expect` held, but for `expect no`"};
   }
   if (has_command && has_replay() && !replay.has_ended) {

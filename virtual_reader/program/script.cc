@@ -16,16 +16,14 @@ namespace {
 
 const char byte_order_mark[] = "\xEF\xBB\xBF";
 
-bool is_positive(const std::string& line) {
-  tokens words(line);
-  return words.take_if("expect") && !words.is_next("no");
-}
-
 }  // namespace
 
-bool run_line(const session& session, const std::string& line, const std::string& place,
-              const report_function& report) try {
-  session.execute(line);
+namespace {
+
+// Runs something; what goes wrong is reported.
+template <typename F>
+bool run_reported(const F& run, const std::string& place, const report_function& report) try {
+  run();
   return true;
 } catch (const syntax_error& error) {
   report(place + error.what() + "\n");
@@ -33,6 +31,13 @@ bool run_line(const session& session, const std::string& line, const std::string
 } catch (const failed_expectation& failure) {
   report(place + failure.text());
   return false;
+}
+
+}  // namespace
+
+bool run_line(const session& session, const std::string& line, const std::string& place,
+              const report_function& report) {
+  return run_reported([&] { session.execute(line); }, place, report);
 }
 
 script::script(const std::string& file_path) : path(file_path) {
@@ -57,7 +62,7 @@ bool script::check(bool has_command, const report_function& report) const {
   bool is_right = true, can_wait = false, has_verb = !has_command;
   for (std::size_t i = 0; i < lines.size(); ++i) try {
       const command parsed = parse(lines[i]);
-      can_wait |= parsed.rests;
+      can_wait |= parsed.waits;
       has_verb |= parsed.what != nullptr;
       if (is_verb(parsed, "loop") && !can_wait) {
         throw syntax_error("`loop` needs an earlier `wait`, or the script would never pause");
@@ -74,26 +79,33 @@ bool script::check(bool has_command, const report_function& report) const {
   return is_right && has_verb;
 }
 
+std::set<std::string> script::effects() const {
+  std::vector<command> all;
+  for (const std::string& line : lines) all.push_back(parse(line));
+  return named_effects(all);
+}
+
 bool script::play(const session& session, const manner& how) {
   bool is_well = true, has_waited = false;
+  std::uint64_t rounds = 0;
   for (std::size_t next = 0; next < lines.size();) {
     const std::string& line = lines[next];
     const command parsed = parse(line);
     if (parsed.what && how.is_over()) throw cancelled();
     number = ++next;
     if (is_verb(parsed, "loop")) {
-      next = 0;
+      if (parsed.loops == 0 || ++rounds < parsed.loops) next = 0;
       continue;
     }
-    const bool waits = parsed.rests || is_verb(parsed, "expect") || is_verb(parsed, "send");
+    const bool waits = parsed.waits || is_verb(parsed, "expect") || is_verb(parsed, "send");
     if (waits && !std::exchange(has_waited, true)) how.before_waiting();
     const bool has_held = run_line(session, line, place() + ": ", how.report);
-    if (has_held && is_positive(line)) ++held;
     is_well &= has_held;
     if (!is_well && !how.should_keep_going) return false;
   }
   if (!has_waited) how.before_waiting();
-  return is_well;
+  const auto end_step = [&] { session.expected.end_step(session.callbacks.is_interrupted); };
+  return run_reported(end_step, place() + ": ", how.report) && is_well;
 }
 
 }  // namespace virtual_reader

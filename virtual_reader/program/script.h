@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,14 +39,14 @@ class script {
   // The line that is run, or was last; from any thread.
   std::size_t line_number() const { return number; }
   std::string place() const { return path + ":" + std::to_string(number); }
-  // The positive expectations that held; from any thread.
-  std::size_t held_count() const { return held; }
+  // The effects that it is strict about.
+  std::set<std::string> effects() const;
 
   const std::string path;
   std::vector<std::string> lines;
 
  private:
-  std::atomic<std::size_t> number{1}, held{0};
+  std::atomic<std::size_t> number{1};
 };
 
 }  // namespace virtual_reader

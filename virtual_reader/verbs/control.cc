@@ -8,19 +8,19 @@
 namespace virtual_reader {
 
 void serve_control(int socket, const std::function<bool()>& is_over, device& reader,
-                   std::atomic<std::uint64_t>& cursor, session_callbacks around) {
+                   expectations& expected, session_callbacks callbacks) {
   const auto given = receive_message(socket, telling_size_limit, in(message_limit));
   if (!given || given->texts.size() != 1) return;
   bool listens = true;
   const auto send = [&](const message& told) {
     return listens = send_message(socket, told, in(message_limit));
   };
-  around.may_follow = true;
-  around.is_interrupted = is_over;
-  around.answer = [&](const std::string& line) {
+  callbacks.may_follow = true;
+  callbacks.is_interrupted = is_over;
+  callbacks.answer = [&](const std::string& line) {
     if (!send({{line_message}, {line}})) throw cancelled();
   };
-  session told(reader, cursor, std::move(around));
+  session told(reader, expected, std::move(callbacks));
   std::istringstream lines(given->texts[0]);
   message outcome{{outcome_message, 0}, {}};
   try {

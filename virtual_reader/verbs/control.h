@@ -1,7 +1,6 @@
 // Serves one who has come to a device's socket to tell it verbs.
 #pragma once
 
-#include <atomic>
 #include <functional>
 
 #include "device.h"
@@ -13,6 +12,6 @@ namespace virtual_reader {
 // answer and the outcome. `around` is what a session needs but for its answers and cancelled.
 // Fits device::control_function.
 void serve_control(int socket, const std::function<bool()>& is_over, device& reader,
-                   std::atomic<std::uint64_t>& cursor, session_callbacks around);
+                   expectations& expected, session_callbacks callbacks);
 
 }  // namespace virtual_reader

@@ -1,45 +1,61 @@
-// What is expected of the record.
+// What a line expects of the event log.
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "event_log.h"
 #include "tokens.h"
 
 namespace virtual_reader {
 
-// Words of which an entry has the first at its beginning and the others after it, in that order.
+// Matches events of one kind. Kinds whose events have a fixed form are checked completely when the
+// pattern is read; `sent` and `received` take a whole line, or a regular expression in slashes.
 class pattern {
  public:
-  // Takes words up to the end or to `within MS`. Throws syntax_error when no entry can begin so.
-  explicit pattern(tokens* given);
+  // Takes tokens up to the end or to `within MS`. Throws syntax_error if no event can match.
+  explicit pattern(tokens* line);
 
-  bool matches(const std::string& entry_text) const;
-  std::string text() const;  // as it was written
+  bool matches(const std::string& event_text) const;
+  const std::string kind;
+  const std::string& text() const { return written; }
 
-  // What the entries of the record begin with.
+  // What events begin with, and what may follow that if there are a few words only.
   static const std::vector<std::string>& kinds();
-  // What may follow a kind, if there are a few words only.
   static std::vector<std::string> details_of(const std::string& kind);
+  // What an application makes the reader do.
+  static const std::vector<std::string>& effects();
 
  private:
-  struct word {
-    std::string plain;   // what stands in the entry
-    std::string quotes;  // or this; nothing if it was not in quotes
-  };
-  std::vector<word> all;
+  using test = std::function<bool(const std::string& details)>;
+  test read_details(tokens* line);
+  test read_line(tokens* line);
+
+  std::string written;  // as events have it
+  test fits;            // what follows the kind
 };
 
 struct expectation {
-  // Takes `[no] PATTERN [within MS]`, and the end. Throws syntax_error.
-  explicit expectation(tokens* given);
+  enum class form {
+    next,        // the next event, of a strict kind; else as eventually
+    eventually,  // some later event
+    no,          // no event
+    nothing,     // no effect
+    state,       // what the LED shows
+  };
+  // Takes `[eventually|no] PATTERN [within MS]`, `led is COLOR [within MS]` or `nothing for MS`,
+  // and the end. Throws syntax_error.
+  explicit expectation(tokens* line);
 
-  const bool is_negative;
-  const pattern wanted;
-  const std::chrono::milliseconds limit;
+  form what;
+  std::vector<pattern> wanted;  // one, or none
+  std::string led;              // state
+  std::chrono::milliseconds limit;
 
+  bool is_positive() const { return what != form::no && what != form::nothing; }
+  // The kind of effects that it names, for a script to be strict about; else nothing.
+  std::string effect() const;
   std::string text() const;
 };
 

@@ -46,22 +46,17 @@ std::string when_of(const fault& r) {
 
 }  // namespace
 
-std::string failed_expectation::text() const {
-  std::string all = std::string("FAILED: ") + what();
-  all += entries.empty() ? "; nothing has happened since\n" : "; since then:\n";
-  for (const std::string& entry : entries) all += "  " + entry + "\n";
-  return all;
-}
+void session::execute(const std::string& line) const { execute(parse(line)); }
 
-void session::execute(const std::string& line) const {
-  const command told = parse(line);
-  if (told.change) {
+void session::execute(const command& verb) const {
+  if (verb.acts) expected.begin_step(callbacks.is_interrupted);
+  if (verb.change) {
     reader.modify([&](virtual_reader::reader& r) {
-      r.log.add(0, "verb " + told.text);
-      told.change(r);
+      r.log.add(0, "verb " + verb.text);
+      verb.change(r);
     });
   }
-  if (told.act) told.act(*this);
+  if (verb.act) verb.act(*this);
 }
 
 // Prints the lines that begin with the topic.
@@ -198,41 +193,6 @@ void session::wait(milliseconds time) const {
     if (reader.log.wait(reader.log.end(), until, callbacks.is_interrupted)) continue;
     if (callbacks.is_interrupted && callbacks.is_interrupted()) throw cancelled();
   }
-}
-
-void session::expect(const expectation& what) const {
-  const auto until = std::chrono::steady_clock::now() + what.limit;
-  const std::uint64_t start = cursor;
-  for (std::uint64_t next = start;;) {
-    const bool is_last_look = std::chrono::steady_clock::now() >= until;
-    for (const std::uint64_t known = reader.log.end(); next < known;) {
-      for (const auto& entry : reader.log.read(next)) {
-        if (what.is_negative && entry.number > next) {
-          fail(what.text() + ", but some entries have been dropped", start);
-        }
-        next = entry.end();
-        if (!what.wanted.matches(entry.text)) continue;
-        if (what.is_negative) fail(what.text(), start);
-        cursor = entry.number + 1;
-        return;
-      }
-    }
-    if (is_last_look && what.is_negative) return;
-    if (is_last_look) fail(what.text(), start);
-    reader.log.wait(next, until, callbacks.is_interrupted);
-    if (callbacks.is_interrupted && callbacks.is_interrupted()) throw cancelled();
-  }
-}
-
-void session::fail(const std::string& what, std::uint64_t from) const {
-  constexpr std::size_t most = 20;
-  std::vector<std::string> lines;
-  const auto is_wanted = [&](const event& e) { return e.end() > from && !e.is_idle; };
-  for (const auto& entry : reader.log.last(most + 1, is_wanted)) {
-    lines.push_back(shortened(line_of(entry)));
-  }
-  if (lines.size() > most) lines.front() = "...";
-  throw failed_expectation(what, lines);
 }
 
 }  // namespace virtual_reader

@@ -11,7 +11,7 @@ namespace virtual_reader {
 
 namespace {
 
-const std::string blanks = " \t\r";
+const std::string spaces = " \t\r";
 const char hexadecimal[] = "0123456789ABCDEFabcdef";
 
 std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t most) {
@@ -21,8 +21,8 @@ std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t
       std::strtoll(text.c_str(), &end, text.find('x') == std::string::npos ? 10 : 16);
   const bool is_number = errno == 0 && !text.empty() && end == text.c_str() + text.size();
   if (is_number && number >= least && number <= most) return number;
-  throw syntax_error("'" + text + "' is no number from " + std::to_string(least) + " to " +
-                     std::to_string(most));
+  throw syntax_error("expected a number from " + std::to_string(least) + " to " +
+                     std::to_string(most) + ", got '" + text + "'");
 }
 
 // How many letters to change, add or leave out, to make one of the other.
@@ -48,42 +48,79 @@ std::string suggestion(const std::string& written, const std::vector<std::string
   std::size_t least = std::min<std::size_t>(written.size() / 2 + 1, 6);
   std::string best;
   for (const std::string& one : known) {
-    const std::size_t far = written.size() > longest ? longest : distance(written, one);
+    const bool is_beginning = written.size() > 2 && one.rfind(written, 0) == 0;
+    const std::size_t far = is_beginning               ? 1
+                            : written.size() > longest ? longest
+                                                       : distance(written, one);
     if (far < least) best = one;
     least = std::min(far, least);
   }
-  return best.empty() ? "" : ", did you mean '" + best + "'?";
+  return best.empty() ? "" : "; did you mean '" + best + "'?";
 }
 
-tokens::tokens(const std::string& line) {
-  if (line.size() > longest_line) throw syntax_error("the line is longer than 4 MiB");
-  for (std::size_t i = 0; (i = line.find_first_not_of(blanks, i)) < line.size();) {
-    if (line[i] == '#') break;
-    if (line[i] == '"') {
-      all.push_back('"' + parse_quoted(line, &i));
-      if (i < line.size() && blanks.find(line[i]) == std::string::npos) {
-        throw syntax_error("no blank behind a closing quote");
-      }
-    } else {
-      const std::size_t start = i;
-      i = std::min(line.find_first_of(blanks, i), line.size());
-      all.push_back(line.substr(start, i - start));
-    }
+std::string wrong_choice(const std::string& written, const std::vector<std::string>& known) {
+  std::string choice;
+  for (const std::string& one : known) {
+    choice += (choice.empty() ? "" : &one == &known.back() ? " or " : ", ") + one;
   }
+  return "expected " + choice + ", got '" + without_controls(written) + "'" +
+         suggestion(written, known);
+}
+
+tokens::tokens(std::string whole_line) : line(std::move(whole_line)), next(read(0)) {}
+
+tokens::token tokens::read(std::size_t from) {
+  if (line.size() > longest_line) throw syntax_error("the line is longer than 4 MiB");
+  const std::size_t start = line.find_first_not_of(spaces, from);
+  if (start == line.npos || line[start] == '#')
+    return {token::end, "", std::min(start, line.size())};
+  place = start;
+  if (line[start] == '"') {
+    std::string text = parse_quoted(line, &place);
+    if (place < line.size() && spaces.find(line[place]) == spaces.npos) {
+      throw syntax_error("expected a space behind the closing quote");
+    }
+    return {token::quoted, std::move(text), start};
+  }
+  place = std::min(line.find_first_of(spaces, start), line.size());
+  return {token::plain, line.substr(start, place - start), start};
+}
+
+tokens::token tokens::pop() {
+  token taken = std::move(next);
+  next = read(place);
+  return taken;
 }
 
 void tokens::take_end() const {
-  if (!at_end()) throw syntax_error("");
+  if (!at_end()) throw syntax_error("expected the end, got '" + without_controls(next.text) + "'");
+}
+
+bool tokens::is_number() const {
+  return next.kind == token::plain &&
+         next.text.find_first_not_of("-0123456789") == std::string::npos;
+}
+
+bool tokens::take_if(const std::string& keyword) {
+  if (!is_next(keyword)) return false;
+  pop();
+  return true;
 }
 
 std::string tokens::take() {
-  if (at_end() || all[next][0] == '"') throw syntax_error("");
-  return all[next++];
+  if (next.kind != token::plain) throw syntax_error("");
+  return pop().text;
 }
 
 std::string tokens::take_quoted() {
-  if (at_end() || all[next][0] != '"') throw syntax_error("");
-  return all[next++].substr(1);
+  if (next.kind != token::quoted) throw syntax_error("");
+  return pop().text;
+}
+
+std::string tokens::take_one_of(const std::vector<std::string>& known) {
+  const std::string taken = at_end() ? "" : take();
+  if (std::find(known.begin(), known.end(), taken) != known.end()) return taken;
+  throw syntax_error(wrong_choice(taken, known));
 }
 
 std::int64_t tokens::take_number(std::int64_t least, std::int64_t most) {
@@ -95,7 +132,7 @@ card_id tokens::take_card() {
   const std::size_t size = std::min(text.find('/'), text.size());
   std::string digits = text.substr(0, size);
   if (size < 1 || size > 64 || digits.find_first_not_of(hexadecimal) != std::string::npos) {
-    throw syntax_error("'" + text + "' has not 1 to 64 hexadecimal digits, like 3AB1234/26");
+    throw syntax_error("expected 1 to 64 hexadecimal digits, like 3AB1234/26, got '" + text + "'");
   }
   auto bits = 4 * static_cast<std::int64_t>(size);
   if (size < text.size()) bits = to_number(text.substr(size + 1), 1, 256);
@@ -109,10 +146,15 @@ card_id tokens::take_card() {
 }
 
 std::string tokens::take_call() {
-  const std::string name = take();
-  if (!is_call(name))
-    throw syntax_error("'" + name + "' is no call" + suggestion(name, call_names));
-  return name;
+  if (at_end()) throw syntax_error("");
+  return take_one_of(call_names);
+}
+
+std::string tokens::take_rest() {
+  const std::size_t end = line.find_last_not_of(spaces) + 1;
+  const std::size_t start = std::min(next.start, end);
+  next = {token::end, "", line.size()};
+  return line.substr(start, end - start);
 }
 
 }  // namespace virtual_reader

@@ -188,29 +188,33 @@ const std::vector<verb> all = {
     {"wait", "MS", "waits",
      [](tokens& w, command* c) {
        const milliseconds time = take_time(w);
-       c->rests = time.count() > 0;
+       c->waits = time.count() > 0;
        c->act = [time](const session& s) { s.wait(time); };
      }},
-    {"expect", "[no] PATTERN [within MS]", "waits until that has log, at most 5000 ms",
+    {"expect", "[eventually|no] PATTERN [within MS] | led is COLOR | nothing for MS",
+     "wait for an event, at most 5000 ms",
      [](tokens& w, command* c) {
-       const expectation what(&w);
-       c->act = [what](const session& s) { s.expect(what); };
-     }},
-    {"send", "\"COMMAND\" [\"ANSWER\"]", "sends a command to the agent, which is to answer so",
-     [](tokens& w, command* c) {
-       const std::string line = w.take_quoted(), answer = w.at_end() ? "" : w.take_quoted();
-       if ((line + answer).find('\n') != std::string::npos) {
-         throw syntax_error("a command is one line, and so is its answer");
-       }
-       c->act = [line, answer](const session& s) {
-         if (!s.callbacks.host)
-           throw syntax_error("there is no host: `virtual-reader FILE -- AGENT`");
-         s.callbacks.host(line, answer);
+       c->expected.emplace(&w);
+       c->act = [what = *c->expected](const session& s) {
+         s.expected.expect(what, s.callbacks.is_interrupted);
        };
      }},
-    {"loop", "", "begins the file anew, if there was a `wait`",
-     [](tokens&, command* c) {
-       c->act = [](const session&) { throw syntax_error("only a file can begin anew"); };
+    {"send", "\"LINE\"", "send a line to the command under test",
+     [](tokens& w, command* c) {
+       const std::string line = w.take_quoted();
+       if (line.find('\n') != std::string::npos) throw syntax_error("expected one line");
+       c->acts = true;
+       c->act = [line](const session& s) {
+         if (!s.callbacks.send) {
+           throw syntax_error("`send` needs an agent: virtual-reader SCRIPT -- AGENT");
+         }
+         s.callbacks.send(line);
+       };
+     }},
+    {"loop", "[N]", "play the script again, N times in all",
+     [](tokens& w, command* c) {
+       c->loops = w.at_end() ? 0 : take_count(w);
+       c->act = [](const session&) { throw syntax_error("only a script can loop"); };
      }},
     {"help", "[VERB]", "prints this",
      [](tokens& w, command* c) {
@@ -276,9 +280,9 @@ command parse(const std::string& line) {
   try {
     tokens given(line);
     if (given.at_end()) return made;
-    const std::string blanks = " \t\r";
-    const std::size_t start = line.find_first_not_of(blanks);
-    const std::size_t size = line.find_last_not_of(blanks) + 1 - start;
+    const std::string spaces = " \t\r";
+    const std::size_t start = line.find_first_not_of(spaces);
+    const std::size_t size = line.find_last_not_of(spaces) + 1 - start;
     made.text = without_controls(line.substr(start, std::min(size, longest_event + 1)));
     std::string name = given.take();
     if (name == "exit") name = "quit";
@@ -289,15 +293,25 @@ command parse(const std::string& line) {
       throw syntax_error("unknown verb '" + without_controls(name) + "'" +
                          suggestion(name, names()));
     }
-    right = "right would be: " + name + (one->syntax.empty() ? "" : " ") + one->syntax;
+    right = "usage: " + name + (one->syntax.empty() ? "" : " ") + one->syntax;
     made.what = &*one;
     one->parse(given, &made);
     given.take_end();
+    made.acts |= made.change != nullptr;
     return made;
   } catch (const syntax_error& error) {
     const std::string what = error.what();
     throw syntax_error(what + (what.empty() || right.empty() ? "" : "; ") + right);
   }
+}
+
+std::set<std::string> named_effects(const std::vector<command>& script) {
+  std::set<std::string> names;
+  for (const command& each : script) {
+    if (each.expected) names.insert(each.expected->effect());
+  }
+  names.erase("");
+  return names;
 }
 
 bool is_verb(const command& told, const std::string& name) {
