@@ -99,15 +99,15 @@ struct served_device : device {
 };
 
 // Carries out a line of verbs, and returns what was wrong with it.
-std::string tell(device& reader, const std::string& line,
-                 std::atomic<std::uint64_t>* cursor = nullptr, lines* answers = nullptr) {
-  std::atomic<std::uint64_t> beginning{1};
+std::string tell(device& reader, const std::string& line, expectations* shared = nullptr,
+                 lines* answers = nullptr) {
+  expectations own(reader);
   session_callbacks around;
   around.answer = [&](const std::string& answer) {
     if (answers) answers->push_back(answer);
   };
   try {
-    session(reader, cursor ? *cursor : beginning, around).execute(line);
+    session(reader, shared ? *shared : own, around).execute(line);
     return "";
   } catch (const std::runtime_error& error) {
     return error.what();
@@ -201,8 +201,8 @@ TEST(VirtualReader, IsNoReaderToTheLibraryWhenItTalksNonsense) {
 
 TEST(VirtualReader, EndsWhateverThoseDoWhoTellIt) {
   const scratch_folder folder;
-  std::atomic<std::uint64_t> cursor{1};
   device reader;
+  expectations cursor(reader);
   auto listening = std::make_unique<server>(
       reader, folder.path + "/socket",
       [&](int socket, const auto& is_over) { serve_control(socket, is_over, reader, cursor, {}); });
@@ -246,7 +246,7 @@ TEST(VirtualReader, IsHeldByOneAgentAtATime) {
 TEST(VirtualReader, CanBePulledOutDuringACall) {
   const scratch_folder folder;
   served_device reader(folder.path + "/socket");
-  std::atomic<std::uint64_t> cursor{1};
+  expectations cursor(reader);
   const loaded_library library(folder);
   for (const std::string fault : {"hang BeepNow", "delay BeepNow 60000 once", "vanish BeepNow"}) {
     ASSERT_EQ(library.connect(), 1);
@@ -305,21 +305,34 @@ TEST(VirtualReader, TakesOverItsSocketOnlyFromWhatHasEnded) {
 
 TEST(VirtualReader, SaysWhatIsWrongWithALine) {
   const std::pair<std::string, std::string> rows[] = {
-      // a line, and its error's beginning
-      {"card", "unknown verb 'card'"},
-      {"card hold 1 2", "right would be: card hold HEX[/BITS]"},
-      {"card hold 3AB1234/25", "'3AB1234/25' does not fit in its bits; right would be: card hold"},
-      {"card hold 1/257", "'257' is no number from 1 to 256"},
+      // a line, and how its error begins
+      {"crad", "unknown verb 'crad'; did you mean 'card'?"},
+      {"card hold 1 2", "expected the end, got '2'; usage: card hold HEX[/BITS]"},
+      {"card hold 3AB1234/25", "'3AB1234/25' does not fit in its bits; usage: card hold"},
+      {"card hold 1/257", "expected a number from 1 to 256, got '257'"},
       {R"(part "\q")", "unknown escape"},
       {R"(part "x)", "the closing quote is missing"},
-      {R"(part "x"y)", "no blank behind a closing quote"},
+      {R"(part "x"y)", "expected a space behind the closing quote"},
       {"part \"" + std::string(1'000'001, 'x') + '"', "the text is longer than a million bytes"},
-      {"fail BeepNow at 0", "'0' is no number from 1"},
-      {"fail BeepNow once once", "right would be: fail CALL"},
-      {R"(send "a\nb")", "a command is one line"},
-      {"loop", "only a file can begin anew"},
-      {"quit \"\"", "right would be: quit"},
-      {"expect led gren", "no entry of the record has 'gren' there, did you mean 'green'?"},
+      {"fail Beep", "expected SetMarkerFunction, BeepNow, "},
+      {"fail BeepNow at 0", "expected a number from 1"},
+      {"fail BeepNow once once", "expected the end, got 'once'; usage: fail CALL"},
+      {R"(send "a\nb")", "expected one line"},
+      {"loop", "only a script can loop"},
+      {"quit \"\"", "expected the end, got ''; usage: quit"},
+      {"expect led blue", "expected red, green, amber, off or auto, got 'blue'"},
+      {"expect led gren",
+       "expected red, green, amber, off or auto, got 'gren'; did you mean 'green'?"},
+      {"expect no led red within 2000 ms", "expected the end, got 'ms'"},
+      {"expect no beep 1 short", "expected short or long, got '1'"},
+      {"expect no config tsCfgFlag.bHaltKBSnd=1",
+       "unknown setting 'tsCfgFlag.bHaltKBSnd'; did you "
+       "mean 'tsCfgFlags.bHaltKBSnd'?"},
+      {"expect no card 3AB1234/2", "'3AB1234/2' does not fit in its bits"},
+      {"expect reset 1", "expected the end, got '1'"},
+      {"expect received a within 5 ms", "expected the end after `within MS`, got ' ms'"},
+      {"expect received /(/", "invalid regular expression"},
+      {"expect nothing", "usage: expect"},
       {" # a comment", ""},
   };
   const scratch_folder folder;
@@ -454,7 +467,7 @@ TEST(VirtualReader, DoesWhatItsVerbsSay) {
     served_device reader(folder.path + "/socket");
     const loaded_library library(folder);
     ASSERT_EQ(library.connect(), 1);
-    std::atomic<std::uint64_t> cursor{1};
+    expectations cursor(reader);
     for (const auto& [verb, outcome] : steps) {
       std::string came;
       if (verb == ".poll") came = library.poll();
@@ -530,44 +543,37 @@ TEST(VirtualReader, RecordsWhatHappensInOrder) {
                          "1 agent detached"}));
 }
 
-TEST(VirtualReader, ExpectsEntriesBehindItsCursor) {
-  const scratch_folder folder;
-  served_device reader(folder.path + "/socket");
-  const lines entries = {"led red",           "beep short 20",       "card 3AB1234/26", "led red",
-                         "call X -> \"a b\"", "received Log: a \"b", "led green"};
-  for (const std::string& entry : entries) reader.log.add(1, entry);
-  const struct {
-    std::string pattern;
-    std::uint64_t next;  // the cursor, which starts at 1; the same if it fails
-  } rows[] = {
-      {"beep short 2", 1},
-      {"beep 20", 3},
-      {"led red", 5},
-      {"led red", 5},
-      {"card 3AB1234/26", 5},
-      {"call \"a b\"", 6},
-      {"received Log: \"a \\\"b\"", 7},
-      {"no led green", 7},
-      {"no led red", 7},
-      {"led green", 8},
-      {"no led green", 8},
-  };
-  std::atomic<std::uint64_t> cursor{1};
-  for (const auto& row : rows) {
-    const std::uint64_t before = cursor;
-    const std::string came = tell(reader, "expect " + row.pattern + " within 0", &cursor);
-    EXPECT_EQ(cursor, row.next) << row.pattern;
-    const bool is_negative = row.pattern.rfind("no ", 0) == 0;
-    const bool is_wrong =
-        is_negative ? row.pattern == "no led green" && row.next == 7 : before == row.next;
-    EXPECT_EQ(came.empty(), !is_wrong) << row.pattern << ": " << came;
+TEST(VirtualReader, ASessionSkipsToWhatItExpects) {
+  device reader;
+  for (const std::string text :
+       {"led red", "beep short 20", "card 03AB1234/26", "led red", "call X -> \"a b\"",
+        "received Log: a \"b # c", "led green", "received access NOT granted"}) {
+    reader.log.add(1, text);
   }
-  // It waits for what comes later, and not longer.
-  std::thread later([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    reader.log.add(1, "reset");
-  });
-  EXPECT_EQ(tell(reader, "expect reset within 20000", &cursor), "");
+  expectations shared(reader);
+  const std::pair<std::string, std::string> rows[] = {
+      // what is expected within 0 ms, and what was wrong
+      {"beep short 2", "expected beep short 2 within 0 ms, got beep short 20"},
+      {"no beep", "expected no beep, got beep short 20"},
+      {"beep short 20", ""},
+      {"led red", ""},
+      {"led red", ""},
+      {"card 3ab1234", ""},
+      {"received Log: a \"b # c", ""},
+      {"no led red", ""},
+      {"no led green", "expected no led green, got led green"},
+      {"led green", ""},
+      {"no led green", ""},
+      {"received access granted",
+       "expected received access granted within 0 ms, got received "
+       "access NOT granted"},
+      {"received /^access (NOT )?granted$/", ""},
+  };
+  for (const auto& [pattern, error] : rows) {
+    EXPECT_EQ(tell(reader, "expect " + pattern + " within 0", &shared), error) << pattern;
+  }
+  std::thread later([&] { reader.log.add(1, "reset"); });
+  EXPECT_EQ(tell(reader, "expect reset within 20000", &shared), "");
   later.join();
 }
 
@@ -579,9 +585,13 @@ TEST(VirtualReader, KeepsARecordOfABoundedSize) {
   EXPECT_EQ(kept.back().number, 999u);
   EXPECT_EQ(kept.back().count, 2u);
   EXPECT_GT(kept.front().number, 700u) << "the oldest have been dropped";
+  EXPECT_TRUE(small.has_dropped(1));
   EXPECT_EQ(small.read(1000).front().count, 1u) << "from the middle of equal ones";
   small.add(0, std::string(20'000, 'x'));
   EXPECT_EQ(small.read(1).size(), 1u) << "one is kept, however long";
+  for (int i = 0; i < 1000; ++i) small.add(0, "received " + std::to_string(i));
+  EXPECT_EQ(small.read(1).front().text[0], 'x') << "the application pushes nothing out";
+  EXPECT_EQ(small.last(1, [](const event&) { return true; })[0].text, "received 999");
 }
 
 TEST(VirtualReader, ReadsBackWhatItWrites) {
