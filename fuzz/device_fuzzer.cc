@@ -34,10 +34,10 @@ bool is_closed_by_peer(int socket) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static std::atomic<std::uint64_t> cursor{1};
   static device reader;
+  static expectations expected(reader);
   static server listening(reader, socket_path(), [](int socket, const auto& is_over) {
-    serve_control(socket, is_over, reader, cursor, {});
+    serve_control(socket, is_over, reader, expected, {});
   });
   if (size == 0) return 0;
 

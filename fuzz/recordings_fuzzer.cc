@@ -21,14 +21,11 @@ class player {
   explicit player(const std::vector<recorded_call>& calls) : recording(calls) {}
 
   // Returns the rules for the call, and what it fetched.
-  std::pair<std::vector<fault>, std::vector<std::int64_t>> make(const recorded_call& wanted) {
-    call asked;
-    asked.agent = agent;
-    asked.name = wanted.name;
-    asked.arguments = wanted.arguments;
-    auto due = recording.prepare(asked, &playing);
-    playing.run(&asked);
-    return {std::move(due), std::move(asked.result.numbers)};
+  std::pair<std::vector<fault>, std::array<std::int64_t, 33>> make(const recorded_call& wanted) {
+    call asked{wanted.name, wanted.arguments};
+    auto due = recording.prepare(agent, asked, &playing);
+    playing.run(agent, &asked, std::nullopt);
+    return {std::move(due), playing.agents[agent].id};
   }
   bool has_told(const std::string& what) const {
     const auto is_it = [&](const auto& entry) { return entry.text.rfind(what, 0) == 0; };
@@ -90,17 +87,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   for (const recorded_call& each : calls) {
-    const auto read = parse_call(to_text(static_cast<const call_text&>(each)));
-    require(read && to_text(*read) == to_text(static_cast<const call_text&>(each)),
+    const auto read = parse_call(to_text(static_cast<const call&>(each)));
+    require(read && to_text(*read) == to_text(static_cast<const call&>(each)),
             "a call can be written and read");
   }
-  require(hurried(calls, 1).size() == calls.size(), "what is not hurried is whole");
-  const std::vector<recorded_call> fewer = hurried(calls, 7);
-  require(fewer.size() <= calls.size(), "nothing is made up");
-  const bool hangs = !calls.empty() && !calls.back().has_ended;
-  require(!hangs || !fewer.back().has_ended, "what hangs is not left out");
   for (const std::string& line : to_scenario(calls)) parse(line);
   play_as_it_was(calls);
-  play_otherwise(fewer);
+  play_otherwise(calls);
   return 0;
 }

@@ -21,7 +21,7 @@ std::string in_words(const reader& now) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static device reader;
-  std::atomic<std::uint64_t> cursor{reader.log.end()};
+  expectations cursor(reader);
   session_callbacks around;
   around.answer = [](const std::string& line) {
     require(line.find('\n') == std::string::npos, "it answers line by line");

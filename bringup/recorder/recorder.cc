@@ -15,7 +15,7 @@
 #include "pc_prox_api.h"
 #pragma GCC visibility pop
 #include "reader_library.h"
-#include "event_line.h"
+#include "call.h"
 #include "recording.h"
 
 namespace {
@@ -23,7 +23,7 @@ namespace {
 using namespace bringup;
 using pc_prox::status;
 using clock = std::chrono::steady_clock;
-using virtual_reader::call_text;
+using library_call = virtual_reader::call;
 
 // The library beside this one.
 std::string path_of_recorded() {
@@ -64,7 +64,7 @@ thread_local bool is_calling = false;
 // What the recorded library takes for the marker function.
 void relay(char* text, int length) {
   try {
-    virtual_reader::says_text said;
+    virtual_reader::says said;
     if (length > 0 && text) said.text.assign(text, static_cast<std::size_t>(length));
     said.length = text ? length : std::min(length, 0);
     said.own_thread = !is_calling;
@@ -79,7 +79,7 @@ using numbers = std::initializer_list<std::int64_t>;
 // Adds an entry for the call; `describe` adds to the text what more is known of it.
 template <typename D>
 void write_down(const char* name, numbers arguments, const D& describe) noexcept try {
-  call_text text;
+  library_call text;
   text.name = name;
   text.arguments = arguments;
   describe(&text);
@@ -94,14 +94,14 @@ void make(const char* name, numbers arguments, const F& call, const D& describe)
   // Of a call that never returns, this is all that there will be. The 33 calls of a poll that only
   // hand out what it has fetched would make twice the file of it.
   if (std::strcmp(name, "GetQueuedID_index") != 0) {
-    write_down(name, arguments, [](call_text* text) { text->has_ended = false; });
+    write_down(name, arguments, [](library_call* text) { text->has_ended = false; });
   }
   is_calling = true;
   const auto begin = clock::now();
   call();
   const auto took = clock::now() - begin;
   is_calling = false;
-  write_down(name, arguments, [&](call_text* text) {
+  write_down(name, arguments, [&](library_call* text) {
     text->took = std::chrono::duration_cast<std::chrono::microseconds>(took);
     describe(text);
   });
@@ -109,7 +109,7 @@ void make(const char* name, numbers arguments, const F& call, const D& describe)
 
 template <typename F>
 void no_result(const char* name, numbers arguments, const F& call) {
-  make(name, arguments, call, [](call_text*) {});
+  make(name, arguments, call, [](library_call*) {});
 }
 
 template <typename F>
@@ -117,7 +117,7 @@ auto number_result(const char* name, numbers arguments, const F& call) {
   decltype(call()) result{};
   make(
       name, arguments, [&] { result = call(); },
-      [&](call_text* text) {
+      [&](library_call* text) {
         text->has_result = true;
         text->values = {result};
       });
@@ -139,7 +139,7 @@ status get_record(const char* name, status (*get)(T*), T* record) {
   status result{};
   make(
       name, {}, [&] { result = get(record); },
-      [&](call_text* text) {
+      [&](library_call* text) {
         text->has_result = true;
         text->values = {result};
         if (result == 0) return;
@@ -188,7 +188,7 @@ const char* getPartNumberString() {
   const char* result = nullptr;
   make(
       __func__, {}, [&] { result = self.library.getPartNumberString(); },
-      [&](call_text* text) {
+      [&](library_call* text) {
         text->has_result = text->has_text = true;
         if (result) text->text = result;
       });
@@ -197,7 +197,7 @@ const char* getPartNumberString() {
 void GetDevName(char* name) {
   make(
       __func__, {}, [&] { self.library.GetDevName(name); },
-      [&](call_text* text) {
+      [&](library_call* text) {
         text->has_result = text->has_text = true;
         text->text = name;
       });

@@ -10,7 +10,7 @@
 #include <ctime>
 #include <system_error>
 
-#include "event_line.h"
+#include "call.h"
 
 namespace bringup {
 

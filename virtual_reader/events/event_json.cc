@@ -4,7 +4,7 @@
 #include <map>
 #include <sstream>
 
-#include "event_line.h"
+#include "call.h"
 
 namespace virtual_reader {
 
@@ -37,7 +37,7 @@ std::string json_numbers(const std::vector<std::int64_t>& numbers, std::size_t f
   return json_array(values);
 }
 
-json_fields fields_of(const call_text& call) {
+json_fields fields_of(const call& call) {
   json_fields fields = {{"name", json_string(call.name)},
                         {"arguments", json_numbers(call.arguments)}};
   if (!call.has_ended) return fields;

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "event_line.h"
+#include "call.h"
 
 namespace virtual_reader {
 

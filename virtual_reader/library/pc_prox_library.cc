@@ -1,16 +1,18 @@
 // A reader library that talks to a virtual reader instead of a real one. Each function is one
 // question to the virtual reader, named like the function, so that the virtual reader can log,
-// delay and fail it. What the library keeps itself is what a library keeps in life: its link, the
-// configuration on its way from the reader and back, the ID fetched last and the last error.
+// delay and fail it.
 //
 // As the header has it, one thread alone makes the calls.
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
-#include <initializer_list>
+#include <optional>
 #include <thread>
 #include <utility>
+#include <vector>
 
+#include "call.h"
 #include "socket_path.h"
 #include "wire.h"
 #pragma GCC visibility push(default)
@@ -21,50 +23,18 @@ namespace {
 
 using namespace virtual_reader;
 using pc_prox::status;
-using record = std::array<pc_prox::field, 8>;
-
-enum record_index : std::size_t { id_bit_counts, flags, times, flags2, led, record_count };
-
-// What a call takes along: a few numbers, held without allocating, since that may throw.
-struct numbers {
-  numbers() = default;
-  numbers(std::initializer_list<std::int64_t> given) { append(given); }
-  template <typename T>
-  void append(const T& given) {
-    for (const std::int64_t number : given) values[count++] = number;
-  }
-  void append_to(std::vector<std::int64_t>* all) const {
-    all->insert(all->end(), values.begin(), values.begin() + static_cast<std::ptrdiff_t>(count));
-  }
-  std::array<std::int64_t, 8 * record_count> values{};
-  std::size_t count = 0;
-};
-
-struct answer {
-  bool came = false;  // from a virtual reader
-  std::int64_t result = 0;
-  std::vector<std::int64_t> values;
-  std::optional<std::string> text;
-};
+using fields = std::array<pc_prox::field, 8>;
+using numbers = std::vector<std::int64_t>;
 
 struct {
   descriptor link;        // to the virtual reader, whether or not its reader is plugged in
   moment next_attempt{};  // a silent listener costs the agent its patience once, not at every call
   pc_prox::marker_function marker = nullptr;
-  bool mismatch_told = false;
-  std::int64_t last_error = 0;
-  bool configuration_read = false;
-  std::array<record, record_count> configuration{};
-  std::array<std::int64_t, 33> id{};  // its 32 bytes, then its length in bits
-  bool id_questions_wanted = false;
-  std::string text;  // the one returned last
+  bool has_said_mismatch = false;
+  std::int64_t last_error = 0;  // without a link; the virtual reader knows it else
+  std::optional<numbers> id;  // fetched last: its 32 bytes, then its length in bits; or ask for it
+  std::string text;           // the one returned last
 } library;
-
-void drop_link() {
-  library.link.reset();
-  library.id_questions_wanted = false;
-  library.configuration_read = false;
-}
 
 void emit(std::string text, std::int64_t length, bool own_thread) {
   const pc_prox::marker_function marker = library.marker;
@@ -82,10 +52,10 @@ void make_link() {
   if (library.link.number < 0) return;
   const auto peer = exchange_greetings(library.link.number, agent_greeting);
   if (peer && peer->version == protocol_version) return;
-  drop_link();
+  library.link.reset();
   if (!peer) {
     library.next_attempt = in(message_limit);
-  } else if (!std::exchange(library.mismatch_told, true)) {
+  } else if (!std::exchange(library.has_said_mismatch, true)) {
     const std::string text = "virtual reader speaks protocol version " +
                              std::to_string(peer->version) + ", this library version " +
                              std::to_string(protocol_version);
@@ -93,27 +63,21 @@ void make_link() {
   }
 }
 
-// Asks the question and acts on interim messages until the reply; nothing when the link has failed.
-std::optional<answer> exchange(const message& question) {
+// Sends the call and acts on what comes before its reply; nothing when the link has failed.
+std::optional<call> exchange(const call& made) {
   moment until = in(message_limit);
-  if (!send_message(library.link.number, question, until)) return {};
-  while (auto given = receive_message(library.link.number, answer_size_limit, until)) {
-    const std::vector<std::int64_t>& told = given->numbers;
-    std::vector<std::string>& texts = given->texts;
-    if (told.size() >= 4 && told[0] == reply_message) {
-      if (told[1] == 0) library.last_error = told[2];
-      library.id_questions_wanted = told[3] != 0;
-      answer result{true, told[1], {told.begin() + 4, told.end()}, {}};
-      if (!texts.empty()) result.text = std::move(texts[0]);
-      return result;
-    }
-    if (told.size() == 2 && told[0] == patience_message && told[1] >= 0) {
-      const std::chrono::milliseconds longer{std::min<std::int64_t>(told[1], 1'000'000'000)};
-      until = in(message_limit + longer);
-    } else if (told.size() == 3 && told[0] == say_message && texts.size() == 1) {
-      emit(std::move(texts[0]), told[1], told[2] != 0);
+  if (!send_message(library.link.number, to_text(made), until)) return {};
+  while (const auto line = receive_message(library.link.number, answer_size_limit, until)) {
+    const std::string delayed = "delayed ";
+    if (auto said = parse_says(*line)) {
+      emit(std::move(said->text), said->length, said->own_thread);
+    } else if (line->rfind(delayed, 0) == 0) {
+      const long long longer = std::atoll(line->c_str() + delayed.size());
+      until =
+          in(message_limit + std::chrono::milliseconds(std::clamp(longer, 0LL, 1'000'000'000LL)));
     } else {
-      return {};
+      auto reply = parse_call(*line);
+      return reply && reply->has_ended && reply->name == made.name ? reply : std::nullopt;
     }
   }
   if (std::chrono::steady_clock::now() >= until) library.next_attempt = in(message_limit);
@@ -121,52 +85,45 @@ std::optional<answer> exchange(const message& question) {
 }
 
 // Makes a call of the virtual reader. Without one, or when it goes away meanwhile, the result is 0.
-answer ask(const char* name, result_kind kind, const numbers& arguments = {},
-           const numbers& extras = {}, error_number own_error = no_error,
-           bool may_link = false) noexcept {
+call ask(const char* name, const numbers& arguments = {}, bool may_link = false) noexcept {
   try {
     if (may_link) make_link();
+    call made{name, arguments};
+    made.has_ended = false;
     if (library.link.number >= 0) {
-      message question{{kind, own_error, static_cast<std::int64_t>(arguments.count)}, {name}};
-      arguments.append_to(&question.numbers);
-      extras.append_to(&question.numbers);
-      if (auto told = exchange(question)) return *std::move(told);
+      if (auto reply = exchange(made)) return *std::move(reply);
     }
   } catch (...) {  // out of memory or threads; the caller is C
   }
-  drop_link();
+  library.link.reset();
   library.last_error = no_reader_connected;
   return {};
 }
 
-status ask_status(const char* name, const numbers& arguments = {}, const numbers& extras = {},
-                  error_number own_error = no_error) {
-  return ask(name, status_result, arguments, extras, own_error).result != 0;
-}
+bool has_succeeded(const call& reply) { return !reply.values.empty() && reply.values[0] != 0; }
 
-error_number unless_read() { return library.configuration_read ? no_error : no_configuration_read; }
-
-template <typename T>
-status get_record(const char* name, record_index index, T* out) {
-  static_assert(sizeof(T) == sizeof(record));
-  numbers fields;
-  fields.append(library.configuration[index]);
-  const status done = ask_status(name, {}, fields, unless_read());
-  if (done) std::memcpy(out, &library.configuration[index], sizeof(T));
-  return done;
+status ask_status(const char* name, const numbers& arguments = {}, bool may_link = false) {
+  return has_succeeded(ask(name, arguments, may_link));
 }
 
 template <typename T>
-status set_record(const char* name, record_index index, const T* given,
-                  bool needs_configuration = true) {
-  record fields;
-  std::memcpy(&fields, given, sizeof fields);
-  numbers arguments;
-  arguments.append(fields);
-  const status done =
-      ask_status(name, arguments, {}, needs_configuration ? unless_read() : no_error);
-  if (done) library.configuration[index] = fields;
-  return done;
+status get_record(const char* name, T* out) {
+  const call reply = ask(name);
+  fields all{};
+  static_assert(sizeof all == sizeof(T));
+  if (!has_succeeded(reply) || reply.values.size() != 1 + all.size()) return 0;
+  for (std::size_t i = 0; i < all.size(); ++i)
+    all[i] = static_cast<pc_prox::field>(reply.values[i + 1]);
+  std::memcpy(out, &all, sizeof all);
+  return 1;
+}
+
+template <typename T>
+status set_record(const char* name, const T* given) {
+  fields all;
+  static_assert(sizeof all == sizeof(T));
+  std::memcpy(&all, given, sizeof all);
+  return ask_status(name, {all.begin(), all.end()});
 }
 
 }  // namespace
@@ -176,76 +133,49 @@ extern "C" {
 void SetMarkerFunction(pc_prox::marker_function function) {
   // Set before, since texts may come during this very call.
   const pc_prox::marker_function before = std::exchange(library.marker, function);
-  const answer told = ask(__func__, no_result, {function != nullptr}, {}, no_error, true);
-  if (told.came && told.result == 0) library.marker = before;
+  if (ask(__func__, {function != nullptr}, true).has_failed()) library.marker = before;
 }
-void USBDisconnect() {
-  library.configuration_read = false;
-  ask(__func__, no_result, {}, {}, no_error, true);
-}
-status usbConnect() {
-  library.configuration_read = false;
-  return ask(__func__, status_result, {}, {}, no_error, true).result != 0;
-}
-void SetDevTypeSrch(std::int16_t device_type) { ask(__func__, no_result, {device_type}); }
+void USBDisconnect() { ask(__func__, {}, true); }
+status usbConnect() { return ask_status(__func__, {}, true); }
+void SetDevTypeSrch(std::int16_t device_type) { ask(__func__, {device_type}); }
 std::int64_t GetLastLibErr() {
   const std::int64_t error = library.last_error;
-  ask(__func__, number_result, {}, {error});
-  return error;
+  const call reply = ask(__func__);
+  return reply.values.empty() ? error : reply.values[0];
 }
 status BeepNow(std::uint8_t count, std::int16_t long_beep) {
   return ask_status(__func__, {count, long_beep});
 }
 status GetQueuedID(std::int16_t first, std::int16_t second) {
-  library.id.fill(0);
-  const answer told = ask(__func__, status_result, {first, second});
-  if (told.values.size() == library.id.size()) {
-    std::copy(told.values.begin(), told.values.end(), library.id.begin());
-  }
-  return told.result != 0;
+  const call reply = ask(__func__, {first, second});
+  library.id.reset();
+  if (reply.values.size() == 34) library.id.emplace(reply.values.begin() + 1, reply.values.end());
+  return has_succeeded(reply);
 }
 std::int64_t GetQueuedID_index(std::int16_t index) {
   const auto place = static_cast<std::size_t>(index);
-  const std::int64_t value = place < library.id.size() ? library.id[place] : 0;
-  if (library.id_questions_wanted) ask(__func__, number_result, {index}, {value});
-  return value;
+  if (library.id) return place < library.id->size() ? (*library.id)[place] : 0;
+  const call reply = ask(__func__, {index});
+  return reply.values.empty() ? 0 : reply.values[0];
 }
 const char* getPartNumberString() {
-  answer told = ask(__func__, text_result);
-  if (!told.text) return nullptr;
-  library.text = std::move(*told.text);
+  call reply = ask(__func__);
+  if (!reply.text) return nullptr;
+  library.text = std::move(*reply.text);
   return library.text.c_str();
 }
-void GetDevName(char* name) {
-  const answer told = ask(__func__, text_result);
-  std::strcpy(name, told.text ? told.text->c_str() : "");
-}
-status ReadCfg() {
-  const answer told = ask(__func__, status_result);
-  const bool whole = told.result != 0 && told.values.size() == 8 * record_count;
-  for (std::size_t i = 0; whole && i < told.values.size(); ++i) {
-    library.configuration[i / 8][i % 8] = static_cast<pc_prox::field>(told.values[i]);
-  }
-  library.configuration_read = whole;
-  return whole;
-}
-status WriteCfg() {
-  numbers all;
-  for (const record& fields : library.configuration) all.append(fields);
-  return ask_status(__func__, {}, all, unless_read());
-}
+void GetDevName(char* name) { std::strcpy(name, ask(__func__).text.value_or("").c_str()); }
+status ReadCfg() { return ask_status(__func__); }
+status WriteCfg() { return ask_status(__func__); }
 status ResetFactoryDflts() { return ask_status(__func__); }
 
-status GetIDBitCnts(pc_prox::sIDBitCnts* r) { return get_record(__func__, id_bit_counts, r); }
-status GetFlags(pc_prox::sCfgFlags* r) { return get_record(__func__, flags, r); }
-status GetTimeParms(pc_prox::sTimeParms* r) { return get_record(__func__, times, r); }
-status GetFlags2(pc_prox::sCfgFlags2* r) { return get_record(__func__, flags2, r); }
-status GetLEDCtrl(pc_prox::sLEDCtrl* r) { return get_record(__func__, led, r); }
-status SetIDBitCnts(pc_prox::sIDBitCnts* r) { return set_record(__func__, id_bit_counts, r); }
-status SetFlags(pc_prox::sCfgFlags* r) { return set_record(__func__, flags, r); }
-status SetTimeParms(pc_prox::sTimeParms* r) { return set_record(__func__, times, r); }
-status SetFlags2(pc_prox::sCfgFlags2* r) { return set_record(__func__, flags2, r); }
-// The LED follows at once, also outside a configuration.
-status SetLEDCtrl(pc_prox::sLEDCtrl* r) { return set_record(__func__, led, r, false); }
+#define RECORD(name, type)                                               \
+  status Get##name(pc_prox::type* r) { return get_record(__func__, r); } \
+  status Set##name(pc_prox::type* r) { return set_record(__func__, r); }
+RECORD(IDBitCnts, sIDBitCnts)
+RECORD(Flags, sCfgFlags)
+RECORD(TimeParms, sTimeParms)
+RECORD(Flags2, sCfgFlags2)
+RECORD(LEDCtrl, sLEDCtrl)
 
 }  // extern "C"

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -30,7 +31,7 @@ int execute(const std::string& socket_path, const std::string& verbs,
   if (peer->version != protocol_version) {
     throw std::runtime_error("version mismatch with the virtual reader on " + socket_path);
   }
-  if (!send_message(link.number, {{}, {verbs}}, in(message_limit))) {
+  if (!send_message(link.number, verbs, in(message_limit))) {
     throw std::runtime_error("connection lost, or the verbs are too long");
   }
   const cancellation never_cancelled;
@@ -40,17 +41,17 @@ int execute(const std::string& socket_path, const std::string& verbs,
       never_cancelled.write_all(STDERR_FILENO, "virtual-reader: timed out\n");
       return 4;
     }
-    const auto reply = receive_message(link.number, telling_size_limit, in(message_limit));
-    if (!reply || reply->numbers.empty()) break;
-    const bool is_line = reply->numbers[0] == line_message;
-    std::string text;
-    for (const std::string& line : reply->texts) text += line;
+    const auto reply = receive_message(link.number, answer_size_limit, in(message_limit));
+    if (!reply) break;
+    const bool is_line = reply->rfind("= ", 0) == 0;
+    std::string text = reply->substr(std::min(reply->find(' ') + 1, reply->size()));
+    if (*reply == "passed") return 0;
     if (!text.empty() && text.back() != '\n') text += '\n';
     if (!never_cancelled.write_all(is_line ? STDOUT_FILENO : STDERR_FILENO, text) && is_line) {
       throw std::runtime_error("cannot write to standard output: " +
                                std::generic_category().message(errno));
     }
-    if (!is_line) return reply->numbers.size() == 2 && reply->numbers[1] == 0 ? 0 : 1;
+    if (!is_line) return 1;
   }
   throw std::runtime_error("connection lost before the verbs finished");
 }

@@ -1,6 +1,5 @@
 #include "cards.h"
 
-#include <algorithm>
 #include <sstream>
 
 namespace virtual_reader {
@@ -20,35 +19,6 @@ card_id card_of(const std::string& text) {
     }
   }
   return id;
-}
-
-void card_queue::push(const std::string& card) {
-  texts.insert(texts.end(), card.begin(), card.end());
-  texts.push_back('\n');
-  ++count;
-}
-
-void card_queue::append(const card_queue& other) {
-  texts.insert(texts.end(), other.texts.begin(), other.texts.end());
-  count += other.count;
-}
-
-std::string card_queue::pop() {
-  const auto end = std::find(texts.begin(), texts.end(), '\n');
-  const std::string card(texts.begin(), end);
-  texts.erase(texts.begin(), end + 1);
-  --count;
-  return card;
-}
-
-std::vector<std::string> card_queue::first(std::size_t most) const {
-  std::vector<std::string> found;
-  for (auto place = texts.begin(); place != texts.end() && found.size() < most;) {
-    const auto end = std::find(place, texts.end(), '\n');
-    found.emplace_back(place, end);
-    place = end + 1;
-  }
-  return found;
 }
 
 }  // namespace virtual_reader

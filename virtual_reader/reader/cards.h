@@ -1,12 +1,9 @@
-// Cards, and those that wait to be fetched.
+// Cards as the reader fetches them.
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <string>
-#include <vector>
 
 namespace virtual_reader {
 
@@ -17,20 +14,5 @@ struct card_id {
 
 // The card of a right text.
 card_id card_of(const std::string& text);
-
-// The texts of cards, in their order. None takes more room than its text, so that there may be
-// millions.
-class card_queue {
- public:
-  void push(const std::string& card);
-  void append(const card_queue& other);
-  std::string pop();  // there must be one
-  std::size_t size() const { return count; }
-  std::vector<std::string> first(std::size_t most) const;
-
- private:
-  std::deque<char> texts;  // each with a line feed behind it
-  std::size_t count = 0;
-};
 
 }  // namespace virtual_reader

@@ -1,8 +1,18 @@
 #include "configuration.h"
 
+#include <algorithm>
+#include <map>
 #include <sstream>
 
 namespace virtual_reader {
+
+std::optional<std::size_t> record_of(const std::string& call) {
+  static const std::map<std::string, std::size_t> places = {
+      {"IDBitCnts", 0}, {"Flags", 8}, {"TimeParms", 16}, {"Flags2", 24}, {"LEDCtrl", led_record}};
+  const auto place = places.find(call.substr(std::min<std::size_t>(3, call.size())));
+  if (place == places.end()) return {};
+  return place->second;
+}
 
 std::vector<std::string> to_text(const configuration& all, bool with_reserved) {
   std::istringstream names(

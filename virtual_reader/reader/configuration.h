@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ constexpr configuration factory_defaults = {1,   1,    104,  26,  108, 110, 112,
                                             400, 402,  0,    0,   0,   1,   0,   414,  //
                                             0,   0,    0,    506, 508, 510, 512, 514};
 constexpr std::size_t led_record = 32;  // where it begins
+
+// Where the record begins that a call gets or sets; nothing if it is another call.
+std::optional<std::size_t> record_of(const std::string& call);
 
 // One text a record, TYPE.NAME=VALUE for each field, as hosts write it; fields without a known
 // meaning are reserved and their offset in bytes, and can be left out.

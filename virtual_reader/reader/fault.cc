@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <set>
 
-#include "event_line.h"
+#include "call.h"
 
 namespace virtual_reader {
 
@@ -20,7 +20,7 @@ std::string to_text(const fault& r) {
     case fault::kind::say:
       break;
   }
-  return "say " + r.call + to_text(says_text{r.text, r.length, r.own_thread}).substr(4);
+  return "say " + r.call + to_text(says{r.text, r.length, r.own_thread}).substr(4);
 }
 
 void fault_list::add(fault added) {

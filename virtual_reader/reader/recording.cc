@@ -1,17 +1,12 @@
 #include "recording.h"
 
 #include <algorithm>
-#include <cmath>
 #include <fstream>
 #include <stdexcept>
 
 namespace virtual_reader {
 
 namespace {
-
-// Where the configuration has each record.
-const std::map<std::string, std::size_t> places = {
-    {"IDBitCnts", 0}, {"Flags", 8}, {"TimeParms", 16}, {"Flags2", 24}, {"LEDCtrl", led_record}};
 
 // As the verbs have it.
 std::string text_of(const card_id& id) {
@@ -44,19 +39,19 @@ bool is_of_a_call(const std::string& entry) {
 // Reads entry after entry; what belongs to a call before it goes there.
 class collector {
  public:
-  void add_says(const says_text& said) { said_before.push_back(said); }
-  void add_beginning(const call_text& text, std::chrono::microseconds began) {
+  void add_says(const says& said) { said_before.push_back(said); }
+  void add_beginning(const call& text, std::chrono::microseconds began) {
     begun.emplace();
     begun->name = text.name;
     begun->arguments = text.arguments;
     begun->has_ended = false;
     begun->ended = began;
   }
-  void add_call(const call_text& text, std::chrono::microseconds ended) {
+  void add_call(const call& text, std::chrono::microseconds ended) {
     begun.reset();
     if (text.name == "GetQueuedID_index") return add_index(text);
     recorded_call added;
-    static_cast<call_text&>(added) = text;
+    static_cast<call&>(added) = text;
     added.ended = ended;
     added.said.swap(said_before);
     calls.push_back(added);
@@ -73,9 +68,9 @@ class collector {
       std::array<std::int16_t, 8> fields;
       std::transform(text.values.begin() + 1, text.values.end(), fields.begin(),
                      [](std::int64_t value) { return static_cast<std::int16_t>(value); });
-      const auto place = places.find(text.name.substr(3));
+      const auto place = record_of(text.name);
       // The first: what comes later may have been set in between.
-      if (place != places.end()) calls[*configuration_read].records.emplace(place->second, fields);
+      if (place) calls[*configuration_read].records.emplace(*place, fields);
     }
   }
   std::vector<recorded_call> take(bool was_cut_off) {
@@ -91,7 +86,7 @@ class collector {
   }
 
  private:
-  void add_index(const call_text& text) {
+  void add_index(const call& text) {
     const std::int64_t index = text.arguments.empty() ? -1 : text.arguments[0];
     if (!poll || index < 0 || index > 32 || text.values.empty() || text.values[0] == 0) return;
     if (!calls[*poll].card) calls[*poll].card.emplace();
@@ -99,29 +94,10 @@ class collector {
   }
 
   std::vector<recorded_call> calls;
-  std::vector<says_text> said_before;
+  std::vector<says> said_before;
   std::optional<recorded_call> begun;  // and has not ended so far
   std::optional<std::size_t> failed, poll, connection, configuration_read;  // the last one of each
 };
-
-// A poll or a search that told nothing new.
-struct quiet_time {
-  std::size_t calls;  // it takes; 0 if it is none
-  std::string what;   // it told
-};
-
-quiet_time quiet_time_at(const std::vector<recorded_call>& calls, std::size_t from) {
-  const recorded_call& first = calls[from];
-  if (first.is_poll() && first.has_ended && !first.has_failed() && first.said.empty()) {
-    return {1, first.card ? first.card->text : "no card"};
-  }
-  const char* const search[] = {"USBDisconnect", "SetDevTypeSrch", "usbConnect"};
-  for (std::size_t i = 0; i < 3; ++i) {
-    const bool fits = from + i < calls.size() && calls[from + i].name == search[i];
-    if (!fits || !calls[from + i].said.empty()) return {0, ""};
-  }
-  return {calls[from + 2].has_failed() ? std::size_t{3} : 0, "no reader"};
-}
 
 }  // namespace
 
@@ -154,29 +130,6 @@ std::vector<recorded_call> read_recording(std::istream& recording, const std::st
 std::vector<recorded_call> read_recording(const std::string& path) {
   std::ifstream file(path);
   return read_recording(file, path);
-}
-
-std::vector<recorded_call> hurried(const std::vector<recorded_call>& calls, double speed) {
-  std::vector<recorded_call> kept;
-  std::string row;    // of what
-  double in_row = 0;  // so far
-  for (std::size_t i = 0; i < calls.size();) {
-    const quiet_time quiet = quiet_time_at(calls, i);
-    if (quiet.calls == 0 || quiet.what != row) in_row = 0;
-    row = quiet.what;
-    // The first of a row stays, since it tells something.
-    const bool stays = in_row == 0 || std::floor(in_row / speed) > std::floor((in_row - 1) / speed);
-    ++in_row;
-    for (const std::size_t end = i + std::max<std::size_t>(quiet.calls, 1); i < end; ++i) {
-      if (!stays) continue;
-      kept.push_back(calls[i]);
-      if (auto& took = kept.back().took) {
-        const double shorter = static_cast<double>(took->count()) / speed;
-        took = std::chrono::microseconds(std::llround(shorter));
-      }
-    }
-  }
-  return kept;
 }
 
 }  // namespace virtual_reader

@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "event_line.h"
+#include "call.h"
 #include "reader.h"
 
 namespace virtual_reader {
 
 // A call, with all that its answer needs, wherever in the recording that stands.
-struct recorded_call : call_text {
+struct recorded_call : call {
   std::chrono::microseconds ended{0};  // since the recording began
-  std::vector<says_text> said;         // while it lasted
+  std::vector<says> said;              // while it lasted
   std::optional<card_id> card;         // GetQueuedID: what it fetched
   std::optional<std::string> part;     // usbConnect: the part number, null if missing
   std::map<std::size_t, std::array<std::int16_t, 8>>
@@ -27,9 +27,6 @@ struct recorded_call : call_text {
 
   // One that has not ended never returned, and is the last.
   bool is_poll() const { return name == "GetQueuedID"; }
-  bool has_failed() const {
-    return name != "GetLastLibErr" && !has_text && !values.empty() && values[0] == 0;
-  }
   // What it answers is as if nothing had log.
   bool is_idle() const { return is_poll() && has_ended && !card && !has_failed() && said.empty(); }
 };
@@ -39,9 +36,5 @@ struct recorded_call : call_text {
 // name.
 std::vector<recorded_call> read_recording(std::istream& recording, const std::string& name);
 std::vector<recorded_call> read_recording(const std::string& path);
-
-// The same in less time: calls take the `speed`-th part of theirs, and of polls and searches in a
-// row that told the same no more are left.
-std::vector<recorded_call> hurried(const std::vector<recorded_call>&, double speed);
 
 }  // namespace virtual_reader

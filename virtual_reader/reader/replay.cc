@@ -15,7 +15,7 @@ constexpr std::chrono::seconds patience{2};
 constexpr std::chrono::milliseconds least_delay{10};
 
 std::string text_of(const recorded_call& each) {
-  call_text text;
+  call text;
   text.name = each.name;
   text.arguments = each.arguments;
   char time[32];
@@ -49,21 +49,21 @@ void replay::drop(std::size_t index) {
 }
 
 // Said once for each time that the two part.
-void replay::part(const call& asked, reader* playing, const std::string& how) {
-  if (in_step) playing->log.add(asked.agent, "replay diverged: " + how);
+void replay::part(int agent, const call& asked, reader* playing, const std::string& how) {
+  if (in_step) playing->log.add(agent, "replay diverged: " + how);
   in_step = false;
   has_diverged = true;
 }
 
 // Whether calls that were recorded before that one are yet to come.
-bool replay::must_wait(std::size_t index, const call& asked, reader* playing) {
+bool replay::must_wait(std::size_t index, int agent, const call& asked, reader* playing) {
   const auto now = clock::now();
   if (waiting_since == clock::time_point{}) waiting_since = now;
   while (!left_but_polls.empty() && *left_but_polls.begin() < index) {
     const recorded_call& missing = calls[*left_but_polls.begin()];
     const auto ended = calls[std::min(index, calls.size() - 1)].ended;
     if (now - waiting_since < patience + (ended - missing.ended)) return true;
-    part(asked, playing, "there was " + text_of(missing));
+    part(agent, asked, playing, "there was " + text_of(missing));
     drop(*left_but_polls.begin());
   }
   waiting_since = {};
@@ -71,39 +71,39 @@ bool replay::must_wait(std::size_t index, const call& asked, reader* playing) {
 }
 
 // For a call of which the recording has no more.
-void replay::go_on(const call& asked, reader* playing) {
+void replay::go_on(int agent, const call& asked, reader* playing) {
   const bool is_poll = asked.name == "GetQueuedID";
   if (is_poll) playing->hold({});
   if (!is_poll && !left_but_polls.empty()) {
-    part(asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
+    part(agent, asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
   } else if (!is_poll && !left["GetQueuedID"].empty()) {
-    part(asked, playing, "there was no more " + asked.name);
-  } else if (!has_ended && !(is_poll && must_wait(calls.size(), asked, playing))) {
+    part(agent, asked, playing, "there was no more " + asked.name);
+  } else if (!has_ended && !(is_poll && must_wait(calls.size(), agent, asked, playing))) {
     has_ended = true;
-    playing->log.add(asked.agent, "replay ended");
+    playing->log.add(agent, "replay ended");
   }
 }
 
-std::vector<fault> replay::prepare(const call& asked, reader* playing) {
+std::vector<fault> replay::prepare(int agent, const call& asked, reader* playing) {
   if (asked.name == "GetQueuedID_index") return {};
   const std::deque<std::size_t>& same = left[asked.name];
   if (same.empty()) {
-    go_on(asked, playing);
+    go_on(agent, asked, playing);
     return {};
   }
   const std::size_t index = same.front();
   const recorded_call& recorded = calls[index];
   if (recorded.is_poll()) {
-    if (is_event(recorded, last_poll) && must_wait(index, asked, playing)) {
+    if (is_event(recorded, last_poll) && must_wait(index, agent, asked, playing)) {
       playing->hold({});
       return {};
     }
     last_poll = &recorded;
     playing->hold(recorded.card);
   } else if (!left_but_polls.empty() && *left_but_polls.begin() < index) {
-    part(asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
+    part(agent, asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
   } else if (asked.arguments != recorded.arguments) {
-    part(asked, playing, "there was " + text_of(recorded));
+    part(agent, asked, playing, "there was " + text_of(recorded));
   } else {
     in_step = true;
   }
@@ -120,7 +120,7 @@ std::vector<fault> replay::prepare(const call& asked, reader* playing) {
     due.push_back({what, asked.name});
     return due.back();
   };
-  for (const says_text& said : recorded.said) {
+  for (const says& said : recorded.said) {
     fault& made = add(fault::kind::say);
     made.text = said.text;
     made.length = said.length;

@@ -30,13 +30,13 @@ class replay {
   progress state() const { return {has_ended, has_diverged}; }
 
   // Prepares the reader for a call that comes now, and returns the rules for it.
-  std::vector<fault> prepare(const call& asked, reader* playing);
+  std::vector<fault> prepare(int agent, const call& asked, reader* playing);
 
  private:
-  bool must_wait(std::size_t index, const call& asked, reader* playing);
-  void go_on(const call& asked, reader* playing);
+  bool must_wait(std::size_t index, int agent, const call& asked, reader* playing);
+  void go_on(int agent, const call& asked, reader* playing);
   void drop(std::size_t index);
-  void part(const call& asked, reader* playing, const std::string& how);
+  void part(int agent, const call& asked, reader* playing, const std::string& how);
 
   const std::vector<recorded_call> calls;
   // Of those that were not played yet: the indices by name, and all but polls.

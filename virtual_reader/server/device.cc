@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "wire.h"
+
 namespace virtual_reader {
 
 namespace {
@@ -20,7 +22,7 @@ int device::attach(const connection& to) {
   const std::lock_guard<std::mutex> lock(mutex);
   connections.emplace(++last_agent, to);
   ++attached;
-  state.agents[last_agent] = std::chrono::steady_clock::now();
+  state.agents.emplace(last_agent, reader::agent_state());
   log.add(last_agent, "agent attached");
   return last_agent;
 }
@@ -58,19 +60,21 @@ bool device::wait_out(const connection& to, std::chrono::milliseconds time,
   return !is_cancelled;
 }
 
-std::optional<std::string> device::answer(const connection& to, call* asked) {
+std::optional<std::string> device::answer(const connection& to, int agent, call asked) {
   const std::string not_taken = "it did not take an answer";
+  const auto begin = std::chrono::steady_clock::now();
+  asked.has_ended = false;
   std::vector<fault> due;
   std::chrono::milliseconds delay{0};
   std::uint64_t releases = 0;
   modify([&](reader& r) {
-    due = r.faults.take_due(asked->name);
+    due = r.faults.take_due(asked.name);
     releases = r.releases;
     for (const fault& each : due) {
-      if (each.what != fault::kind::say) r.log.add(asked->agent, "fault " + to_text(each));
+      if (each.what != fault::kind::say) log.add(agent, "fault " + to_text(each));
     }
     if (playing) {
-      const std::vector<fault> recorded = playing->prepare(*asked, &r);
+      const std::vector<fault> recorded = playing->prepare(agent, asked, &r);
       due.insert(due.end(), recorded.begin(), recorded.end());
     }
     bool hangs = false;
@@ -79,33 +83,30 @@ std::optional<std::string> device::answer(const connection& to, call* asked) {
       delay = std::max(delay, each.time);
     }
     if (delay.count() == 0) return;
-    r.log.add(asked->agent, begun_text(*asked));
-    r.waiting.push_back({asked->agent, asked->name, asked->begun, hangs});
+    log.add(agent, to_text(asked));
+    r.waiting.push_back({agent, asked.name, begin, hangs});
   });
   std::optional<std::string> cut;
   for (const fault& each : due) {
     if (each.what != fault::kind::say) continue;
-    modify([&](reader& r) {
-      const std::string text = each.text.substr(0, longest_event);
-      r.log.add(asked->agent, to_text(says_text{text, each.length, each.own_thread}));
-    });
-    if (!to.send({{say_message, each.length, each.own_thread}, {each.text}})) cut = not_taken;
+    const std::string line = to_text(says{each.text, each.length, each.own_thread});
+    log.add(agent, line);
+    if (!to.send(line)) cut = not_taken;
   }
   if (delay.count() > 0 && !cut) {
-    if (!to.send({{patience_message, delay.count()}, {}})) {
+    if (!to.send("delayed " + std::to_string(delay.count()))) {
       cut = not_taken;
     } else if (!wait_out(to, delay, releases)) {
       cut = "";
     }
   }
   const auto find_due = [&](fault::kind what) {
-    return std::find_if(due.begin(), due.end(), [&](const fault& r) { return r.what == what; });
+    return std::find_if(due.begin(), due.end(), [&](const fault& f) { return f.what == what; });
   };
   const bool vanishes = find_due(fault::kind::vanish) != due.end();
-  std::optional<std::int64_t> error;
-  bool id_questions_wanted = false;
+  asked.has_ended = true;
   modify([&](reader& r) {
-    const auto is_this = [&](const reader::waiting_call& w) { return w.agent == asked->agent; };
+    const auto is_this = [&](const reader::waiting_call& w) { return w.agent == agent; };
     r.waiting.erase(std::remove_if(r.waiting.begin(), r.waiting.end(), is_this), r.waiting.end());
     if (cut) return;
     if (vanishes) r.unplug();
@@ -113,16 +114,24 @@ std::optional<std::string> device::answer(const connection& to, call* asked) {
     const auto holder = connections.find(r.holder);
     if (holder != connections.end() && holder->second.is_closed()) r.release_from(r.holder);
     const auto failure = find_due(fault::kind::fail);
-    error = failure != due.end() ? failure->error : r.run(asked);
-    r.log.add(asked->agent, ended_text(*asked, error.has_value()), asked->is_idle);
-    id_questions_wanted = r.id_questions_wanted || r.faults.concern(id_question);
+    const bool is_idle =
+        r.run(agent, &asked,
+              failure != due.end() ? std::optional<std::int64_t>(failure->error) : std::nullopt);
+    call logged = asked;
+    const auto took = std::chrono::steady_clock::now() - begin;
+    if (took >= std::chrono::milliseconds(10)) {
+      logged.took = std::chrono::duration_cast<std::chrono::microseconds>(took);
+    }
+    log.add(agent, to_text(logged), is_idle);
+    // The library then answers for the ID itself, so that polls are cheap.
+    if (asked.name != "GetQueuedID" || r.id_questions_wanted || r.faults.concern(id_question))
+      return;
+    const auto& id = r.agents[agent].id;
+    asked.values.insert(asked.values.end(), id.begin(), id.end());
   });
   if (cut) return cut;
   if (vanishes) return "";
-  message reply = std::move(asked->result);
-  reply.numbers.insert(reply.numbers.begin(),
-                       {reply_message, !error, error.value_or(no_error), id_questions_wanted});
-  if (!to.send(reply)) return not_taken;
+  if (!to.send(to_text(asked))) return not_taken;
   return {};
 }
 

@@ -48,7 +48,7 @@ class device {
 
   // For the server. How an agent is answered:
   struct connection {
-    std::function<bool(const message&)> send;  // false if the agent does not take it
+    std::function<bool(const std::string& line)> send;  // false if the agent does not take it
     std::function<bool()> is_closed;
   };
   // An agent attaches and gets a number, calls, and detaches; `fault` is what it did wrong, if
@@ -58,7 +58,7 @@ class device {
   void refuse(const std::string& why);
   // Answers the call. Returns nothing, or that the link is to be cut and what the agent did wrong,
   // if anything.
-  std::optional<std::string> answer(const connection& to, call* asked);
+  std::optional<std::string> answer(const connection& to, int agent, call asked);
   // Ends all calls that are delayed or hang, now and later, without an answer.
   void cancel();
 

@@ -95,18 +95,20 @@ void server::serve(int socket) {
 
 void server::serve_agent(int socket) {
   const device::connection to{
-      [socket](const message& sent) { return send_message(socket, sent, in(message_limit)); },
+      [socket](const std::string& line) { return send_message(socket, line, in(message_limit)); },
       [socket] { return is_closed(socket); }};
   const int agent = served.attach(to);
   std::string why;
   std::optional<std::string> cut;
   while (!cut && wait_for(socket, POLLIN, never)) {
     const auto received = receive_message(socket, call_size_limit, in(message_limit), &why);
-    auto asked = received ? parse_call(*received, agent) : std::nullopt;
-    if (asked) {
-      cut = served.answer(to, &*asked);
+    const auto asked = received ? parse_call(*received) : std::nullopt;
+    if (!received) {
+      cut = why;
+    } else if (!asked || asked->has_ended || !is_call(asked->name)) {
+      cut = "it sent an invalid call";
     } else {
-      cut = received ? "it sent an invalid call" : why;
+      cut = served.answer(to, agent, *asked);
     }
   }
   served.detach(agent, is_closed(socket) ? "" : cut.value_or(""));

@@ -9,28 +9,28 @@ namespace virtual_reader {
 
 void serve_control(int socket, const std::function<bool()>& is_over, device& reader,
                    expectations& expected, session_callbacks callbacks) {
-  const auto given = receive_message(socket, telling_size_limit, in(message_limit));
-  if (!given || given->texts.size() != 1) return;
+  const auto verbs = receive_message(socket, answer_size_limit, in(message_limit));
+  if (!verbs) return;
   bool listens = true;
-  const auto send = [&](const message& told) {
-    return listens = send_message(socket, told, in(message_limit));
+  const auto send = [&](const std::string& text) {
+    return listens = send_message(socket, text, in(message_limit));
   };
   callbacks.may_follow = true;
   callbacks.is_interrupted = is_over;
   callbacks.answer = [&](const std::string& line) {
-    if (!send({{line_message}, {line}})) throw cancelled();
+    if (!send("= " + line)) throw cancelled();
   };
-  session told(reader, expected, std::move(callbacks));
-  std::istringstream lines(given->texts[0]);
-  message outcome{{outcome_message, 0}, {}};
+  const session session(reader, expected, std::move(callbacks));
+  std::istringstream lines(*verbs);
+  std::string outcome = "passed";
   try {
-    for (std::string line; std::getline(lines, line);) told.execute(line);
+    for (std::string line; std::getline(lines, line);) session.execute(line);
   } catch (const syntax_error& error) {
-    outcome = {{outcome_message, 1}, {error.what()}};
+    outcome = std::string("failed ") + error.what();
   } catch (const failed_expectation& failure) {
-    outcome = {{outcome_message, 1}, {failure.text()}};
+    outcome = "failed " + failure.text();
   } catch (const cancelled&) {
-    outcome = {{outcome_message, 1}, {"interrupted"}};
+    outcome = "failed interrupted";
   }
   if (listens) send(outcome);
 }

@@ -6,8 +6,8 @@
 #include <map>
 #include <memory>
 
+#include "call.h"
 #include "configuration.h"
-#include "event_line.h"
 
 namespace virtual_reader {
 

@@ -16,7 +16,7 @@ std::int64_t in_milliseconds(microseconds time) {
   return std::min<std::int64_t>(time.count() / 1000, fault::longest.count());
 }
 
-std::string say(const recorded_call& call, const says_text& said) {
+std::string say(const recorded_call& call, const says& said) {
   return "say " + call.name + to_text(said).substr(std::string("says").size());
 }
 
@@ -81,7 +81,7 @@ class writer {
     for (const recorded_call& each : calls) {
       if (is_of_agent(each)) continue;
       const std::string when = " at " + std::to_string(++counts[each.name]);
-      for (const says_text& said : each.said) add(say(each, said) + when);
+      for (const says& said : each.said) add(say(each, said) + when);
       if (each.has_failed()) {
         add("fail " + each.name + " error " + std::to_string(each.error) + when);
       }
@@ -97,7 +97,7 @@ class writer {
     rest_until(poll);
     if (is_held && card != shown) add("card remove");
     is_held = is_held && card == shown;
-    for (const says_text& said : poll.said) add(say(poll, said));
+    for (const says& said : poll.said) add(say(poll, said));
     if (poll.has_failed()) {
       is_plugged = search && !search->has_failed();
       add(is_plugged ? "fail GetQueuedID error " + std::to_string(poll.error) : "unplug");
@@ -110,15 +110,14 @@ class writer {
   }
 
   void add_search(const recorded_call& search) {
-    for (const says_text& said : search.said) add(say(search, said));
+    for (const says& said : search.said) add(say(search, said));
     if (search.has_failed()) return;
     if (!is_plugged) {
       rest_until(search);
       if (search.part != part) {
         part = search.part;
         add("part " +
-            (part ? to_text(says_text{*part, static_cast<std::int64_t>(part->size()), false})
-                        .substr(5)
+            (part ? to_text(says{*part, static_cast<std::int64_t>(part->size()), false}).substr(5)
                   : "none"));
       }
       add("plug");
@@ -131,7 +130,7 @@ class writer {
   void add_hanging(const recorded_call& call) {
     rest_until(call);
     if (is_of_agent(call)) {
-      for (const says_text& said : call.said) add(say(call, said));
+      for (const says& said : call.said) add(say(call, said));
       add("hang " + call.name);
     }
     add("expect enter " + call.name + " within 12000");

@@ -65,9 +65,9 @@ void session::show(const std::string& topic) const {
   reader.read([&](const virtual_reader::reader& r) {
     lines.push_back(r.plugged ? "plugged in" : "unplugged");
     lines.push_back("part " + (r.part_number ? quoted(r.part_number->substr(0, longest)) : "none"));
-    const std::vector<std::string> queued = r.queue.first(100);
-    for (const std::string& card : queued) lines.push_back("card queued " + card);
-    const std::size_t more = r.queue.size() - queued.size();
+    const std::size_t shown = std::min<std::size_t>(r.queue.size(), 100),
+                      more = r.queue.size() - shown;
+    for (std::size_t i = 0; i < shown; ++i) lines.push_back("card queued " + r.queue[i].text);
     if (more > 0) lines.push_back("cards queued behind these: " + std::to_string(more));
     if (r.held) lines.push_back("card held " + r.held->text);
     lines.push_back("led " + (r.plugged ? r.led : "dark"));
@@ -79,10 +79,10 @@ void session::show(const std::string& topic) const {
                       (call.hangs ? " hangs since " : " is delayed since ") +
                       seconds_since(call.since));
     }
-    for (const auto& [agent, since] : r.agents) {
+    for (const auto& [agent, own] : r.agents) {
       lines.push_back("agent " + std::to_string(agent) +
                       (agent == r.holder ? " is connected to the reader" : " is there") +
-                      ", came " + seconds_since(since) + " ago");
+                      ", came " + seconds_since(own.since) + " ago");
     }
     if (r.agents.empty()) lines.emplace_back("no agent; one that runs searches every 10 s");
   });
@@ -103,10 +103,12 @@ void session::show_as_json() const {
   json_fields fields;
   reader.read([&](const virtual_reader::reader& r) {
     std::vector<std::string> queued, agents, calls, faults;
-    for (const std::string& card : r.queue.first(100)) queued.push_back(json_string(card));
-    for (const auto& [agent, since] : r.agents) {
+    for (const card_id& card : r.queue) {
+      if (queued.size() < 100) queued.push_back(json_string(card.text));
+    }
+    for (const auto& [agent, own] : r.agents) {
       agents.push_back(json_object({{"number", std::to_string(agent)},
-                                    {"seconds", json_seconds_since(since)},
+                                    {"seconds", json_seconds_since(own.since)},
                                     {"holds_reader", json_bool(agent == r.holder)}}));
     }
     for (const auto& call : r.waiting) {

@@ -65,11 +65,13 @@ const std::vector<verb> all = {
      }},
     {"card queue", "HEX[/BITS] ...", "cards that are reported once each, in order",
      [](tokens& w, command* c) {
-       card_queue cards;
+       std::vector<card_id> cards;
        do {
-         cards.push(w.take_card().text);
+         cards.push_back(w.take_card());
        } while (!w.at_end());
-       c->change = [cards](reader& r) { r.queue.append(cards); };
+       c->change = [cards](reader& r) {
+         r.queue.insert(r.queue.end(), cards.begin(), cards.end());
+       };
      }},
     {"card drop", "", "drops the cards that are queued",
      [](tokens&, command* c) { c->change = [](reader& r) { r.queue = {}; }; }},
@@ -87,7 +89,7 @@ const std::vector<verb> all = {
        do {
          card += " " + std::to_string(w.take_number(least, most));
        } while (!w.at_end() && ++count < 32);
-       c->change = [card](reader& r) { r.queue.push(card); };
+       c->change = [id = card_of(card)](reader& r) { r.queue.push_back(id); };
      }},
     {"fail", "CALL [error N] [WHEN]", "lets calls fail",
      [](tokens& w, command* c) {

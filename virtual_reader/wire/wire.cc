@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace virtual_reader {
@@ -38,20 +37,6 @@ bool receive_bytes(int socket, void* bytes, std::size_t size, moment until, std:
       return fail(size < whole ? "it fell silent halfway" : "it was silent");
     }
   }
-  return true;
-}
-
-void append_size(std::string* bytes, std::size_t size) {
-  const auto number = static_cast<std::uint32_t>(size);
-  bytes->append(reinterpret_cast<const char*>(&number), sizeof number);
-}
-
-// Takes `size` bytes off the front of what is left; false when there are fewer.
-bool take(const char*& place, std::size_t& left, void* out, std::size_t size) {
-  if (left < size) return false;
-  if (size > 0) std::memcpy(out, place, size);
-  place += size;
-  left -= size;
   return true;
 }
 
@@ -90,7 +75,7 @@ int connect_to(const std::string& path) {
   if (!address) return -1;
   descriptor socket(new_socket());
   if (socket.number < 0) return -1;
-  const moment until = in(greeting_limit);
+  const moment until = in(message_limit);
   const auto* const where = reinterpret_cast<const sockaddr*>(&*address);
   int error = EAGAIN;
   while (error == EAGAIN) {
@@ -135,50 +120,28 @@ bool send_bytes(int socket, const void* bytes, std::size_t size, moment until) {
   return true;
 }
 
-// The size of what follows, the count of numbers, the numbers, then each text after its size; all
-// in this machine's own byte order.
-bool send_message(int socket, const message& message, moment until) {
-  std::string bytes;
-  append_size(&bytes, message.numbers.size());
-  bytes.append(reinterpret_cast<const char*>(message.numbers.data()),
-               message.numbers.size() * sizeof(std::int64_t));
-  for (const std::string& text : message.texts) {
-    append_size(&bytes, text.size());
-    bytes += text;
-  }
-  std::string head;
-  append_size(&head, bytes.size());
-  bytes.insert(0, head);
+bool send_message(int socket, const std::string& message, moment until) {
+  const auto size = static_cast<std::uint32_t>(message.size());
+  std::string bytes(reinterpret_cast<const char*>(&size), sizeof size);
+  bytes += message;
   return send_bytes(socket, bytes.data(), bytes.size(), until);
 }
 
-std::optional<message> receive_message(int socket, std::size_t size_limit, moment until,
-                                       std::string* why) {
+std::optional<std::string> receive_message(int socket, std::size_t size_limit, moment until,
+                                           std::string* why) {
   std::uint32_t size = 0;
   if (!receive_bytes(socket, &size, sizeof size, until, why)) return {};
-  if (why) *why = "it sent no message";
-  if (size > size_limit) return {};
-  std::vector<char> bytes(size);
-  if (!receive_bytes(socket, bytes.data(), size, until, why)) return {};
-
-  const char* place = bytes.data();
-  std::size_t left = size;
-  std::uint32_t count = 0;
-  if (!take(place, left, &count, sizeof count) || count > left / sizeof(std::int64_t)) return {};
-  message message;
-  message.numbers.resize(count);
-  take(place, left, message.numbers.data(), count * sizeof(std::int64_t));
-  while (left > 0) {
-    if (!take(place, left, &count, sizeof count) || count > left) return {};
-    message.texts.emplace_back(place, count);
-    place += count;
-    left -= count;
+  if (size > size_limit) {
+    if (why) *why = "it sent no message";
+    return {};
   }
+  std::string message(size, 0);
+  if (!receive_bytes(socket, message.data(), size, until, why)) return {};
   return message;
 }
 
 std::optional<greeting> exchange_greetings(int socket, const char* role, std::string* why) {
-  const moment until = in(greeting_limit);
+  const moment until = in(message_limit);
   struct {
     char role[4];
     std::uint32_t version;
