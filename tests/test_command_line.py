@@ -45,6 +45,14 @@ for line in agent.stdout:
         agent.stdin.flush()
 """
 RIGHT = APP % ["SetLED green", "Beep short 1"]
+START = 'print("ready", flush=True)'
+SEND = "agent.stdin.write(f'{name}:SetLED green\\n{name}:Beep short 1\\n'); agent.stdin.flush()"
+AT_START = (APP % []).replace(START, SEND)
+# Reacts to the first card twice, and to no other.
+TWICE = "cards = 0\n" + (APP % []).replace('if word == "Card":', "cards += word == 'Card'\n"
+                                          "    for _ in range(2 * (word == 'Card' and cards == 1)):\n"
+                                          f"        {SEND}")
+DENIES = RIGHT.replace(START, START + "; print('\\x1b[31maccess NOT granted\\x1b[0m\\r', flush=True)")
 # One that ends as its code says; its agent ends with its own standard input.
 BEGIN = """
 import os, signal, subprocess, sys, time
@@ -132,16 +140,18 @@ class CommandLine(unittest.TestCase):
         place, nobody = "a script.txt:", " (no agent connected)"
         early = "before the script finished"
         stay = ["--stay", "--timeout", "1"]
+        surplus = "expected no more in this step, got"
+        two = script().replace("expect no beep within 100", "card queue 3AB1234/26\nexpect led green\nexpect beep short 1")
         chatty = APP.replace("for line", "print('x' * 99 + '\\n' * 60000)\nfor line") % []
         self.assert_verdicts([
             # script, application, status, verdict
             (script(), RIGHT, 0, "PASSED"),
             (script(led=500), APP % ["SetLED red", "Beep short 1"], 1,
-             f"FAILED: {place}4: expected led green within 500 ms"),
+             f"FAILED: {place}4: expected led green, got led red"),
             (script(beep=500), APP % ["SetLED green", "Beep short 5"], 1,
-             f"FAILED: {place}5: expected beep short 1 within 500 ms"),
+             f"FAILED: {place}5: expected beep short 1, got beep short 5"),
             (script(none=20000), APP % ["SetLED green", "Beep short 1", "Beep short 1"], 1,
-             f"FAILED: {place}6: expected no beep within 20000 ms"),
+             f"FAILED: {place}6: expected no beep, got beep short 1"),
             (script(), "raise SystemExit(7)", 3,
              f"COMMAND FAILED: {place}2: command exited with status 7 {early}{nobody}"),
             (script(), "raise SystemExit(255)", 3,
@@ -149,7 +159,8 @@ class CommandLine(unittest.TestCase):
             (script(), "import os; os.abort()", 3,
              f"COMMAND FAILED: {place}2: command exited with signal 6 {early}{nobody}"),
             ("expect connected within 500", "import time; time.sleep(60)", 1,
-             f"FAILED: {place}1: expected connected within 500 ms; nothing has happened since"
+             f"FAILED: {place}1: expected connected within 500 ms, got no connected; nothing has "
+             "happened since"
              + nobody),
             # Nothing was tested:
             ("expect connected within 20000\nquit\nexpect led green", RIGHT, 1,
@@ -164,7 +175,17 @@ class CommandLine(unittest.TestCase):
             ("plug", RIGHT, 4, "TIMED OUT: after 1000 ms after the script finished", stay),
             # Its lines push the agent's events out of the log.
             ("expect connected\nwait 1500\nexpect led red within 100", chatty, 1,
-             f"FAILED: {place}3: expected led red within 100 ms"),
+             f"FAILED: {place}3: expected led red within 100 ms, got no led"),
+            # Reactions that are not the card's.
+            (script(), AT_START, 1, f"FAILED: {place}3: {surplus} led green"),
+            (two, TWICE, 1, f"FAILED: {place}6: {surplus} led green"),
+            (two, RIGHT, 0, "PASSED"),
+            (script(), APP % ["SetLED green", "SetLED red", "Beep short 1"], 1,
+             f"FAILED: {place}6: {surplus} led red"),
+            ("expect received ready\nexpect received access granted within 100", DENIES, 1,
+             f"FAILED: {place}2: expected received access granted within 100 ms, got received "
+             "access NOT granted"),
+            ("expect received ready\nexpect received /^access (NOT )?granted$/", DENIES, 0, "PASSED"),
         ])
 
     def test_command_gets_what_it_needs_and_is_asked_to_end(self):
@@ -238,7 +259,7 @@ class CommandLine(unittest.TestCase):
         status, _, err = self.run_reader("--events", events, "--junit", junit, good, bad, good,
                                          "--", sys.executable, "-c", RIGHT)
         said = [line for line in err.splitlines() if line.startswith("virtual-reader: ")]
-        failure = "FAILED: bad.txt:2: expected led red within 10 ms"
+        failure = "FAILED: bad.txt:2: expected led red within 10 ms, got no led"
         self.assertEqual(status, 1)
         self.assertEqual([re.sub("; .*", "", line) for line in said], [
             "virtual-reader: good.txt: PASSED", f"virtual-reader: bad.txt: {failure}",
@@ -352,7 +373,7 @@ class CommandLine(unittest.TestCase):
             ('send "Global:Ping gr\xfc\xdfe"\nexpect received "Ok:  gr\xfc\xdfe"', 0, ""),
         ]
         for text, status, words in rows:
-            script = self.file("expect connected\nexpect received Reader:\n" + text)
+            script = self.file("expect connected\nexpect received /^Reader: Dev/\n" + text)
             got = self.run_reader(script, "--", AGENT)
             self.assertEqual((got[0], words in got[2]), (status, True), got)
 

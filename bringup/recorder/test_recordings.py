@@ -290,7 +290,7 @@ class Recordings(unittest.TestCase):
                        "expect call BeepNow 2 0 -> 0", "unplug"):
             self.assertIn(wanted, verbs)
         # A person adds what the host does.
-        beep = 'send "Beep short 2" "Error: Beeping failed with error -7"'
+        beep = 'send "Beep short 2"\nexpect received Error: Beeping failed with error -7'
         path.write_text(verbs.replace("expect card 3AB1234/26", "expect card 3AB1234/26\n" + beep),
                         encoding="ascii")
         self.assertEqual(record(path, self.folder)[0], 0)
