@@ -32,7 +32,7 @@ const char usage[] =
     "  --events FILE            write the event log to FILE, one JSON object per line\n"
     "  --junit FILE             write the verdicts to FILE, for CI systems\n"
     "  --check                  check each SCRIPT without running it\n"
-    "  --to-scenario FILE       convert a recording or an event log to a script and print it\n"
+    "  --to-scenario FILE       convert a recording to a script and print it\n"
     "  -e, --execute 'VERB...'  run verbs on a virtual reader that is already running; `-` reads\n"
     "                           them from standard input\n"
     "  --version, -h, --help\n"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "expectation.h"
 #include "fault.h"
 
 namespace virtual_reader {
@@ -163,6 +164,29 @@ class writer {
 
 std::vector<std::string> to_scenario(const std::vector<recorded_call>& calls) {
   return writer(calls).write();
+}
+
+std::vector<std::string> to_scenario(const event_log& log) {
+  const std::vector<std::string>& effects = pattern::effects();
+  std::vector<std::string> lines = {"expect connected"};
+  std::uint64_t next = 1;
+  for (const std::uint64_t end = log.end(); next < end;) {
+    for (const event& each : log.read(next)) {
+      next = each.end();
+      const std::size_t space = each.text.find(' ');
+      const std::string kind = each.text.substr(0, space);
+      const bool is_effect = std::find(effects.begin(), effects.end(), kind) != effects.end();
+      std::string line = is_effect ? "expect " + each.text : "";
+      if (kind == "verb") line = each.text.substr(space + 1);
+      if (kind == "sent") {
+        const std::string sent = each.text.substr(space + 1);
+        const bool is_named = sent.rfind("Global:", 0) != 0;
+        line = "send " + quoted(sent.substr(is_named ? sent.find(':') + 1 : 0));
+      }
+      if (!line.empty()) lines.insert(lines.end(), each.count, line);
+    }
+  }
+  return lines;
 }
 
 }  // namespace virtual_reader

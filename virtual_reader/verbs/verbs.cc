@@ -4,6 +4,7 @@
 #include <limits>
 #include <utility>
 
+#include "scenario.h"
 #include "tokens.h"
 
 namespace virtual_reader {
@@ -80,6 +81,23 @@ const std::vector<verb> all = {
        const card_id id = w.take_card();
        c->change = [id](reader& r) { r.hold(id); };
      }},
+    {"card show", "HEX[/BITS] for MS", "hold a card so long, as a person does",
+     [](tokens& w, command* c) {
+       const card_id id = w.take_card();
+       if (!w.take_if("for")) throw syntax_error("");
+       const milliseconds time = take_time(w);
+       c->acts = c->waits = true;
+       c->act = [id, time,
+                 text = "verb card show " + id.text + " for " +
+                        std::to_string(time.count())](const session& s) {
+         s.reader.modify([&](reader& r) {
+           r.log.add(0, text);
+           r.hold(id);
+         });
+         s.wait(time);
+         s.reader.modify([](reader& r) { r.hold({}); });
+       };
+     }},
     {"card remove", "", "takes the held card away",
      [](tokens&, command* c) { c->change = [](reader& r) { r.hold({}); }; }},
     {"card raw", "BITS VALUE ...", "an ID of up to 32 numbers of any size, reported once",
@@ -91,7 +109,7 @@ const std::vector<verb> all = {
        } while (!w.at_end() && ++count < 32);
        c->change = [id = card_of(card)](reader& r) { r.queue.push_back(id); };
      }},
-    {"fail", "CALL [error N] [WHEN]", "lets calls fail",
+    {"fail", "CALL [error N] [WHEN]", "let calls fail",
      [](tokens& w, command* c) {
        fault made{fault::kind::fail, w.take_call()};
        if (w.take_if("error")) made.error = w.take_number(least, most);
@@ -164,7 +182,7 @@ const std::vector<verb> all = {
        const std::uint64_t wanted = w.at_end() ? 20 : take_count(w);
        c->act = [wanted](const session& s) { s.show_calls(wanted); };
      }},
-    {"events", "[--json] [follow] [all] [N]", "the last N entries of the record; all: polls too",
+    {"events", "[--json] [follow] [all] [N]", "the last N events; all: polls too",
      [](tokens& w, command* c) {
        session::events_wanted wanted{w.take_if("--json"), w.take_if("follow"), w.take_if("all"),
                                      20};
@@ -211,6 +229,12 @@ const std::vector<verb> all = {
            throw syntax_error("`send` needs an agent: virtual-reader SCRIPT -- AGENT");
          }
          s.callbacks.send(line);
+       };
+     }},
+    {"scenario", "", "print the session so far as a script",
+     [](tokens&, command* c) {
+       c->act = [](const session& s) {
+         for (const std::string& line : to_scenario(s.reader.log)) s.answer(line);
        };
      }},
     {"loop", "[N]", "play the script again, N times in all",
@@ -265,10 +289,12 @@ void print_help(const session& s, const std::string& topic) {
   if (is_wanted("WHEN")) {
     explain("WHEN", "once (usual); times N; at K, from K: the K-th call from now; always");
   }
-  if (is_wanted("PATTERN")) {
+  if (is_wanted("PATTERN") || topic == "expect") {
     std::string kinds;
     for (const std::string& kind : pattern::kinds()) kinds += (kinds.empty() ? "" : " ") + kind;
-    explain("PATTERN", "words that an entry of the record has in this order; the first is one of");
+    explain("PATTERN",
+            "a kind of events and its details, as `events` prints them; `received` takes a whole "
+            "line or /EXPRESSION/; kinds:");
     explain("", kinds);
   }
   if (!is_known) throw syntax_error("no verb '" + topic + "'" + suggestion(topic, names()));
