@@ -49,7 +49,7 @@ void replay::drop(std::size_t index) {
 }
 
 // Said once for each time that the two part.
-void replay::part(int agent, const call& asked, reader* playing, const std::string& how) {
+void replay::part(int agent, reader* playing, const std::string& how) {
   if (in_step) playing->log.add(agent, "replay diverged: " + how);
   in_step = false;
   has_diverged = true;
@@ -63,7 +63,7 @@ bool replay::must_wait(std::size_t index, int agent, const call& asked, reader* 
     const recorded_call& missing = calls[*left_but_polls.begin()];
     const auto ended = calls[std::min(index, calls.size() - 1)].ended;
     if (now - waiting_since < patience + (ended - missing.ended)) return true;
-    part(agent, asked, playing, "there was " + text_of(missing));
+    part(agent, playing, "there was " + text_of(missing));
     drop(*left_but_polls.begin());
   }
   waiting_since = {};
@@ -75,9 +75,9 @@ void replay::go_on(int agent, const call& asked, reader* playing) {
   const bool is_poll = asked.name == "GetQueuedID";
   if (is_poll) playing->hold({});
   if (!is_poll && !left_but_polls.empty()) {
-    part(agent, asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
+    part(agent, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
   } else if (!is_poll && !left["GetQueuedID"].empty()) {
-    part(agent, asked, playing, "there was no more " + asked.name);
+    part(agent, playing, "there was no more " + asked.name);
   } else if (!has_ended && !(is_poll && must_wait(calls.size(), agent, asked, playing))) {
     has_ended = true;
     playing->log.add(agent, "replay ended");
@@ -101,9 +101,9 @@ std::vector<fault> replay::prepare(int agent, const call& asked, reader* playing
     last_poll = &recorded;
     playing->hold(recorded.card);
   } else if (!left_but_polls.empty() && *left_but_polls.begin() < index) {
-    part(agent, asked, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
+    part(agent, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
   } else if (asked.arguments != recorded.arguments) {
-    part(agent, asked, playing, "there was " + text_of(recorded));
+    part(agent, playing, "there was " + text_of(recorded));
   } else {
     in_step = true;
   }

@@ -36,7 +36,7 @@ class replay {
   bool must_wait(std::size_t index, int agent, const call& asked, reader* playing);
   void go_on(int agent, const call& asked, reader* playing);
   void drop(std::size_t index);
-  void part(int agent, const call& asked, reader* playing, const std::string& how);
+  void part(int agent, reader* playing, const std::string& how);
 
   const std::vector<recorded_call> calls;
   // Of those that were not played yet: the indices by name, and all but polls.
