@@ -32,7 +32,7 @@ class player {
     return !log.last(1, is_it).empty();
   }
 
-  event_log happened;
+  event_log log;
   reader playing{log};
 
  private:
