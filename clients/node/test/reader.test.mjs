@@ -104,7 +104,8 @@ test('standard error that nobody reads', { timeout: 20_000 }, async () => {
 });
 
 test('a stub reader', async () => {
-  const onConnect = (reader, { signal }) => reader.setLed('red', { signal });
+  const signals = [];
+  const onConnect = (reader, { signal }) => signals.push(signal) && reader.setLed('red', { signal });
   const reader = new StubReader({ onConnect, restartDelay: 0 });
   const seen = [];
   for (const event of ['state', 'card', 'cardRemoved']) reader.on(event, (what) => seen.push(what));
@@ -119,6 +120,7 @@ test('a stub reader', async () => {
   await assert.rejects(reader.beep(2), { code: 'READER_FAILED', number: 3 });
   assert.deepEqual(reader.commands, ['SetLED red', 'Beep short 2']);
   reader.kill();
+  assert.ok(signals[0].aborted);
   await reader.waitFor('starting');
   await reader.waitFor('searching');
   await reader.close();
