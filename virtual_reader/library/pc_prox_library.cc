@@ -32,7 +32,7 @@ struct {
   pc_prox::marker_function marker = nullptr;
   bool has_said_mismatch = false;
   std::int64_t last_error = 0;  // without a link; the virtual reader knows it else
-  std::optional<numbers> id;  // fetched last: its 32 bytes, then its length in bits; or ask for it
+  numbers id;  // fetched last: its 32 bytes, then its length in bits; empty: ask for it
   std::string text;           // the one returned last
 } library;
 
@@ -148,13 +148,13 @@ status BeepNow(std::uint8_t count, std::int16_t long_beep) {
 }
 status GetQueuedID(std::int16_t first, std::int16_t second) {
   const call reply = ask(__func__, {first, second});
-  library.id.reset();
-  if (reply.values.size() == 34) library.id.emplace(reply.values.begin() + 1, reply.values.end());
+  library.id.clear();
+  if (reply.values.size() == 34) library.id.assign(reply.values.begin() + 1, reply.values.end());
   return has_succeeded(reply);
 }
 std::int64_t GetQueuedID_index(std::int16_t index) {
   const auto place = static_cast<std::size_t>(index);
-  if (library.id) return place < library.id->size() ? (*library.id)[place] : 0;
+  if (!library.id.empty()) return place < library.id.size() ? library.id[place] : 0;
   const call reply = ask(__func__, {index});
   return reply.values.empty() ? 0 : reply.values[0];
 }

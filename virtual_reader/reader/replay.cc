@@ -56,7 +56,7 @@ void replay::part(int agent, reader* playing, const std::string& how) {
 }
 
 // Whether calls that were recorded before that one are yet to come.
-bool replay::must_wait(std::size_t index, int agent, const call& asked, reader* playing) {
+bool replay::must_wait(std::size_t index, int agent, reader* playing) {
   const auto now = clock::now();
   if (waiting_since == clock::time_point{}) waiting_since = now;
   while (!left_but_polls.empty() && *left_but_polls.begin() < index) {
@@ -78,7 +78,7 @@ void replay::go_on(int agent, const call& asked, reader* playing) {
     part(agent, playing, "there was " + text_of(calls[*left_but_polls.begin()]));
   } else if (!is_poll && !left["GetQueuedID"].empty()) {
     part(agent, playing, "there was no more " + asked.name);
-  } else if (!has_ended && !(is_poll && must_wait(calls.size(), agent, asked, playing))) {
+  } else if (!has_ended && !(is_poll && must_wait(calls.size(), agent, playing))) {
     has_ended = true;
     playing->log.add(agent, "replay ended");
   }
@@ -94,7 +94,7 @@ std::vector<fault> replay::prepare(int agent, const call& asked, reader* playing
   const std::size_t index = same.front();
   const recorded_call& recorded = calls[index];
   if (recorded.is_poll()) {
-    if (is_event(recorded, last_poll) && must_wait(index, agent, asked, playing)) {
+    if (is_event(recorded, last_poll) && must_wait(index, agent, playing)) {
       playing->hold({});
       return {};
     }

@@ -33,7 +33,7 @@ class replay {
   std::vector<fault> prepare(int agent, const call& asked, reader* playing);
 
  private:
-  bool must_wait(std::size_t index, int agent, const call& asked, reader* playing);
+  bool must_wait(std::size_t index, int agent, reader* playing);
   void go_on(int agent, const call& asked, reader* playing);
   void drop(std::size_t index);
   void part(int agent, reader* playing, const std::string& how);
