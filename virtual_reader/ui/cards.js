@@ -7,29 +7,8 @@ function addCard(given) {
   const [digits, bits = digits.length * 4] = given.toUpperCase().split('/');
   const id = `${digits}/${bits}`;
   if (at(id)) return;
-  let press; // and hold; anything shorter is a click
-  let wasHeld = false;
-  const show = element('button', {
-    title: 'Click to show, press to hold',
-    onpointerdown({ button, pointerId }) {
-      wasHeld = false;
-      if (button !== 0) return;
-      show.setPointerCapture(pointerId);
-      press = setTimeout(() => {
-        wasHeld = true;
-        act(`card hold ${id}`, show);
-      }, 350);
-    },
-    onlostpointercapture() {
-      clearTimeout(press);
-      if (wasHeld) act('card remove', show);
-    },
-    onclick({ detail }) {
-      const isEndOfPress = wasHeld && detail > 0; // which a key never is
-      if (!isEndOfPress) act(`card queue ${id}`, show);
-    },
-    oncontextmenu: () => false,
-  }, element('b', {}, digits), ` ${bits} bits`);
+  const show = element('button', { title: 'Show once', onclick: () => act(`card queue ${id}`, show) },
+    element('b', {}, digits), ` ${bits} bits`);
   const hold = element('button', { ariaLabel: `Hold ${id}`, ariaPressed: 'false',
     onclick: () => act(hold.ariaPressed === 'true' ? 'card remove' : `card hold ${id}`, hold) }, 'Hold');
   show.style.setProperty('--hue', (at('cards').children.length * 137 + 215) % 360);

@@ -29,12 +29,7 @@ export function draw({ calls, faults }) {
 
 at('fault').onsubmit = (event) => {
   event.preventDefault();
-  const [what, call, number, when] = ['what', 'call', 'number', 'when'].map((name) => fields[name].value);
-  act(`${what} ${call} ${{ fail: `error ${number}`, delay: number }[what] ?? ''} ${when}`, event.target);
-};
-fields.what.onchange = () => {
-  fields.number.hidden = !['fail', 'delay'].includes(fields.what.value);
-  fields.number.value = fields.what.value === 'delay' ? 1500 : 3;
+  act(fields.what.value.replace('CALL', fields.call.value), event.target);
 };
 execute('help CALL').then((answer) => {
   fields.call.append(...answer.split(/\s+/).slice(1).map((name) => new Option(name)));

@@ -1,6 +1,8 @@
-// The page: events and state go to each of its parts, once a frame at most.
+// The page: events and state go to each of its parts, in batches.
 import { at } from './page.js';
 import { beep } from './sound.js';
+import { execute } from './verbs.js';
+import { follow, updateState } from './follow.js';
 import * as reader from './reader.js';
 import * as cards from './cards.js';
 import * as faults from './faults.js';
@@ -10,18 +12,15 @@ import * as eventLog from './event_log.js';
 import * as timeline from './timeline.js';
 
 const parts = [reader, cards, faults, application, script, eventLog, timeline];
-const announced = /^(led|beep|card|plugged|unplugged|connected|disconnected|fault|verdict|received (Ok|Error):)/;
-let events = [];
+let batch = [];
 let state;
-let hasHistory = false;
-let frame;
-let news = [];
+let timer;
 
-// To listeners, in a few words, what is shown all over the page.
-setInterval(() => {
-  if (news.length) at('news').textContent = news.slice(-5).join(', ');
-  news = [];
-}, 300);
+function draw(now) {
+  state = now;
+  document.title = now.part ? `${now.part} · Virtual reader` : 'Virtual reader';
+  for (const part of parts) part.draw?.(now);
+}
 
 function setLink(isRunning) {
   at('link').textContent = isRunning ? 'running'
@@ -29,39 +28,23 @@ function setLink(isRunning) {
   document.body.classList.toggle('is-lost', !isRunning);
   if (!isRunning && document.activeElement.closest('.controls')) at('link').focus();
   for (const each of document.querySelectorAll('.controls')) each.inert = !isRunning;
-  state = isRunning ? null : state && { ...state, is_plugged: false, led: 'dark', held: null,
-    queued: [], more_queued: 0, agents: [], refused: [], calls: [], faults: [] };
-}
-
-function draw(now) {
-  document.title = now.part ? `${now.part} · Virtual reader` : 'Virtual reader';
-  for (const part of parts) part.draw?.(now);
+  if (isRunning) updateState(draw);
+  else if (state) draw({ ...state, is_plugged: false, led: 'dark', held: null, queued: [], agents: [], calls: [], faults: [] });
 }
 
 function update() {
-  frame = undefined;
+  const events = batch.splice(0);
+  timer = undefined;
   for (const part of parts) part.add?.(events);
-  for (const event of events.filter(({ isNew }) => isNew)) {
-    if (announced.test(event.text)) news.push(event.text);
-    if (event.kind === 'beep') beep(event);
-  }
-  events = [];
-  if (state) draw(state);
+  for (const event of events) if (event.isNew && event.kind === 'beep') beep(event);
+  updateState(draw);
 }
 
-// In a hidden tab no frame comes: its events wait, at most 5000, and are no news once it is seen.
-const { port } = new SharedWorker('worker.js', { type: 'module' });
-port.onmessage = ({ data }) => {
-  if (data.events) {
-    const isNew = hasHistory && !document.hidden;
-    hasHistory = true;
-    for (const event of data.events) events.push({ ...event, isNew });
-    events.splice(0, events.length - 5000);
-  }
-  if (data.link !== undefined) setLink(data.link);
-  if (data.script) script.show(data.script);
-  state = data.state ?? state;
-  frame ??= requestAnimationFrame(update);
-};
-addEventListener('pagehide', () => port.postMessage('closing'));
-addEventListener('pageshow', ({ persisted }) => persisted && location.reload());
+// The script starts once its events are followed.
+await execute('show --json').then((shown) => JSON.parse(shown).script && execute('script'))
+  .then((lines) => lines && script.show(lines)).catch(() => {});
+follow((events) => {
+  batch.push(...events);
+  batch.splice(0, batch.length - 5000);
+  timer ??= setTimeout(update, 50);
+}, setLink);

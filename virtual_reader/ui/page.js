@@ -31,10 +31,11 @@ export function rowMaker(make) {
 
 // Adds rows to a log and drops the oldest beyond 2000; stays at its end unless scrolled away.
 export function append(log, rows) {
-  log.onscroll ??= () => {
-    log.isAway = log.scrollTop + log.clientHeight < log.scrollHeight - 20;
-  };
+  const { scrollTop, scrollHeight, clientHeight, end = 0 } = log;
+  const isAtEnd = scrollTop > Math.min(end, scrollHeight - clientHeight) - 20;
   log.append(...rows.slice(-2000));
   while (log.children.length > 2000) log.firstChild.remove();
-  if (rows.length && !log.isAway) log.scrollTop = log.scrollHeight;
+  if (!rows.length || !isAtEnd) return;
+  log.scrollTop = log.scrollHeight;
+  log.end = log.scrollTop; // which a change of the window's size does not move
 }
