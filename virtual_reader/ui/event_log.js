@@ -33,7 +33,7 @@ function scenarioOf(events) {
     if (verb) steps.push(verb);
     if (kind === 'sent') steps.push(`send ${quoted(line.replace(/^Dev[^:]*:/, ''))}`);
     if (/^(connected|led|beep|config|reset)$/.test(kind)) steps.push(`expect ${text}`);
-    if (/^received Reader: Dev/.test(text)) steps.push('expect received Reader:');
+    if (/^received Reader: Dev/.test(text)) steps.push('expect received /^Reader: Dev/');
     if (steps.length) last = time;
     return steps;
   });

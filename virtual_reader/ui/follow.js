@@ -50,9 +50,8 @@ async function followOnce(onEvents, onLink) {
 export async function follow(onEvents, onLink) {
   for (;;) {
     if (document.hidden) await change();
-    await followOnce(onEvents, onLink).catch(() => {
-      if (!document.hidden) setLink(false, onLink);
-    });
+    await followOnce(onEvents, onLink)
+      .catch(({ name }) => name === 'AbortError' || setLink(false, onLink));
     await pause(500);
   }
 }
