@@ -1,5 +1,5 @@
-// Follows the events and the reader's state while the page can be seen: a browser grants a server six
-// connections only, and each page that follows holds one.
+// Follows the events and the reader's state. A browser grants a server six connections only, and each
+// page that follows holds one: a hidden page pauses, if it can do without what happens meanwhile.
 import { execute } from './verbs.js';
 
 const pause = (ms) => new Promise((pass) => { setTimeout(pass, ms); });
@@ -27,10 +27,10 @@ function setLink(now, onLink) {
   if (now !== isRunning) onLink(isRunning = now);
 }
 
-async function followOnce(onEvents, onLink) {
+async function followOnce(onEvents, onLink, canPause) {
   const known = JSON.parse(await execute('events --json 1') || '{"number":0}').number;
   const stop = new AbortController();
-  change().then(() => stop.abort());
+  if (canPause) change().then(() => stop.abort());
   const answer = await fetch('events', { signal: stop.signal });
   if (!answer.ok) throw new Error(await answer.text());
   setLink(true, onLink);
@@ -40,17 +40,17 @@ async function followOnce(onEvents, onLink) {
     rest = lines.pop();
     const events = lines.map((line) => JSON.parse(line))
       .filter(({ number, repeats }) => number + repeats > next);
-    next = events.at(-1)?.number + 1 || next;
+    if (events.length) next = events.at(-1).number + events.at(-1).repeats;
     onEvents(events.map((event) => ({ ...event, isNew: event.number > known })));
   }
 }
 
 // Calls back with events, each once, and with whether the reader answers. An event `isNew` unless it
 // was known before.
-export async function follow(onEvents, onLink) {
+export async function follow(onEvents, onLink, canPause) {
   for (;;) {
-    if (document.hidden) await change();
-    await followOnce(onEvents, onLink)
+    if (canPause && document.hidden) await change();
+    await followOnce(onEvents, onLink, canPause)
       .catch(({ name }) => name === 'AbortError' || setLink(false, onLink));
     await pause(500);
   }

@@ -40,11 +40,12 @@ function update() {
   updateState(draw);
 }
 
-// The script starts once its events are followed.
-await execute('show --json').then((shown) => JSON.parse(shown).script && execute('script'))
-  .then((lines) => lines && script.show(lines)).catch(() => {});
+// The script starts once its events are followed, and its verdict is the last.
+const lines = await execute('show --json').then((shown) => JSON.parse(shown).script && execute('script'))
+  .catch(() => '');
+if (lines) script.show(lines);
 follow((events) => {
   batch.push(...events);
   batch.splice(0, batch.length - 5000);
   timer ??= setTimeout(update, 50);
-}, setLink);
+}, setLink, !lines);

@@ -12,7 +12,7 @@ for (const gesture of ['pointerdown', 'keydown']) {
 }
 
 export function beep({ length, beeps }) {
-  const canSound = at('sound').checked && context?.state === 'running';
+  const canSound = at('sound').checked && !document.hidden && context?.state === 'running';
   if (!canSound || free > context.currentTime + 5) return;
   for (let i = 0; i < Math.min(beeps, 5); i += 1) {
     const start = Math.max(context.currentTime, free);
