@@ -23,8 +23,7 @@ function draw(now) {
 }
 
 function setLink(isRunning) {
-  at('link').textContent = isRunning ? 'running'
-    : 'does not answer. If it has exited, start it again, and open its new address.';
+  at('link').textContent = isRunning ? 'running' : 'has exited, or does not answer';
   document.body.classList.toggle('is-lost', !isRunning);
   if (!isRunning && document.activeElement.closest('.controls')) at('link').focus();
   for (const each of document.querySelectorAll('.controls')) each.inert = !isRunning;
