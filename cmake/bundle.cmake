@@ -2,7 +2,7 @@
 # card-reader-agent and pcProxAPI, and BUNDLE_CONTENTS, the bundle's Contents folder in the build.
 
 set(PCPROX_API_LIBRARY "" CACHE FILEPATH
-  "The reader maker's library, to bundle in place of the virtual reader's")
+  "The vendor library, to bundle in place of the virtual reader's")
 option(CARD_READER_RECORDER "Record the library's calls: see docs/bring-up.md" OFF)
 set(example_identifier local.card-reader-agent)
 set(CARD_READER_BUNDLE_IDENTIFIER ${example_identifier} CACHE STRING
@@ -114,7 +114,7 @@ configure_file(${CMAKE_SOURCE_DIR}/packaging/Info.plist.in ${BUNDLE_CONTENTS}/In
 install(FILES ${BUNDLE_CONTENTS}/Info.plist DESTINATION ${bundle_name}/Contents COMPONENT agent)
 install(TARGETS card-reader-agent RUNTIME DESTINATION ${bundle_name}/Contents/MacOS
   COMPONENT agent)
-# As a program, so that a maker's library keeps every byte, and with it its signature.
+# As a program, so that a vendor library keeps every byte, and with it its signature.
 install(PROGRAMS ${bundled_library_path} DESTINATION ${bundle_name}/Contents/Frameworks
   COMPONENT agent)
 install(CODE "set(FOLDER \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${bundle_name}\")" COMPONENT agent)

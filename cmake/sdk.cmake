@@ -84,7 +84,7 @@ set(PROGRAMS \"$<TARGET_FILE:card-reader-agent>;$<TARGET_FILE:pcProxAPI>;$<TARGE
 $<TARGET_FILE:pcProxAPI-recorder>\")\nset(README \"${CMAKE_BINARY_DIR}/sdk-readme.md\")" ${in_sdk})
 install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/sdk_readme.cmake ${in_sdk})
 
-# For whoever puts another library into the bundle, and signs it after.
+# To sign the bundle after another library was put into it.
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/macos/sign-ad-hoc DESTINATION packaging/macos ${in_sdk})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/macos/other-team-library.entitlements
   DESTINATION packaging/macos ${in_sdk})

@@ -1,4 +1,4 @@
-// The agent as its host sees it: a child process that is sent lines and answers in lines.
+// The agent as a child process that is sent lines and answers in lines.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// The reader of the stub library: a page of memory that the agent and whoever watches it share. It
+// The reader of the stub library: a page of memory that the agent and its observer share. It
 // costs as good as nothing, and sees which thread calls.
 #pragma once
 

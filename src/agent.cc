@@ -9,7 +9,7 @@
 
 namespace {
 
-// The C++ libraries word this failure differently; hosts look for this text.
+// The C++ libraries word this failure differently; applications look for this text.
 template <typename Body>
 std::thread start_thread(Body body) {
   try {

@@ -9,6 +9,6 @@ void card_reader_state::enqueue(action_ptr item) {
     was_empty = actions.empty();
     actions.push(std::move(item));
   }
-  // The loop waits only on a queue it has found empty, so whoever ends that wakes it.
+  // The loop waits only on a queue it has found empty, so only the first item must wake it.
   if (was_empty) cond.notify_one();
 }

@@ -14,7 +14,7 @@ pc_prox::sLEDCtrl led_control(bool agent_controls, bool red, bool green) {
   record.bAppCtrlsLED = agent_controls;
   record.iRedLEDState = red;
   record.iGrnLEDState = green;
-  record.reserved14 = 1;  // what the library expects of whoever sets the LED
+  record.reserved14 = 1;  // as the library expects for the LED
   return record;
 }
 

@@ -1,5 +1,5 @@
-// The small work items: what the host asks of the reader's beeper, LED and memory, the answers that
-// need no reader, and the end of the agent.
+// The small work items: what the application asks of the reader's beeper, LED and memory, the
+// answers that need no reader, and the end of the agent.
 //
 // The four that drive the reader make one library call each; when it fails, their message is a
 // fixed text and the library's error number.
@@ -18,7 +18,7 @@ struct pong : action {
   std::string text;  // moved into the result
 };
 
-// Brings the message for a rejected line to the host, in its turn among the results.
+// Brings the message for a rejected line to the application, in its turn among the results.
 struct print_error : action {
   explicit print_error(std::string_view message) : action(global_reader, false), text(message) {}
   action_result execute_impl() override;

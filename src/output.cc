@@ -40,7 +40,7 @@ void output_str_state::push_line(std::string text) {
     was_empty = lines.empty();
     lines.push_back(std::move(text));
   }
-  // The writer waits only on an empty batch, so whoever ends that wakes it.
+  // The writer waits only on an empty batch, so only the first line must wake it.
   if (was_empty) cond.notify_one();
 }
 

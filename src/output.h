@@ -1,4 +1,4 @@
-// The output channel: everything the agent tells its host passes through it, a text line at a time.
+// The output channel: everything that the agent sends passes through it, a text line at a time.
 #pragma once
 
 #include <atomic>
@@ -10,9 +10,9 @@
 // The batch of lines waiting to be written, and the writer that empties it. There is one instance
 // (see globals.h); the writer thread runs `loop`, and any thread may call the rest.
 //
-// `mutex` is held while a batch is written, so that producers wait for a host that does not read:
-// while a batch is on its way nothing is added to what the agent has in memory.
-// Never take another lock, and never call the reader library, while holding it.
+// `mutex` is held while a batch is written, so that producers wait for an application that does not
+// read: while a batch is on its way nothing is added to what the agent has in memory. Never take
+// another lock, and never call the reader library, while holding it.
 class output_str_state {
  public:
   // Appends a line, without its newline, and wakes a writer that waits. The bytes are written

@@ -67,7 +67,7 @@ using marker_function = void (*)(char* text, int length);
 
 }  // namespace pc_prox
 
-// The library itself. Whoever implements it includes this header, so that the compiler compares
+// The library itself. Its implementations include this header, so that the compiler compares
 // the two sides' types.
 extern "C" {
 void SetMarkerFunction(pc_prox::marker_function);

@@ -2,7 +2,7 @@
 
 #include "globals.h"
 
-// One of the library's records: how the host, the library and the agent name its parts.
+// One of the library's records: how commands, the library and the agent name its parts.
 template <typename T>
 struct set_config::record_kind {
   struct named_field {

@@ -1,9 +1,9 @@
 // The process's standard input and standard output as plain byte streams.
 //
-// They stand on the system's descriptors, since a host may leave its end of a pipe in non-blocking
-// mode, which the agent then shares: the language's own streams would take "nothing there yet" for
-// a failure and lose the line. Reading and writing wait instead, without polling, and go on after
-// interrupted calls.
+// They stand on the system's descriptors, since an application may leave its end of a pipe in
+// non-blocking mode, which the agent then shares: the language's own streams would take "nothing
+// there yet" for a failure and lose the line. Reading and writing wait instead, without polling,
+// and go on after interrupted calls.
 #pragma once
 
 #include <cstddef>
@@ -24,6 +24,6 @@ void arrange_streams();
 // `*length` to the number of bytes read, 0 unless the outcome is `data`. Input thread only.
 input_status read_input(char* buffer, std::size_t size, std::size_t* length);
 
-// Writes all `size` bytes to the host, waiting for the host to read when it is behind. Once
+// Writes all `size` bytes to the application, waiting for it to read if it is behind. Once
 // a write has failed, this call and all later ones drop their bytes. Writer thread only.
 void write_output(const char* bytes, std::size_t size);

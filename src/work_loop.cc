@@ -28,7 +28,7 @@ std::string line_for_other_reader(const std::string& wanted, const std::string& 
   return line;
 }
 
-// Runs an item if it is meant for the attached reader, and tells the host how it went.
+// Runs an item if it is meant for the attached reader, and reports its result.
 void run(action& item, const std::string& reader_name) {
   const bool is_meant = item.reader == global_reader || item.reader == reader_name;
   std::string line =

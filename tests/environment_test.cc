@@ -176,14 +176,15 @@ TEST(Environment, NonBlockingPipesLoseNoLine) {
   EXPECT_EQ(agent.next_line(std::chrono::milliseconds(100)), "(timeout)") << "it waits for input";
   agent.send("Global:Pi");
   EXPECT_EQ(agent.next_line(std::chrono::milliseconds(100)), "(timeout)");
-  std::thread host([&] {
+  std::thread application([&] {
     agent.send("ng 0\n");
     for (int i = 1; i < 50000; ++i) agent.send_line("Global:Ping " + std::to_string(i));
     agent.close_input();
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a host behind: the pipe fills
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(300));  // an application that is behind: the pipe fills
   for (int i = 0; i < 50000; ++i) ASSERT_EQ(agent.next_line(), "Ok:  " + std::to_string(i));
-  host.join();
+  application.join();
   EXPECT_EQ(agent.finish(), 0);
 }
 

@@ -1,4 +1,5 @@
-// The process as its host sees it: its lines, their order and timing, its threads, and its end.
+// The process as its application sees it: its lines, their order and timing, its threads, and its
+// end.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -243,14 +244,14 @@ TEST(Process, InputIsReadWhileALibraryCallHangs) {
 
 TEST(Process, EveryCommandBeforeTheEndOfInputIsAnswered) {
   rig r({"unplug"});
-  std::thread host([&] {
+  std::thread application([&] {
     std::string flood;
     for (int i = 0; i < 100000; ++i) flood += "Global:Ping " + std::to_string(i) + "\n";
     r.agent->send(flood);
     r.agent->close_input();
   });
   const lines answers = r.agent->remaining_lines();
-  host.join();
+  application.join();
   ASSERT_EQ(answers.size(), 100000u);
   for (std::size_t i = 0; i < answers.size(); ++i) {
     ASSERT_EQ(answers[i], "Ok:  " + std::to_string(i));
@@ -266,7 +267,7 @@ TEST(Process, FailingPollsNeitherMisnameTheReaderNorBlockTheEnd) {
   std::atomic<int> answers{0};
   int commands = 0;
   clock::time_point closed;
-  std::thread host([&] {
+  std::thread application([&] {
     while (connections < 500) {
       if (commands - answers > 1000) continue;  // not so many that scans become rare
       r.agent->send_line("R1:ClearLED");
@@ -287,7 +288,7 @@ TEST(Process, FailingPollsNeitherMisnameTheReaderNorBlockTheEnd) {
     }
   }
   connections = 500;
-  host.join();
+  application.join();
   ASSERT_EQ(line, "(end)");
   EXPECT_LT(clock::now() - closed, std::chrono::seconds(1));
   EXPECT_EQ(r.agent->wait(), 0);

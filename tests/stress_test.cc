@@ -83,13 +83,13 @@ TEST(Stress, ApplicationThatStopsReadingLosesNothing) {
   rig r({"unplug"});
   const auto start = std::chrono::steady_clock::now();
   std::chrono::steady_clock::duration sending{};
-  std::thread host([&] {
+  std::thread application([&] {
     send_pings(*r.agent, 0, count);
     sending = std::chrono::steady_clock::now() - start;
   });
   std::this_thread::sleep_for(std::chrono::seconds(5));
   expect_pongs(*r.agent, 0, count);
-  host.join();
+  application.join();
   EXPECT_LT(sending, std::chrono::seconds(5)) << "its sending was held up";
   EXPECT_EQ(r.agent->finish(), 0);
 }

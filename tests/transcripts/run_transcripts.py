@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
-"""Plays transcripts: texts that tell, line by line, a session of a host with the agent.
+"""Plays transcripts: sessions of an application with the agent, line by line.
 
     tests/transcripts/run_transcripts.py BUILD_DIR FILE...
 
-    > a line that the host sends          ! a verb for the virtual reader
+    > a line that the application sends   ! a verb for the virtual reader
     < the next line of the agent          = the next line that the virtual reader prints
 
 BUILD_DIR holds virtual-reader and the agent; AGENT in the environment names another agent. Verbs at
 a transcript's start come before the agent's. If a transcript tells of the virtual reader's lines, it
 tells of all. Dev1, Dev2 ... stand for the first names of a run. Control characters and what is no
-UTF-8 are written like \\x0B and \\xFF. When all is told the host closes the agent's input, and the
+UTF-8 are written like \\x0B and \\xFF. At its end the application closes the agent's input, and the
 agent must end well without another line.
 
 A text file holds transcripts with blank lines between them, and comments that begin with '#'; a
