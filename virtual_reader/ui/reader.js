@@ -15,23 +15,27 @@ export function add(events) {
   }
 }
 
+// What stays is not written again: it would be announced again.
+function write(id, text) {
+  if (at(id).textContent !== text) at(id).textContent = text;
+}
+
 export function draw(state) {
   const { is_plugged: isPlugged, part, led, held, queued, more_queued: more, agents, refused, calls,
     faults } = state;
+  const agentTexts = agents.map(({ number, holds_reader: isHolder }) => `${number}, ${isHolder ? 'connected' : 'waiting'}`);
+  const cardTexts = [held && `${held} held`, queued.length && `${queued.length + more} to come`];
   at('reader').dataset.led = led;
-  at('led').textContent = { auto: 'automatic', dark: 'dark, unplugged' }[led] ?? led;
-  at('beeps').textContent = `${beeps.short} short, ${beeps.long} long`;
-  at('part').textContent = part ?? '';
-  at('card').textContent = [held && `${held} held`,
-    queued.length && `${queued.length + more} to come`].filter(Boolean).join(', ') || 'none';
-  at('agent').textContent =
-    agents.map((each) => `${each.number}${each.holds_reader ? ', connected' : ', waiting'}`).join('; ')
-    || (refused.length ? `refused: ${refused.at(-1).why}` : 'none');
-  at('alarm').textContent = calls.length ? `${calls[0].name} ${calls[0].state}`
-    : faults.length ? `${faults.length} fault${faults.length > 1 ? 's' : ''} armed` : '';
-  at('cable').textContent = isPlugged ? 'Unplug' : 'Plug in';
+  write('led', { auto: 'automatic', dark: 'dark, unplugged' }[led] ?? led);
+  write('beeps', `${beeps.short} short, ${beeps.long} long`);
+  write('card', cardTexts.filter(Boolean).join(', ') || 'none');
+  write('agent', agentTexts.join('; ') || (refused.length ? `refused: ${refused.at(-1).why}` : 'none'));
+  write('part', part ?? '');
+  write('alarm', calls.length ? `${calls[0].name} ${calls[0].state}`
+    : faults.length ? `${faults.length} fault${faults.length > 1 ? 's' : ''} armed` : '');
+  write('cable', isPlugged ? 'Unplug' : 'Plug in');
   at('shown').classList.toggle('held', Boolean(held));
-  if (held) at('shown').textContent = held;
+  if (held) write('shown', held);
 }
 
 at('cable').onclick = ({ target }) => act(target.textContent === 'Unplug' ? 'unplug' : 'plug', target);
