@@ -28,7 +28,8 @@ class session {
  public:
   // With a fault, or none for the call "".
   explicit session(const fault& injected)
-      : is_whole(injected.call.empty()), r({"card queue 3AB1234/26"}, QUICK_AGENT, quick, injected) {}
+      : is_whole(injected.call.empty()),
+        r({"card queue 3AB1234/26"}, QUICK_AGENT, quick, injected) {}
 
   // Plays the session and returns the library calls that it made.
   lines play() {

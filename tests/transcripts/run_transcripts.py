@@ -26,7 +26,7 @@ import threading
 from pathlib import Path
 
 PATIENCE = 20  # seconds for a line that must come
-DONE = "= -- done"  # what the virtual reader prints when it has carried out all verbs so far
+DONE = "= -- done"  # what the virtual reader prints when it has executed all verbs so far
 
 
 def escaped(line):
@@ -66,51 +66,51 @@ class Program:
 
 
 def play(build, lines, environment):
-    """Yields (line number, what was told, what came) wherever the two differ."""
+    """Yields (line number, what was expected, what was got) wherever the two differ."""
     reader = Program(f"{build}/virtual-reader", environment)
     agent = None
     printed = []  # by the virtual reader
     base = 0  # the number before that of the run's first name
 
-    def tell(verb):
+    def execute(verb):
         reader.send(verb.encode() + b'\necho "-- done"')
-        while (came := reader.next()) != DONE:
-            if came in ("(nothing)", "(end)"):
-                raise RuntimeError(f"the virtual reader has not carried out: {verb}")
-            printed.append(came)
+        while (got := reader.next()) != DONE:
+            if got in ("(nothing)", "(end)"):
+                raise RuntimeError(f"the virtual reader has not executed: {verb}")
+            printed.append(got)
 
-    tell("")
+    execute("")
     for number, line in lines:
         mark, text = line[:1], line[2:]
         if mark != "!" and not agent:
             bundled = f"{build}/CardReaderAgent.app/Contents/MacOS/card-reader-agent"
             agent = Program(os.environ.get("AGENT", bundled), environment)
-        came = text
+        got = text
         if mark == "!":
-            tell(text)
+            execute(text)
         elif mark == ">":
             agent.send(unescaped(numbered(text, base)))
         elif mark == "<":
-            came = agent.next()
-            if not base and (name := re.match(r"Reader: Dev(\d+)", came)):
+            got = agent.next()
+            if not base and (name := re.match(r"Reader: Dev(\d+)", got)):
                 base = int(name[1]) - 1
-            came = numbered(came, -base)
+            got = numbered(got, -base)
         elif mark == "=":
-            came = printed.pop(0) if printed else reader.next()
+            got = printed.pop(0) if printed else reader.next()
         else:
-            came = "(no such mark)"
-        if came != text:
-            yield number, line, came
+            got = "(unknown mark)"
+        if got != text:
+            yield number, line, got
     if any(line.startswith("=") for _, line in lines):
-        tell("")
+        execute("")
         for line in printed:
             yield number, "(nothing more)", line
     for program in agent, reader:
         program.process.stdin.close()
-        while (came := program.next()) != "(end)" and program.process.poll() != -signal.SIGKILL:
+        while (got := program.next()) != "(end)" and program.process.poll() != -signal.SIGKILL:
             if program is agent:
-                yield number, "(the end)", came
-            if came == "(nothing)":
+                yield number, "(the end)", got
+            if got == "(nothing)":
                 program.process.kill()
         if program.process.wait() != 0:
             yield number, "(a good end)", f"status {program.process.returncode}"
@@ -139,8 +139,8 @@ def main():
             with tempfile.TemporaryDirectory() as folder:
                 environment = {**os.environ, "VIRTUAL_READER_SOCKET": f"{folder}/socket"}
                 differences = [*play(sys.argv[1], lines, environment)]
-            for number, told, came in differences:
-                print(f"{path}:{number}: {told!r} is told, and came: {came!r}")
+            for number, expected, got in differences:
+                print(f"{path}:{number}: expected {expected!r}, got {got!r}")
             played += 1
             failed += bool(differences)
     print(f"{played} transcripts, {failed} failed")

@@ -32,8 +32,8 @@ struct {
   pc_prox::marker_function marker = nullptr;
   bool has_said_mismatch = false;
   std::int64_t last_error = 0;  // without a link; the virtual reader knows it else
-  numbers id;  // fetched last: its 32 bytes, then its length in bits; empty: ask for it
-  std::string text;           // the one returned last
+  numbers id;        // fetched last: its 32 bytes, then its length in bits; empty: ask for it
+  std::string text;  // the one returned last
 } library;
 
 void emit(std::string text, std::int64_t length, bool own_thread) {
