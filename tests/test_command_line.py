@@ -386,7 +386,7 @@ class CommandLine(unittest.TestCase):
             reader.expect("verb fail")
             agent = self.popen(AGENT, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
             agent.communicate()
-            reader.process.stdin.write(("card queue" + " 3AB1234/26" * 1000 + "\n").encode() * 100)
+            reader.process.stdin.write(("card queue" + " 3AB1234/26" * 1000 + "\n").encode() * 10)
             reader.process.stdin.write(b'echo "done"\n')
             reader.process.stdin.flush()
             while "= done" not in reader.output:
