@@ -33,7 +33,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
   for (std::string line; std::getline(input, line);) {
     const std::string before = reader.read(in_words);
-    completions(line);
     try {
       told.execute(line);
     } catch (const syntax_error& error) {

@@ -1,98 +1,22 @@
 #include "call.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 
-#include "quoted.h"
+#include "tokens.h"
 
 namespace virtual_reader {
 
 namespace {
 
-// Of times, in their unit: so that nobody's sums of some overflow, in nanoseconds too.
-constexpr std::int64_t longest = 1'000'000'000'000'000;
-
-// Takes a text apart from the left. Once something did not fit, nothing fits any more.
-class scanner {
- public:
-  explicit scanner(const std::string& scanned) : text(scanned) {}
-
-  bool is_next(const std::string& wanted) const {
-    return fits && text.compare(place, wanted.size(), wanted) == 0;
-  }
-  bool take_if(const std::string& wanted) {
-    if (!is_next(wanted)) return false;
-    place += wanted.size();
-    return true;
-  }
-  void take(const std::string& wanted) { fits = take_if(wanted) && fits; }
-  std::string take_word() {
-    const std::size_t start = place;
-    while (place < text.size() && text[place] != ' ') ++place;
-    fits = fits && place > start;
-    return text.substr(start, place - start);
-  }
-  bool is_number() const {
-    const std::size_t digit = place + (text.compare(place, 1, "-") == 0 ? 1 : 0);
-    return fits && digit < text.size() && text[digit] >= '0' && text[digit] <= '9';
-  }
-  std::int64_t take_number() {
-    errno = 0;
-    char* end = nullptr;
-    fits = is_number();
-    const std::int64_t number = fits ? std::strtoll(text.c_str() + place, &end, 10) : 0;
-    fits = fits && errno == 0;
-    if (fits) place = static_cast<std::size_t>(end - text.c_str());
-    return number;
-  }
-  std::string take_quoted() try {
-    fits = fits && text.compare(place, 1, "\"") == 0;
-    return fits ? parse_quoted(text, &place) : std::string();
-  } catch (const syntax_error&) {
-    fits = false;
-    return {};
-  }
-  // Numbers with a decimal point, in units of the last of so many digits behind it.
-  std::int64_t take_decimal(int digits) {
-    const std::int64_t whole = take_number();
-    take(".");
-    const std::size_t start = place;
-    const std::int64_t part = take_number();
-    fits = fits && whole >= 0 && part >= 0 && place - start == static_cast<std::size_t>(digits);
-    std::int64_t unit = 1;
-    for (int i = 0; i < digits; ++i) unit *= 10;
-    fits = fits && whole <= longest / unit;
-    return fits ? whole * unit + part : 0;
-  }
-  // " N N ..."
-  std::vector<std::int64_t> take_numbers() {
-    std::vector<std::int64_t> all;
-    for (std::size_t before = place; take_if(" "); before = place) {
-      if (!is_number()) {
-        place = before;
-        break;
-      }
-      all.push_back(take_number());
-    }
-    return all;
-  }
-  std::string rest() const { return text.substr(place); }
-  bool all_fits() const { return fits && place == text.size(); }
-  bool has_fit() const { return fits; }
-
- private:
-  const std::string& text;
-  std::size_t place = 0;
-  bool fits = true;
-};
-
-std::string decimal(std::int64_t number, int digits) {
-  std::string text = std::to_string(number);
-  const auto least = static_cast<std::size_t>(digits) + 1;
-  if (text.size() < least) text.insert(0, least - text.size(), '0');
-  return text.insert(text.size() - static_cast<std::size_t>(digits), ".");
+// A decimal number of as many digits behind the point as there are to a microsecond.
+std::chrono::microseconds to_time(const std::string& text, std::size_t digits) {
+  constexpr std::int64_t longest = 1'000'000'000'000'000;  // so that no sum overflows
+  const std::size_t point = text.find('.');
+  const bool is_decimal = point != text.npos && point > 0 && text.size() - point - 1 == digits &&
+                          text.find_first_not_of("0123456789.") == text.npos;
+  if (!is_decimal) throw syntax_error("expected a time");
+  tokens number(text.substr(0, point) + text.substr(point + 1));
+  return std::chrono::microseconds(number.take_number(0, longest));
 }
 
 }  // namespace
@@ -118,22 +42,28 @@ result_kind result_of(const std::string& name) {
   return is_text ? result_kind::text : result_kind::status;
 }
 
+std::string to_decimal(std::int64_t number, int digits) {
+  std::string text = std::to_string(number);
+  const auto least = static_cast<std::size_t>(digits) + 1;
+  if (text.size() < least) text.insert(0, least - text.size(), '0');
+  return text.insert(text.size() - static_cast<std::size_t>(digits), ".");
+}
+
 std::string to_text(const event_line& entry) {
-  return decimal(entry.time.count(), 6) + " " +
+  return to_decimal(entry.time.count(), 6) + " " +
          (entry.agent == 0 ? "-" : std::to_string(entry.agent)) + " " + entry.text;
 }
 
-std::optional<event_line> parse_event(const std::string& line) {
-  scanner left(line);
+std::optional<event_line> parse_event(const std::string& line) try {
+  tokens left(line);
   event_line entry;
-  entry.time = std::chrono::microseconds(left.take_decimal(6));
-  left.take(" ");
-  const std::int64_t agent = left.take_if("-") ? 0 : left.take_number();
-  left.take(" ");
-  if (!left.has_fit() || agent < 0 || agent > INT32_MAX || left.rest().empty()) return {};
-  entry.agent = static_cast<int>(agent);
-  entry.text = left.rest();
+  entry.time = to_time(left.take(), 6);
+  if (!left.take_if("-")) entry.agent = static_cast<int>(left.take_number(0, INT32_MAX));
+  entry.text = left.take_rest();
+  if (entry.text.empty()) return {};
   return entry;
+} catch (const syntax_error&) {
+  return {};
 }
 
 std::string to_text(const call& call) {
@@ -145,34 +75,32 @@ std::string to_text(const call& call) {
   if (call.has_result) text += " ->";
   if (call.has_text) text += " " + (call.text ? quoted(*call.text) : "null");
   append(call.values);
-  if (call.took) text += " (" + decimal(call.took->count(), 3) + " ms)";
+  if (call.took) text += " (" + to_decimal(call.took->count(), 3) + " ms)";
   return text;
 }
 
-std::optional<call> parse_call(const std::string& entry_text) {
-  scanner left(entry_text);
+std::optional<call> parse_call(const std::string& line) try {
+  tokens left(line);
   virtual_reader::call call;
-  call.has_ended = !left.take_if("enter ");
-  if (call.has_ended) left.take("call ");
-  call.name = left.take_word();
+  call.has_ended = left.take_one_of({"call", "enter"}) == "call";
+  call.name = left.take();
   call.arguments = left.take_numbers();
-  call.has_result = left.take_if(" ->");
+  call.has_result = left.take_if("->");
   if (call.has_result) {
-    call.has_text = left.is_next(" \"") || left.is_next(" null");
-    if (left.is_next(" \"")) {
-      left.take(" ");
-      call.text = left.take_quoted();
-    } else {
-      left.take_if(" null");
-    }
+    call.has_text = left.is_quoted() || left.is_next("null");
+    if (left.is_quoted()) call.text = left.take_quoted();
+    left.take_if("null");
     call.values = left.take_numbers();
   }
-  if (left.take_if(" (")) {
-    call.took = std::chrono::microseconds(left.take_decimal(3));
-    left.take(" ms)");
+  if (!left.at_end()) {
+    const std::string time = left.take();
+    if (time[0] != '(' || !left.take_if("ms)")) return {};
+    call.took = to_time(time.substr(1), 3);
   }
-  if (!left.all_fits()) return {};
+  left.take_end();
   return call;
+} catch (const syntax_error&) {
+  return {};
 }
 
 std::string to_text(const says& said) {
@@ -181,18 +109,18 @@ std::string to_text(const says& said) {
   return is_whole ? text : text + " length " + std::to_string(said.length);
 }
 
-std::optional<says> parse_says(const std::string& entry_text) {
-  scanner left(entry_text);
+std::optional<says> parse_says(const std::string& line) try {
+  tokens left(line);
   says said;
-  left.take("says ");
-  said.own_thread = left.take_if("thread ");
+  if (!left.take_if("says")) return {};
+  said.own_thread = left.take_if("thread");
   said.text = left.take_quoted();
   said.length = static_cast<std::int64_t>(said.text.size());
-  if (left.take_if(" length ")) said.length = left.take_number();
-  const bool is_told =
-      said.length >= INT32_MIN && said.length <= static_cast<std::int64_t>(said.text.size());
-  if (!left.all_fits() || !is_told) return {};
+  if (left.take_if("length")) said.length = left.take_number(INT32_MIN, said.length);
+  left.take_end();
   return said;
+} catch (const syntax_error&) {
+  return {};
 }
 
 }  // namespace virtual_reader

@@ -50,6 +50,9 @@ struct says {
 std::string to_text(const says&);
 std::optional<says> parse_says(const std::string& line);
 
+// With so many digits behind the point: 1500 and 3 give "1.500".
+std::string to_decimal(std::int64_t number, int digits);
+
 // In bytes, of an event's text; what is more is cut off, which " ..." at the end says.
 constexpr std::size_t longest_event = 65536;
 

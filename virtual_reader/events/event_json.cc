@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <map>
-#include <sstream>
 
 #include "call.h"
 
@@ -31,76 +30,25 @@ std::size_t character_at(const std::string& text, std::size_t place) {
   return code < least[size] || is_surrogate || code > 0x10FFFF ? 0 : size;
 }
 
-std::string json_numbers(const std::vector<std::int64_t>& numbers, std::size_t from = 0) {
-  std::vector<std::string> values;
-  for (std::size_t i = from; i < numbers.size(); ++i) values.push_back(std::to_string(numbers[i]));
-  return json_array(values);
-}
-
-json_fields fields_of(const call& call) {
-  json_fields fields = {{"name", json_string(call.name)},
-                        {"arguments", json_numbers(call.arguments)}};
-  if (!call.has_ended) return fields;
-  const bool is_number = !call.has_text && !call.values.empty();
-  fields.emplace_back("result", call.text   ? json_string(*call.text)
-                                : is_number ? std::to_string(call.values[0])
-                                            : "null");
-  fields.emplace_back("values", json_numbers(call.values, is_number ? 1 : 0));
-  if (call.took) {
-    char ms[32];
-    std::snprintf(ms, sizeof ms, "%.3f", static_cast<double>(call.took->count()) / 1e3);
-    fields.emplace_back("ms", ms);
-  }
-  return fields;
-}
-
-// Of `TYPE.NAME=N ...`.
-std::string json_settings(const std::string& text) {
-  json_fields settings;
-  std::istringstream words(text);
-  for (std::string word; words >> word;) {
-    const std::size_t equals = word.find('=');
-    if (equals == word.npos) continue;
-    settings.emplace_back(word.substr(0, equals), word.substr(equals + 1));
-  }
-  return json_object(settings);
-}
-
 json_fields fields_of(const std::string& text, const std::string& kind, const std::string& rest) {
   const std::size_t colon = rest.find(": "), space = rest.find(' ');
   const std::string before = rest.substr(0, colon), after = rest.substr(space + 1);
   const std::string why = colon == rest.npos ? "" : rest.substr(colon + 2);
+  static const std::map<std::string, const char*> names = {
+      {"led", "color"}, {"card", "card"}, {"verb", "verb"}, {"sent", "line"}, {"received", "line"}};
+  const auto name = names.find(kind);
+  if (name != names.end()) return {{name->second, json_string(rest)}};
   if (kind == "call" || kind == "enter") {
+    json_fields fields = {{"name", json_string(rest.substr(0, space))}};
     const auto call = parse_call(text);
-    return call ? fields_of(*call) : json_fields();
+    if (call && call->took) {
+      fields.emplace_back("ms", to_decimal(call->took->count(), 3));
+    }
+    return fields;
   }
-  if (kind == "says") {
-    const auto said = parse_says(text);
-    if (!said) return {};
-    return {{"says", json_string(said->text)},
-            {"length", std::to_string(said->length)},
-            {"is_own_thread", said->own_thread ? "true" : "false"}};
-  }
-  if (kind == "led") return {{"color", json_string(rest)}};
   if (kind == "beep") return {{"length", json_string(rest.substr(0, space))}, {"beeps", after}};
-  if (kind == "card") return {{"card", json_string(rest)}};
-  if (kind == "config") return {{"settings", json_settings(rest)}};
   if (kind == "agent") return {{"state", json_string(before)}, {"why", json_string(why)}};
-  if (kind == "verb") return {{"verb", json_string(rest)}};
-  if (kind == "sent" || kind == "received") return {{"line", json_string(rest)}};
-  if (kind == "command") {  // exited with status N
-    const std::size_t last = rest.rfind(' ');
-    const bool is_status = rest.find(" status ") != rest.npos;
-    return {{is_status ? "status" : "signal", rest.substr(last + 1)}};
-  }
-  if (kind == "verdict") {
-    const std::map<std::string, int> statuses = {
-        {"PASSED", 0}, {"FAILED", 1}, {"ERROR", 2}, {"COMMAND FAILED", 3}};
-    const auto status = statuses.find(before);
-    return {{"status", std::to_string(status == statuses.end() ? 4 : status->second)},
-            {"verdict", json_string(before)},
-            {"why", json_string(why)}};
-  }
+  if (kind == "verdict") return {{"verdict", json_string(before)}, {"why", json_string(why)}};
   return {};
 }
 
@@ -139,14 +87,12 @@ std::string json_array(const std::vector<std::string>& values) {
 }
 
 std::string to_json(const event& event) {
-  char time[32];
-  std::snprintf(time, sizeof time, "%.6f", static_cast<double>(event.time.count()) / 1e6);
   const std::size_t space = event.text.find(' ');
   const std::string kind = event.text.substr(0, space);
   const std::string rest = space == event.text.npos ? "" : event.text.substr(space + 1);
   json_fields fields = {{"number", std::to_string(event.number)},
                         {"repeats", std::to_string(event.count)},
-                        {"time", time},
+                        {"time", to_decimal(event.time.count(), 6)},
                         {"agent", event.agent == 0 ? "null" : std::to_string(event.agent)},
                         {"kind", json_string(kind)},
                         {"text", json_string(event.text)}};

@@ -1,12 +1,14 @@
 #include "event_log.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace virtual_reader {
 
 namespace {
 
-std::size_t bytes_of(const event& e) { return sizeof e + e.text.capacity(); }
+// Roughly, with what keeps it in its places.
+std::size_t bytes_of(const event& e) { return sizeof e + 64 + e.text.capacity(); }
 
 }  // namespace
 
@@ -20,28 +22,30 @@ void event_log::add(int agent, std::string text, bool is_idle) {
   if (text.size() > longest_event) text = text.substr(0, longest_event) + " ...";
   const std::lock_guard<std::mutex> lock(mutex);
   ++next;
-  std::deque<event>& before = shelves[last_shelf].events;
-  const bool is_same = !before.empty() && before.back().agent == agent &&
-                       before.back().is_idle == is_idle && before.back().text == text;
-  if (is_same) {
-    ++before.back().count;
-  } else {
-    last_shelf = shelf_of(text);
-    event added;
-    added.time = std::chrono::duration_cast<std::chrono::microseconds>(
-        std::chrono::steady_clock::now() - beginning);
-    added.agent = agent;
-    added.text = std::move(text);
-    added.number = next - 1;
-    added.is_idle = is_idle;
-    shelf& own = shelves[last_shelf];
-    own.bytes += bytes_of(added);
-    own.events.push_back(std::move(added));
-    const std::size_t part = last_shelf == 0 ? limit / 2 : limit / 4;
-    for (; own.bytes > part && own.events.size() > 1; own.events.pop_front()) {
-      own.bytes -= bytes_of(own.events.front());
-      own.dropped = own.events.front().end();
+  if (!events.empty()) {
+    event& before = events.rbegin()->second;
+    if (before.end() == next - 1 && before.agent == agent && before.is_idle == is_idle &&
+        before.text == text) {
+      ++before.count;
+      return changed.notify_all();
     }
+  }
+  shelf& own = shelves[shelf_of(text)];
+  event& added = events[next - 1];
+  added.time = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - beginning);
+  added.agent = agent;
+  added.text = std::move(text);
+  added.number = next - 1;
+  added.is_idle = is_idle;
+  own.bytes += bytes_of(added);
+  own.numbers.push_back(added.number);
+  const std::size_t part = &own == &shelves[0] ? limit / 2 : limit / 4;
+  for (; own.bytes > part && own.numbers.size() > 1; own.numbers.pop_front()) {
+    const auto oldest = events.find(own.numbers.front());
+    own.bytes -= bytes_of(oldest->second);
+    own.dropped = oldest->second.end();
+    events.erase(oldest);
   }
   changed.notify_all();
 }
@@ -59,20 +63,11 @@ bool event_log::has_dropped(std::uint64_t from) const {
 std::vector<event> event_log::read(std::uint64_t from) const {
   constexpr std::size_t piece = 65536;
   const std::lock_guard<std::mutex> lock(mutex);
-  std::array<std::deque<event>::const_iterator, 3> places;
-  for (std::size_t i = 0; i < shelves.size(); ++i) {
-    places[i] = std::partition_point(shelves[i].events.begin(), shelves[i].events.end(),
-                                     [&](const event& e) { return e.end() <= from; });
-  }
   std::vector<event> found;
-  for (std::size_t size = 0; size < piece;) {
-    std::size_t first = shelves.size();
-    for (std::size_t i = 0; i < shelves.size(); ++i) {
-      if (places[i] == shelves[i].events.end()) continue;
-      if (first == shelves.size() || places[i]->number < places[first]->number) first = i;
-    }
-    if (first == shelves.size()) break;
-    found.push_back(*places[first]++);
+  auto place = events.upper_bound(from);
+  if (place != events.begin() && std::prev(place)->second.end() > from) --place;
+  for (std::size_t size = 0; place != events.end() && size < piece; ++place) {
+    found.push_back(place->second);
     size += bytes_of(found.back());
   }
   if (!found.empty() && found.front().number < from) {
@@ -86,21 +81,8 @@ std::vector<event> event_log::last(std::size_t most,
                                    const std::function<bool(const event&)>& wanted) const {
   std::vector<event> found;
   const std::lock_guard<std::mutex> lock(mutex);
-  std::array<std::size_t, 3> left;
-  for (std::size_t i = 0; i < shelves.size(); ++i) left[i] = shelves[i].events.size();
-  while (found.size() < most) {
-    const event* latest = nullptr;
-    std::size_t from = 0;
-    for (std::size_t i = 0; i < shelves.size(); ++i) {
-      if (left[i] == 0) continue;
-      const event& candidate = shelves[i].events[left[i] - 1];
-      if (latest && candidate.number < latest->number) continue;
-      latest = &candidate;
-      from = i;
-    }
-    if (!latest) break;
-    --left[from];
-    if (wanted(*latest)) found.push_back(*latest);
+  for (auto place = events.rbegin(); place != events.rend() && found.size() < most; ++place) {
+    if (wanted(place->second)) found.push_back(place->second);
   }
   std::reverse(found.begin(), found.end());
   return found;

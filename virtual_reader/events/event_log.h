@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -53,7 +54,7 @@ class event_log {
 
  private:
   struct shelf {
-    std::deque<event> events;
+    std::deque<std::uint64_t> numbers;  // of its events
     std::size_t bytes = 0;
     std::uint64_t dropped = 0;  // the end of what was
   };
@@ -64,8 +65,8 @@ class event_log {
   mutable std::mutex mutex;
   mutable std::condition_variable changed;
   // Guarded by mutex:
+  std::map<std::uint64_t, event> events;  // by number
   std::array<shelf, 3> shelves;
-  std::size_t last_shelf = 0;  // that was added to
   std::uint64_t next = 1;
   mutable std::uint64_t wakes = 0;
 };

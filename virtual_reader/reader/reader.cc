@@ -25,7 +25,7 @@ void reader::power(bool on) {
 }
 
 void reader::hold(std::optional<card_id> card) {
-  if (!card || !held || card->text != held->text) held_is_known = false;
+  if (!card || !held || !(*card == *held)) held_is_known = false;
   held = std::move(card);
 }
 
@@ -45,7 +45,7 @@ void reader::fetch_card(int agent) {
   const card_id id = is_queued ? queue.front() : *held;
   if (is_queued) queue.pop_front();
   own.id = id.values;
-  if (!own.was_idle) log.add(agent, "card " + id.text);
+  if (!own.was_idle) log.add(agent, "card " + to_text(id));
 }
 
 bool reader::run(int agent, call* asked, std::optional<std::int64_t> error) {

@@ -31,7 +31,8 @@ struct reader {
   bool held_is_known = false;  // the last fetch has found it, and it is recorded
   std::int64_t short_beeps = 0, long_beeps = 0;
   configuration stored = factory_defaults;
-  std::string led = "auto";  // red, green, amber, off, or own when the reader itself rules over it
+  std::string led = "auto";  // red, green, amber, off, or auto: the reader controls it
+  std::string shown_led() const { return plugged ? led : "dark"; }
   fault_list faults;
   bool id_questions_wanted = false;  // calls of GetQueuedID_index, beyond those with a rule
 

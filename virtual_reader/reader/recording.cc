@@ -8,29 +8,6 @@ namespace virtual_reader {
 
 namespace {
 
-// As the verbs have it.
-std::string text_of(const card_id& id) {
-  const std::int64_t bits = id.values.back();
-  const auto byte = [&](std::size_t i) { return id.values[i] & 0xFF; };
-  bool is_whole = bits >= 1 && bits <= 256;
-  for (std::size_t i = 0; i < 32; ++i) is_whole &= id.values[i] == byte(i);
-  for (std::size_t bit = 0; bit < 256; ++bit) {
-    is_whole &= static_cast<std::int64_t>(bit) < bits || (byte(bit / 8) >> bit % 8 & 1) == 0;
-  }
-  std::string text;
-  if (is_whole) {
-    for (auto i = static_cast<std::size_t>(bits + 3) / 4; i-- > 0;) {
-      text += "0123456789ABCDEF"[byte(i / 2) >> i % 2 * 4 & 15];
-    }
-    return text + "/" + std::to_string(bits);
-  }
-  std::size_t last = 31;
-  while (last > 0 && id.values[last] == 0) --last;
-  text = "raw " + std::to_string(bits);
-  for (std::size_t i = 0; i <= last; ++i) text += " " + std::to_string(id.values[i]);
-  return text;
-}
-
 bool is_of_a_call(const std::string& entry) {
   const std::string kind = entry.substr(0, entry.find(' '));
   return kind == "call" || kind == "enter" || kind == "says";
@@ -78,9 +55,6 @@ class collector {
     if (begun && !was_cut_off) {
       begun->said.swap(said_before);
       calls.push_back(*std::move(begun));
-    }
-    for (recorded_call& each : calls) {
-      if (each.card) each.card->text = text_of(*each.card);
     }
     return std::move(calls);
   }

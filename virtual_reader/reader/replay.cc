@@ -25,8 +25,7 @@ std::string text_of(const recorded_call& each) {
 
 // What a host gets a line for: not a card that is still there.
 bool is_event(const recorded_call& poll, const recorded_call* before) {
-  const bool is_still_there =
-      poll.card && before && before->card && poll.card->text == before->card->text;
+  const bool is_still_there = poll.card && before && before->card && *poll.card == *before->card;
   return !poll.is_idle() && !is_still_there;
 }
 

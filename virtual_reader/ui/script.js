@@ -25,7 +25,7 @@ export function add(events) {
   const verdict = events.findLast(({ kind }) => kind === 'verdict');
   if (!verdict) return;
   at('verdict').textContent = verdict.text.replace('verdict ', '');
-  at('verdict').className = verdict.status === 0 ? 'passed' : 'failed';
+  at('verdict').className = verdict.verdict === 'PASSED' ? 'passed' : 'failed';
   const line = verdict.line ?? /:(\d+):/.exec(verdict.why)?.[1];
   if (line) point(line, 'failed');
 }

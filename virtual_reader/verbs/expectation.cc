@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "call.h"
+#include "cards.h"
 #include "configuration.h"
+#include "fault.h"
 
 namespace virtual_reader {
 
@@ -15,7 +18,37 @@ namespace {
 
 using std::chrono::milliseconds;
 
-const std::vector<std::string> colors = {"red", "green", "amber", "off", "auto"};
+const std::string colors = "red|green|amber|off|auto";
+// What follows each kind, word by word, of which a pattern has the first: one of several; CALL; N,
+// a number; or `...`, anything. LINE, CARD and SETTINGS have patterns of their own.
+const std::map<std::string, std::string> forms = {{"agent", "attached|detached|refused: ..."},
+                                                  {"beep", "short|long N"},
+                                                  {"call", "CALL ..."},
+                                                  {"card", "CARD"},
+                                                  {"command", "exited ..."},
+                                                  {"config", "SETTINGS"},
+                                                  {"connected", ""},
+                                                  {"disconnected", ""},
+                                                  {"enter", "CALL ..."},
+                                                  {"fault", "delay|fail|hang|vanish CALL ..."},
+                                                  {"input", "ended"},
+                                                  {"led", colors},
+                                                  {"plugged", "in"},
+                                                  {"received", "LINE"},
+                                                  {"replay", "diverged:|ended ..."},
+                                                  {"reset", ""},
+                                                  {"says", "..."},
+                                                  {"sent", "LINE"},
+                                                  {"unplugged", ""},
+                                                  {"verb", "..."},
+                                                  {"verdict", "..."}};
+
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::istringstream stream(text);
+  std::vector<std::string> parts;
+  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+  return parts;
+}
 
 bool is_end(const tokens& line) { return line.at_end() || line.is_next("within"); }
 
@@ -31,8 +64,12 @@ bool begins_with_words(const std::string& text, const std::string& words) {
          (words.empty() || text.size() == words.size() || text[words.size()] == ' ');
 }
 
-bool begins_with(const std::vector<std::int64_t>& all, const std::vector<std::int64_t>& wanted) {
-  return wanted.size() <= all.size() && std::equal(wanted.begin(), wanted.end(), all.begin());
+// So does the event and, if the pattern has an arrow, its result.
+bool begins_with(const std::string& details, const std::string& wanted) {
+  const std::size_t arrow = wanted.find(" -> "), its = details.find(" -> ");
+  return begins_with_words(details.substr(0, its), wanted.substr(0, arrow)) &&
+         (arrow == wanted.npos ||
+          (its != details.npos && begins_with_words(details.substr(its), wanted.substr(arrow))));
 }
 
 // The digits without leading zeros.
@@ -40,27 +77,21 @@ std::string significant(const std::string& digits) {
   return digits.substr(std::min(digits.find_first_not_of('0'), digits.size()));
 }
 
-const std::vector<std::string>& setting_names() {
-  static const std::vector<std::string> names = [] {
-    std::vector<std::string> found;
-    for (const std::string& record : to_text(factory_defaults, false)) {
-      for (std::size_t start = 0, end; start < record.size(); start = end + 1) {
-        end = std::min(record.find(' ', start), record.size());
-        found.push_back(record.substr(start, record.find('=', start) - start));
-      }
+std::vector<std::string> setting_names() {
+  std::vector<std::string> names;
+  for (const std::string& record : to_text(factory_defaults, false)) {
+    for (const std::string& each : split(record, ' ')) {
+      names.push_back(each.substr(0, each.find('=')));
     }
-    return found;
-  }();
+  }
   return names;
 }
 
 }  // namespace
 
-const std::vector<std::string>& pattern::kinds() {
-  static const std::vector<std::string> all = {
-      "agent",        "beep",  "call",  "card",  "command",   "config",  "connected",
-      "disconnected", "enter", "fault", "input", "led",       "plugged", "received",
-      "replay",       "reset", "says",  "sent",  "unplugged", "verb",    "verdict"};
+std::vector<std::string> pattern::kinds() {
+  std::vector<std::string> all;
+  for (const auto& form : forms) all.push_back(form.first);
   return all;
 }
 
@@ -69,22 +100,11 @@ const std::vector<std::string>& pattern::effects() {
   return all;
 }
 
-std::vector<std::string> pattern::details_of(const std::string& kind) {
-  if (kind == "agent") return {"attached", "detached", "refused:"};
-  if (kind == "beep") return {"short", "long"};
-  if (kind == "enter" || kind == "call") return call_names;
-  if (kind == "config") return setting_names();
-  if (kind == "fault") return {"delay", "fail", "hang", "vanish"};
-  if (kind == "command") return {"exited"};
-  if (kind == "input") return {"ended"};
-  if (kind == "led") return colors;
-  if (kind == "plugged") return {"in"};
-  if (kind == "replay") return {"diverged:", "ended"};
-  return {};
-}
-
 pattern::pattern(tokens* line) : kind(line->take_one_of(kinds())), written(kind) {
-  fits = kind == "received" || kind == "sent" ? read_line(line) : read_details(line);
+  const std::string& form = forms.at(kind);
+  fits = form == "LINE"       ? read_line(line)
+         : form == "SETTINGS" ? read_settings(line)
+                              : read_details(line, form);
 }
 
 bool pattern::matches(const std::string& event_text) const {
@@ -136,96 +156,62 @@ pattern::test pattern::read_line(tokens* line) {
   };
 }
 
-pattern::test pattern::read_details(tokens* line) {
-  const auto add = [this](const std::string& word) { written += " " + word; };
-  const auto add_numbers = [&](std::vector<std::int64_t>* all) {
-    while (line->is_number()) {
-      all->push_back(line->take_number(INT64_MIN, INT64_MAX));
-      add(std::to_string(all->back()));
+pattern::test pattern::read_settings(tokens* line) {
+  std::vector<std::string> settings;
+  while (!is_end(*line)) {
+    const std::string setting = line->take();
+    const std::size_t equals = std::min(setting.find('='), setting.size());
+    const std::string name = setting.substr(0, equals);
+    const std::vector<std::string> names = setting_names();
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      throw syntax_error("unknown setting '" + name + "'" + suggestion(name, names));
     }
+    tokens value(setting.substr(std::min(equals + 1, setting.size())));
+    if (value.at_end()) throw syntax_error("expected " + name + "=VALUE, got '" + setting + "'");
+    settings.push_back(name + "=" + std::to_string(value.take_number(INT16_MIN, INT16_MAX)));
+    written += " " + settings.back();
+  }
+  return [settings](const std::string& details) {
+    return std::all_of(settings.begin(), settings.end(), [&](const std::string& each) {
+      return (" " + details + " ").find(" " + each + " ") != std::string::npos;
+    });
   };
-  const auto words = [this] {  // the event begins with what was written
-    return [text = written.substr(std::min(kind.size() + 1, written.size()))](
-               const std::string& details) { return begins_with_words(details, text); };
+}
+
+// Upper case and leading zeros do not matter; without BITS any number of them fits.
+pattern::test pattern::read_card(tokens* line) {
+  tokens before = *line;
+  const std::string typed = before.take(), card = to_text(take_card(*line));
+  const std::size_t size = card.find('/');
+  const std::string bits = typed.find('/') == typed.npos ? "" : card.substr(size);
+  written += " " + card.substr(0, size) + bits;
+  return [digits = significant(card.substr(0, size)), bits](const std::string& details) {
+    const std::size_t end = details.find('/');
+    return end != details.npos && significant(details.substr(0, end)) == digits &&
+           (bits.empty() || details.substr(end) == bits);
   };
-  if (is_end(*line)) return [](const std::string&) { return true; };
-  if (kind == "led") {
-    add(line->take_one_of(colors));
-  } else if (kind == "beep") {
-    add(line->take_one_of(details_of(kind)));
-    if (!is_end(*line)) add(std::to_string(line->take_number(0, 255)));
-  } else if (kind == "config") {
-    std::vector<std::string> settings;
-    while (!is_end(*line)) {
-      const std::string setting = line->take();
-      const std::size_t equals = std::min(setting.find('='), setting.size());
-      const std::string name = setting.substr(0, equals);
-      if (std::find(setting_names().begin(), setting_names().end(), name) ==
-          setting_names().end()) {
-        throw syntax_error("unknown setting '" + name + "'" + suggestion(name, setting_names()));
+}
+
+pattern::test pattern::read_details(tokens* line, const std::string& form) {
+  for (const std::string& step : split(form, ' ')) {
+    if (is_end(*line)) break;
+    if (step == "CARD") {
+      if (!line->take_if("raw")) return read_card(line);
+      written += " " + to_text(take_raw_card(*line));
+    } else if (step == "...") {
+      while (!is_end(*line)) {
+        written += " " + (line->is_quoted() ? quoted(line->take_quoted()) : line->take());
       }
-      tokens value(setting.substr(std::min(equals + 1, setting.size())));
-      if (value.at_end()) throw syntax_error("expected " + name + "=VALUE, got '" + setting + "'");
-      settings.push_back(name + "=" + std::to_string(value.take_number(INT16_MIN, INT16_MAX)));
-      add(settings.back());
-    }
-    return [settings](const std::string& details) {
-      return std::all_of(settings.begin(), settings.end(), [&](const std::string& each) {
-        return (" " + details + " ").find(" " + each + " ") != std::string::npos;
-      });
-    };
-  } else if (kind == "card" && line->take_if("raw")) {
-    add("raw");
-    std::vector<std::int64_t> numbers;
-    add_numbers(&numbers);
-  } else if (kind == "card") {
-    // Upper case and leading zeros do not matter; without BITS any number of them fits.
-    tokens before = *line;
-    const std::string typed = before.take(), card = line->take_card().text;
-    const std::size_t size = card.find('/');
-    const std::string bits = typed.find('/') == typed.npos ? "" : card.substr(size);
-    add(card.substr(0, size) + bits);
-    return [digits = significant(card.substr(0, size)), bits](const std::string& details) {
-      const std::size_t end = details.find('/');
-      return end != details.npos && significant(details.substr(0, end)) == digits &&
-             (bits.empty() || details.substr(end) == bits);
-    };
-  } else if (kind == "call" || kind == "enter") {
-    const std::string name = line->take_call();
-    std::vector<std::int64_t> arguments;
-    add(name);
-    add_numbers(&arguments);
-    std::string result;
-    if (kind == "call" && line->take_if("->")) {
-      add("->");
-      const std::size_t start = written.size();
-      std::vector<std::int64_t> values;
-      if (line->is_quoted()) {
-        add(quoted(line->take_quoted()));
-      } else if (line->take_if("null")) {
-        add("null");
-      }
-      add_numbers(&values);
-      result = written.substr(std::min(start + 1, written.size()));
-    }
-    return [=](const std::string& details) {
-      const auto made = parse_call("call " + details);
-      const std::size_t arrow = details.find(" -> ");
-      return made && made->name == name && begins_with(made->arguments, arguments) &&
-             (result.empty() ||
-              (arrow != details.npos && begins_with_words(details.substr(arrow + 4), result)));
-    };
-  } else {
-    const std::vector<std::string> known = details_of(kind);
-    if (!known.empty()) add(line->take_one_of(known));
-    if (kind == "fault" && !is_end(*line)) add(line->take_call());
-    const bool is_open = kind == "agent" || kind == "command" || kind == "fault" ||
-                         kind == "replay" || kind == "says" || kind == "verb" || kind == "verdict";
-    while (is_open && !is_end(*line)) {
-      add(line->is_quoted() ? quoted(line->take_quoted()) : line->take());
+    } else {
+      written += " " + (step == "CALL" ? line->take_call()
+                        : step == "N"  ? std::to_string(line->take_number(0, 255))
+                                       : line->take_one_of(split(step, '|')));
     }
   }
-  return words();
+  const bool is_call = (kind == "call" || kind == "enter") && written != kind;
+  if (is_call && !parse_call(written)) throw syntax_error("'" + written + "' matches no call");
+  return [wanted = written.substr(std::min(kind.size() + 1, written.size()))](
+             const std::string& details) { return begins_with(details, wanted); };
 }
 
 expectation::expectation(tokens* line) : what(form::next), limit(5000) {
@@ -245,9 +231,7 @@ expectation::expectation(tokens* line) : what(form::next), limit(5000) {
   if (what == form::next && ahead.take_if("led") && ahead.take_if("is")) {
     *line = ahead;
     what = form::state;
-    std::vector<std::string> states = colors;
-    states.emplace_back("dark");
-    led = line->take_one_of(states);
+    led = line->take_one_of(split(colors + "|dark", '|'));
   } else {
     wanted.emplace_back(line);
   }

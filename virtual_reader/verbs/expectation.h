@@ -21,16 +21,17 @@ class pattern {
   const std::string kind;
   const std::string& text() const { return written; }
 
-  // What events begin with, and what may follow that if there are a few words only.
-  static const std::vector<std::string>& kinds();
-  static std::vector<std::string> details_of(const std::string& kind);
+  // What events begin with.
+  static std::vector<std::string> kinds();
   // What an application makes the reader do.
   static const std::vector<std::string>& effects();
 
  private:
   using test = std::function<bool(const std::string& details)>;
-  test read_details(tokens* line);
   test read_line(tokens* line);
+  test read_settings(tokens* line);
+  test read_card(tokens* line);
+  test read_details(tokens* line, const std::string& form);
 
   std::string written;  // as events have it
   test fits;            // what follows the kind

@@ -102,8 +102,7 @@ void expectations::expect_state(const expectation& what, moment until,
   for (;;) {
     const std::uint64_t next = reader.log.end();
     const bool is_last_look = std::chrono::steady_clock::now() >= until;
-    const std::string led =
-        reader.read([](const auto& r) { return r.plugged ? r.led : std::string("dark"); });
+    const std::string led = reader.read([](const auto& r) { return r.shown_led(); });
     if (led == what.led) {
       last_held = std::chrono::steady_clock::now();
       ++held_count;

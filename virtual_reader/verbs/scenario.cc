@@ -91,7 +91,7 @@ class writer {
   }
 
   void add_poll(const recorded_call& poll, const recorded_call* next, const recorded_call* search) {
-    const std::string card = poll.card ? poll.card->text : "";
+    const std::string card = poll.card ? to_text(*poll.card) : "";
     const bool is_raw = card.rfind("raw", 0) == 0;
     if (poll.is_idle() && !is_held) shown = card;
     if (card == shown && !is_raw && !poll.has_failed() && poll.said.empty()) return;
@@ -103,7 +103,7 @@ class writer {
       is_plugged = search && !search->has_failed();
       add(is_plugged ? "fail GetQueuedID error " + std::to_string(poll.error) : "unplug");
     } else if (!card.empty() && (is_raw || card != shown)) {
-      is_held = !is_raw && next && next->card && next->card->text == card;
+      is_held = !is_raw && next && next->card && *next->card == *poll.card;
       add("card " + std::string(is_raw ? "" : is_held ? "hold " : "queue ") + card);
       add("expect card " + card);
     }

@@ -58,14 +58,12 @@ class session {
 
   // What the verbs do.
   void answer(const std::string& line) const { callbacks.answer(line); }
-  void show(const std::string& topic) const;
-  void show_as_json() const;
+  void show(bool as_json) const;  // else each field on a line of its own
   struct events_wanted {
     bool as_json, follows, with_polls;
     std::size_t most;
   };
   void show_events(const events_wanted& wanted) const;
-  void show_calls(std::size_t most) const;
   void wait(std::chrono::milliseconds time) const;
 
   device& reader;

@@ -52,43 +52,43 @@ tracing take_tracing(tokens& given) {
 void print_help(const session& s, const std::string& topic);
 
 const std::vector<verb> all = {
-    {"plug", "", "plugs the reader in",
+    {"plug", "", "plug the reader in",
      [](tokens&, command* c) { c->change = [](reader& r) { r.plug(); }; }},
-    {"unplug", "", "pulls the reader out",
+    {"unplug", "", "unplug the reader",
      [](tokens&, command* c) { c->change = [](reader& r) { r.unplug(); }; }},
-    {"replug", "", "pulls it out and plugs it in at once",
+    {"replug", "", "unplug the reader and plug it in",
      [](tokens&, command* c) { c->change = [](reader& r) { r.unplug(), r.plug(); }; }},
-    {"part", "none|\"TEXT\"", "its part number, from the next connection on",
+    {"part", "none|\"TEXT\"", "set the part number from the next connection on",
      [](tokens& w, command* c) {
        std::optional<std::string> part;
        if (!w.take_if("none")) part = w.take_quoted();
        c->change = [part](reader& r) { r.part_number = part; };
      }},
-    {"card queue", "HEX[/BITS] ...", "cards that are reported once each, in order",
+    {"card queue", "HEX[/BITS] ...", "queue cards that are fetched once each, in order",
      [](tokens& w, command* c) {
        std::vector<card_id> cards;
        do {
-         cards.push_back(w.take_card());
+         cards.push_back(take_card(w));
        } while (!w.at_end());
        c->change = [cards](reader& r) {
          r.queue.insert(r.queue.end(), cards.begin(), cards.end());
        };
      }},
-    {"card drop", "", "drops the cards that are queued",
+    {"card drop", "", "drop the queued cards",
      [](tokens&, command* c) { c->change = [](reader& r) { r.queue = {}; }; }},
-    {"card hold", "HEX[/BITS]", "a card that is reported again and again",
+    {"card hold", "HEX[/BITS]", "hold a card, which every poll fetches",
      [](tokens& w, command* c) {
-       const card_id id = w.take_card();
+       const card_id id = take_card(w);
        c->change = [id](reader& r) { r.hold(id); };
      }},
-    {"card show", "HEX[/BITS] for MS", "hold a card so long, as a person does",
+    {"card show", "HEX[/BITS] for MS", "hold a card for a time, as a person does",
      [](tokens& w, command* c) {
-       const card_id id = w.take_card();
+       const card_id id = take_card(w);
        if (!w.take_if("for")) throw syntax_error("");
        const milliseconds time = take_time(w);
        c->acts = c->waits = true;
        c->act = [id, time,
-                 text = "verb card show " + id.text + " for " +
+                 text = "verb card show " + to_text(id) + " for " +
                         std::to_string(time.count())](const session& s) {
          s.reader.modify([&](reader& r) {
            r.log.add(0, text);
@@ -98,40 +98,36 @@ const std::vector<verb> all = {
          s.reader.modify([](reader& r) { r.hold({}); });
        };
      }},
-    {"card remove", "", "takes the held card away",
+    {"card remove", "", "remove the held card",
      [](tokens&, command* c) { c->change = [](reader& r) { r.hold({}); }; }},
-    {"card raw", "BITS VALUE ...", "an ID of up to 32 numbers of any size, reported once",
+    {"card raw", "BITS VALUE ...", "queue an ID of up to 32 numbers of any size",
      [](tokens& w, command* c) {
-       std::string card = "raw " + std::to_string(w.take_number(least, most));
-       std::size_t count = 0;
-       do {
-         card += " " + std::to_string(w.take_number(least, most));
-       } while (!w.at_end() && ++count < 32);
-       c->change = [id = card_of(card)](reader& r) { r.queue.push_back(id); };
+       c->change = [id = take_raw_card(w)](reader& r) { r.queue.push_back(id); };
      }},
-    {"fail", "CALL [error N] [WHEN]", "let calls fail",
+    {"fail", "CALL [error N] [WHEN]", "make calls fail, without effect",
      [](tokens& w, command* c) {
        fault made{fault::kind::fail, w.take_call()};
        if (w.take_if("error")) made.error = w.take_number(least, most);
        take_when(w, made, "once", c);
      }},
-    {"vanish", "CALL [WHEN]", "pulls the reader out in the middle of a call",
+    {"vanish", "CALL [WHEN]", "unplug the reader in the middle of a call",
      [](tokens& w, command* c) {
        take_when(w, {fault::kind::vanish, w.take_call()}, "once", c);
      }},
-    {"delay", "CALL MS [WHEN]", "lets calls take that long, always if not told otherwise",
+    {"delay", "CALL MS [WHEN]", "make calls take so long; WHEN defaults to always",
      [](tokens& w, command* c) {
        fault made{fault::kind::delay, w.take_call()};
        made.time = take_time(w);
        take_when(w, made, "always", c);
      }},
-    {"hang", "CALL [WHEN]", "lets a call not return until `release`, or for a day",
+    {"hang", "CALL [WHEN]", "make a call wait for `release`, at most a day",
      [](tokens& w, command* c) {
        fault made{fault::kind::hang, w.take_call()};
        made.time = fault::longest;
        take_when(w, made, "once", c);
      }},
-    {"say", "CALL [thread] \"TEXT\" [length N] [WHEN]", "lets the library talk during a call",
+    {"say", "CALL [thread] \"TEXT\" [length N] [WHEN]",
+     "make the library print a text during a call",
      [](tokens& w, command* c) {
        fault made{fault::kind::say, w.take_call()};
        made.own_thread = w.take_if("thread");
@@ -141,7 +137,7 @@ const std::vector<verb> all = {
        if (w.take_if("length")) made.length = w.take_number(shortest, made.length);
        take_when(w, made, "once", c);
      }},
-    {"release", "", "ends the calls that hang or are delayed",
+    {"release", "", "end the calls that hang or are delayed",
      [](tokens&, command* c) { c->change = [](reader& r) { ++r.releases; }; }},
     {"clear", "[CALL|ID]", "drop all faults, those of one call, or one",
      [](tokens& w, command* c) {
@@ -153,16 +149,27 @@ const std::vector<verb> all = {
          c->change = [call = w.take_call()](reader& r) { r.faults.clear(call); };
        }
      }},
-    {"show", "[--json]", "all about the reader",
+    {"show", "[--json]", "print the reader's state",
      [](tokens& w, command* c) {
        const bool as_json = w.take_if("--json");
-       c->act = [as_json](const session& s) { as_json ? s.show_as_json() : s.show(""); };
+       c->act = [as_json](const session& s) { s.show(as_json); };
      }},
-    {"led", "", "what the LED shows",
-     [](tokens&, command* c) { c->act = [](const session& s) { s.show("led "); }; }},
-    {"beeps", "", "how often it has beeped",
-     [](tokens&, command* c) { c->act = [](const session& s) { s.show("beeps "); }; }},
-    {"script", "", "the lines of the script that is run",
+    {"led", "", "print what the LED shows",
+     [](tokens&, command* c) {
+       c->act = [](const session& s) {
+         s.answer("led " + s.reader.read([](const reader& r) { return r.shown_led(); }));
+       };
+     }},
+    {"beeps", "", "print how often the reader has beeped",
+     [](tokens&, command* c) {
+       c->act = [](const session& s) {
+         s.answer(s.reader.read([](const reader& r) {
+           return "beeps " + std::to_string(r.short_beeps) + " short, " +
+                  std::to_string(r.long_beeps) + " long";
+         }));
+       };
+     }},
+    {"script", "", "print the lines of the script that runs",
      [](tokens&, command* c) {
        c->act = [](const session& s) {
          const auto state = s.callbacks.run ? s.callbacks.run() : run_state();
@@ -170,19 +177,14 @@ const std::vector<verb> all = {
          for (const std::string& line : state.played->lines) s.answer(line);
        };
      }},
-    {"config", "", "the configuration that it has stored",
+    {"config", "", "print the stored configuration",
      [](tokens&, command* c) {
        c->act = [](const session& s) {
          const auto stored = s.reader.read([](const reader& r) { return r.stored; });
          for (const std::string& line : to_text(stored, true)) s.answer(line);
        };
      }},
-    {"calls", "[N]", "the last N library calls, or 20",
-     [](tokens& w, command* c) {
-       const std::uint64_t wanted = w.at_end() ? 20 : take_count(w);
-       c->act = [wanted](const session& s) { s.show_calls(wanted); };
-     }},
-    {"events", "[--json] [follow] [all] [N]", "the last N events; all: polls too",
+    {"events", "[--json] [follow] [all] [N]", "print the last N events (20); all: idle polls too",
      [](tokens& w, command* c) {
        session::events_wanted wanted{w.take_if("--json"), w.take_if("follow"), w.take_if("all"),
                                      20};
@@ -190,7 +192,7 @@ const std::vector<verb> all = {
        if (!w.at_end()) wanted.most = take_count(w);
        c->act = [wanted](const session& s) { s.show_events(wanted); };
      }},
-    {"trace", "on|quiet|off", "prints each call; quiet: but the polls that tell nothing new",
+    {"trace", "on|quiet|off", "print each call; quiet: without idle polls",
      [](tokens& w, command* c) {
        const tracing wanted = take_tracing(w);
        c->act = [wanted](const session& s) {
@@ -199,13 +201,13 @@ const std::vector<verb> all = {
          s.callbacks.trace(wanted);
        };
      }},
-    {"echo", "\"TEXT\"", "prints the text",
+    {"echo", "\"TEXT\"", "print a text",
      [](tokens& w, command* c) {
        const std::string text = w.take_quoted();
        if (text.find('\n') != std::string::npos) throw syntax_error("the text is one line");
        c->act = [text](const session& s) { s.answer(text); };
      }},
-    {"wait", "MS", "waits",
+    {"wait", "MS", "wait",
      [](tokens& w, command* c) {
        const milliseconds time = take_time(w);
        c->waits = time.count() > 0;
@@ -242,13 +244,13 @@ const std::vector<verb> all = {
        c->loops = w.at_end() ? 0 : take_count(w);
        c->act = [](const session&) { throw syntax_error("only a script can loop"); };
      }},
-    {"help", "[VERB]", "prints this",
+    {"help", "[VERB]", "print help",
      [](tokens& w, command* c) {
        std::string topic = w.at_end() ? "" : w.take();
        if (!w.at_end()) topic += " " + w.take();
        c->act = [topic](const session& s) { print_help(s, topic); };
      }},
-    {"quit", "", "ends the virtual reader",
+    {"quit", "", "end the virtual reader",
      [](tokens&, command* c) {
        c->act = [](const session& s) {
          if (!s.callbacks.quit) throw syntax_error("there is nothing to end here");
@@ -263,10 +265,6 @@ std::vector<std::string> names() {
   return found;
 }
 
-bool begins_with(const std::string& text, const std::string& start) {
-  return text.compare(0, start.size(), start) == 0;
-}
-
 void print_help(const session& s, const std::string& topic) {
   bool is_known = false;
   const auto explain = [&](const std::string& what, const std::string& help) {
@@ -276,7 +274,7 @@ void print_help(const session& s, const std::string& topic) {
     is_known = true;
   };
   const auto is_wanted = [&](const std::string& name) {
-    return topic.empty() || name == topic || begins_with(name, topic + " ");
+    return topic.empty() || name == topic || name.rfind(topic + " ", 0) == 0;
   };
   for (const verb& one : all) {
     if (is_wanted(one.name)) explain(one.name + " " + one.syntax, one.help);
@@ -287,7 +285,7 @@ void print_help(const session& s, const std::string& topic) {
     explain("CALL", calls);
   }
   if (is_wanted("WHEN")) {
-    explain("WHEN", "once (usual); times N; at K, from K: the K-th call from now; always");
+    explain("WHEN", "once (default); times N; at K, from K: the K-th call from now; always");
   }
   if (is_wanted("PATTERN") || topic == "expect") {
     std::string kinds;
@@ -344,62 +342,6 @@ std::set<std::string> named_effects(const std::vector<command>& script) {
 
 bool is_verb(const command& told, const std::string& name) {
   return told.what && told.what->name == name;
-}
-
-std::vector<std::string> completions(const std::string& line) {
-  std::vector<std::string> before = {""};
-  for (const char c : line) {
-    if (c == ' ' && !before.back().empty()) before.emplace_back();
-    if (c != ' ') before.back() += c;
-  }
-  const std::string last = before.back();
-  before.pop_back();
-  std::vector<std::string> known;
-  const std::string first = before.empty() ? "" : before[0];
-  if (before.empty()) {
-    for (const std::string& name : names()) known.push_back(name.substr(0, name.find(' ')));
-  } else if (first == "card" && before.size() == 1) {
-    for (const std::string& name : names()) {
-      if (begins_with(name, "card ")) known.push_back(name.substr(5));
-    }
-  } else if (first == "help") {
-    known = names();
-  } else if (first == "expect") {
-    const bool is_negative = before.size() > 1 && before[1] == "no";
-    const std::size_t place = before.size() - (is_negative ? 1 : 0);
-    if (place == 1) known = pattern::kinds();
-    if (place == 1 && !is_negative) known.emplace_back("no");
-    if (place == 2) known = pattern::details_of(before.back());
-    if (place >= 2) known.emplace_back("within");
-  } else {
-    const auto one = std::find_if(all.begin(), all.end(), [&](const verb& v) {
-      return v.name == first || v.name == first + " " + (before.size() > 1 ? before[1] : "");
-    });
-    const std::string syntax = one == all.end() ? "" : one->syntax;
-    const bool takes_call = syntax.find("CALL") != std::string::npos;
-    if (takes_call && before.size() == 1) {
-      known = call_names;
-    } else {
-      std::string word;
-      for (const char c : syntax + " ") {
-        if (std::islower(c & 0xFF)) {
-          word += c;
-        } else {
-          if (!word.empty()) known.push_back(std::exchange(word, ""));
-        }
-      }
-      if (syntax.find("WHEN") != std::string::npos) {
-        known.insert(known.end(), {"always", "at", "from", "once", "times"});
-      }
-    }
-  }
-  std::vector<std::string> found;
-  for (const std::string& one : known) {
-    if (begins_with(one, last)) found.push_back(one);
-  }
-  std::sort(found.begin(), found.end());
-  found.erase(std::unique(found.begin(), found.end()), found.end());
-  return found;
 }
 
 }  // namespace virtual_reader

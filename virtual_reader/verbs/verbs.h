@@ -34,7 +34,4 @@ command parse(const std::string& line);
 // Whether the line is of that verb.
 bool is_verb(const command& told, const std::string& name);
 
-// What may stand at the end of the line in place of its last word, which may be empty.
-std::vector<std::string> completions(const std::string& line);
-
 }  // namespace virtual_reader

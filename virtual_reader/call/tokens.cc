@@ -7,12 +7,13 @@
 #include <numeric>
 #include <utility>
 
+#include "call.h"
+
 namespace virtual_reader {
 
 namespace {
 
 const std::string spaces = " \t\r";
-const char hexadecimal[] = "0123456789ABCDEFabcdef";
 
 std::int64_t to_number(const std::string& text, std::int64_t least, std::int64_t most) {
   char* end = nullptr;
@@ -127,22 +128,10 @@ std::int64_t tokens::take_number(std::int64_t least, std::int64_t most) {
   return to_number(take(), least, most);
 }
 
-card_id tokens::take_card() {
-  const std::string text = take();
-  const std::size_t size = std::min(text.find('/'), text.size());
-  std::string digits = text.substr(0, size);
-  if (size < 1 || size > 64 || digits.find_first_not_of(hexadecimal) != std::string::npos) {
-    throw syntax_error("expected 1 to 64 hexadecimal digits, like 3AB1234/26, got '" + text + "'");
-  }
-  auto bits = 4 * static_cast<std::int64_t>(size);
-  if (size < text.size()) bits = to_number(text.substr(size + 1), 1, 256);
-  std::transform(digits.begin(), digits.end(), digits.begin(), ::toupper);
-  card_id id = card_of(digits + "/" + std::to_string(bits));
-  for (auto bit = static_cast<std::size_t>(bits); bit < 4 * size; ++bit) {
-    if (id.values[bit / 8] >> bit % 8 & 1)
-      throw syntax_error("'" + text + "' does not fit in its bits");
-  }
-  return id;
+std::vector<std::int64_t> tokens::take_numbers() {
+  std::vector<std::int64_t> all;
+  while (is_number()) all.push_back(take_number(INT64_MIN, INT64_MAX));
+  return all;
 }
 
 std::string tokens::take_call() {

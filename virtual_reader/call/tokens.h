@@ -1,4 +1,4 @@
-// Lines of the verb language, taken apart.
+// Lines of verbs, calls and events, taken apart.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "quoted.h"
-#include "reader.h"
 
 namespace virtual_reader {
 
@@ -38,7 +37,7 @@ class tokens {
   std::string take_one_of(const std::vector<std::string>& known);
   // Decimal, or hexadecimal after 0x.
   std::int64_t take_number(std::int64_t least, std::int64_t most);
-  card_id take_card();  // HEX or HEX/BITS
+  std::vector<std::int64_t> take_numbers();  // as many decimal ones as follow
   std::string take_call();
   // All that is left as it is written, comments too, without the spaces around it.
   std::string take_rest();
