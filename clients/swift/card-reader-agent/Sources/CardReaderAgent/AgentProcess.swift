@@ -11,8 +11,9 @@ package final class AgentProcess: @unchecked Sendable {
     case line(ArraySlice<UInt8>)
     /// Whatever arrives on standard error.
     case errorOutput([UInt8])
-    /// The time of ``wake(after:)`` has come. All that the child had written by then was told before.
-    case woken
+    /// The time of ``wake(after:)`` has come. All that the child had written by this uptime was told
+    /// before.
+    case woken(Double)
     /// The last event, after all that the child wrote; nil when something else took the status.
     case ended(AgentStatus?)
   }
@@ -24,8 +25,6 @@ package final class AgentProcess: @unchecked Sendable {
   private let queue = DispatchQueue(label: "card reader agent")
   private let timer: any DispatchSourceTimer
   private let input: Int32
-  private let inputHasRoom: any DispatchSourceWrite
-  private var waitsForRoom = false
   private var inputIsOpen = true
   private var closesInput = false
   private var outgoing: [UInt8] = []
@@ -49,11 +48,7 @@ package final class AgentProcess: @unchecked Sendable {
     for stream in streams { _ = close(stream.theirs) }
     (events, listener) = AsyncStream.makeStream(of: Event.self)
     timer = DispatchSource.makeTimerSource(queue: queue)
-    let input = streams[0].ours
-    self.input = input
-    inputHasRoom = DispatchSource.makeWriteSource(fileDescriptor: input, queue: queue)
-    inputHasRoom.setEventHandler { [unowned self] in flush() }
-    inputHasRoom.setCancelHandler { _ = close(input) }
+    input = streams[0].ours
     queue.sync {
       output = Inflow(streams[1].ours, queue) { [unowned self] in take($0) }
       errorOutput = Inflow(streams[2].ours, queue) { [listener] in
@@ -61,8 +56,9 @@ package final class AgentProcess: @unchecked Sendable {
       }
     }
     timer.setEventHandler { [unowned self] in
+      let time = uptime()
       readAll()
-      listener.yield(.woken)
+      listener.yield(.woken(time))
     }
     timer.resume()
     DispatchQueue(label: "card reader agent's end").async { [self] in
@@ -80,8 +76,9 @@ package final class AgentProcess: @unchecked Sendable {
   package func write(_ bytes: [UInt8]) {
     queue.async { [self] in
       guard inputIsOpen && !closesInput else { return }
+      let isFirst = outgoing.isEmpty
       outgoing += bytes
-      if !waitsForRoom { flush() }
+      if isFirst { flush() }
     }
   }
 
@@ -129,21 +126,17 @@ package final class AgentProcess: @unchecked Sendable {
 
   private func flush() {
     dispatchPrecondition(condition: .onQueue(queue))
-    while !outgoing.isEmpty {
-      switch sendToChild(input, outgoing[...]) {
-      case .success(let count): outgoing.removeFirst(count)
-      case .failure(let error) where error.code == EAGAIN: return waitForRoom(true)
-      case .failure: return cutInput()  // nobody reads it any more; the end is near
+    while inputIsOpen && !outgoing.isEmpty {
+      let count = outgoing.withUnsafeBytes { send(input, $0.baseAddress, $0.count, sendFlags) }
+      if count >= 0 {
+        outgoing.removeFirst(count)
+      } else if errno == EAGAIN {  // full: a thousand commands wait
+        return queue.asyncAfter(deadline: .now() + 0.01) { self.flush() }
+      } else if errno != EINTR {
+        return cutInput()  // nobody reads it any more; the end is near
       }
     }
-    waitForRoom(false)
     if closesInput { cutInput() }
-  }
-
-  private func waitForRoom(_ wait: Bool) {
-    if wait == waitsForRoom { return }
-    waitsForRoom = wait
-    if wait { inputHasRoom.resume() } else { inputHasRoom.suspend() }
   }
 
   private func cutInput() {
@@ -151,8 +144,7 @@ package final class AgentProcess: @unchecked Sendable {
     if !inputIsOpen { return }
     inputIsOpen = false
     outgoing = []
-    waitForRoom(true)  // a source that is not active can't be cancelled to its end
-    inputHasRoom.cancel()
+    _ = close(input)
   }
 
   private func take(_ bytes: ArraySlice<UInt8>) {

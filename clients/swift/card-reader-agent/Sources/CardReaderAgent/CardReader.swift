@@ -198,7 +198,7 @@ public actor CardReader: CardReaderProtocol {
       switch event {
       case .line(let line): take(line)
       case .errorOutput(let bytes): takeErrorOutput(bytes)
-      case .woken: wake(process)
+      case .woken(let uptime): wake(process, clock.time(at: uptime))
       case .ended(let ended): status = ended
       }
     }
@@ -220,9 +220,9 @@ public actor CardReader: CardReaderProtocol {
     process.signal(SIGKILL)
   }
 
-  // Does what is due by now. What the agent had answered by now was taken before.
-  private func wake(_ process: AgentProcess) {
-    let now = clock.now
+  // Does what is due by then. What the agent had answered by then was taken before; a later answer
+  // may be in time although it has not arrived here.
+  private func wake(_ process: AgentProcess, _ now: Double) {
     pending.settleLate(now)
     if let killLimit {
       if now >= killLimit { process.abandon() }

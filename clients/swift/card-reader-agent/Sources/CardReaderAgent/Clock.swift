@@ -8,13 +8,14 @@ struct Clock {
   private var setAt = 0.0
   private var lost = 0.0
 
-  var now: Double {
-    mutating get {
-      let now = Double(DispatchTime.now().uptimeNanoseconds) / 1e9 - lost
-      if now <= wakesAt + 0.25 { return now }
-      lost += now - setAt
-      return setAt
-    }
+  var now: Double { mutating get { time(at: uptime()) } }
+
+  /// The time at an uptime.
+  mutating func time(at uptime: Double) -> Double {
+    let time = uptime - lost
+    if time <= wakesAt + 0.25 { return time }
+    lost += time - setAt
+    return setAt
   }
 
   /// Notes the next wake-up, and returns the seconds until then.
@@ -24,3 +25,6 @@ struct Clock {
     return wakesAt - now
   }
 }
+
+/// The seconds since the machine has started, less its sleep.
+func uptime() -> Double { Double(DispatchTime.now().uptimeNanoseconds) / 1e9 }

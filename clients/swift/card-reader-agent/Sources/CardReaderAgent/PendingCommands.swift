@@ -20,9 +20,7 @@ struct PendingCommands {
     let fence: String?
     var isFenced = false
     var continuation: CheckedContinuation<String, any Error>?  // until it is settled
-    var answer: AgentLine?
-    var text: String?  // of the answer's line
-    var attached: [UInt8]?  // at the time of the answer
+    var answer: (line: AgentLine, text: String, attached: [UInt8]?)?
     var unknownSettings: Set<String> = []
   }
 
@@ -69,10 +67,8 @@ struct PendingCommands {
       return .settled(correction: correction(command))
     }
     if !command.hasLine { return .pending(log: text) }
-    commands[first]?.answer = answer
-    commands[first]?.text = text
-    commands[first]?.attached = attached
-    return .pending(log: command.text)
+    commands[first]?.answer = (answer, text, attached)
+    return .pending(log: command.answer?.text)
   }
 
   /// Notes whether a log text names a setting of the oldest command's.
@@ -107,29 +103,26 @@ struct PendingCommands {
   }
 
   private func result(of command: Command) -> Result<String, any Error> {
-    switch command.answer {
-    case .ok where !command.unknownSettings.isEmpty:
+    switch command.answer?.line {
+    case .ok? where !command.unknownSettings.isEmpty:
       return .failure(CardReaderError.unknownSettings(command.unknownSettings.sorted()))
-    case .ok(let text):
+    case .ok(let text)?:
       // The agent puts a space before the text of a ping.
       if case .ping = command.command { return .success(String(text.dropFirst())) }
       return .success("")
-    case .error(let message): return .failure(failure(message))
+    case .error(let message)?: return .failure(failure(message))
     default: return .failure(CardReaderError.rejected("the agent did not answer the command"))
     }
   }
 
   private func correction(_ command: Command) -> [UInt8]? {
-    guard case .error(let message) = command.answer else { return nil }
-    let global = Array("Global".utf8)
-    switch failure(message) {
-    case .noReader: return command.attached == nil ? nil : global
-    case .readerChanged:
-      guard let range = message.range(of: ", but the current reader is ") else { return nil }
-      let name = Array(message[range.upperBound...].utf8)
-      return name == command.attached ? nil : name
-    default: return nil
-    }
+    guard let answer = command.answer, case .error(let message) = answer.line else { return nil }
+    if failure(message) == .noReader { return answer.attached == nil ? nil : Array("Global".utf8) }
+    guard case .readerChanged = failure(message),
+      let range = message.range(of: ", but the current reader is ")
+    else { return nil }
+    let name = Array(message[range.upperBound...].utf8)
+    return name == answer.attached ? nil : name
   }
 }
 

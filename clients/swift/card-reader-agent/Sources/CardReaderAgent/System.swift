@@ -8,11 +8,14 @@ import Foundation
   let wrongProcessor = EBADARCH
   // With the second flag, what else this program has open stays out of the child.
   private let spawnFlags = Int32(POSIX_SPAWN_SETSID) | Int32(POSIX_SPAWN_CLOEXEC_DEFAULT)
-  private let sendFlags: Int32 = 0
+  private let streamType = SOCK_STREAM
+  /// The flags of `send`, for it to raise no signal.
+  let sendFlags: Int32 = 0
 #else
   let wrongProcessor: Int32 = -1
   private let spawnFlags: Int32 = 0x80  // POSIX_SPAWN_SETSID, which the header shows only to C
-  private let sendFlags = Int32(MSG_NOSIGNAL)
+  private let streamType = Int32(SOCK_STREAM.rawValue | SOCK_CLOEXEC.rawValue)
+  let sendFlags = Int32(MSG_NOSIGNAL)
 #endif
 
 /// A call that failed, with its `errno`.
@@ -29,42 +32,22 @@ struct ChildStream {
 
   init() throws {
     var ends: [Int32] = [-1, -1]
-    #if canImport(Darwin)
-      let made = socketpair(AF_UNIX, SOCK_STREAM, 0, &ends)
-    #else
-      let made = socketpair(AF_UNIX, Int32(SOCK_STREAM.rawValue | SOCK_CLOEXEC.rawValue), 0, &ends)
-    #endif
-    guard made == 0 else { throw SystemError(code: errno) }
+    guard socketpair(AF_UNIX, streamType, 0, &ends) == 0 else { throw SystemError(code: errno) }
     // 0 to 2 become the child's own streams one after the other; an end there would be lost. They
     // are free here only in a program that has closed its own.
-    for i in 0...1 where ends[i] <= 2 {
-      let moved = fcntl(ends[i], F_DUPFD_CLOEXEC, 3)
-      let code = errno
-      _ = close(ends[i])
-      guard moved >= 0 else {
-        _ = close(ends[1 - i])
-        throw SystemError(code: code)
-      }
-      ends[i] = moved
+    (ours, theirs) = (fcntl(ends[0], F_DUPFD_CLOEXEC, 3), fcntl(ends[1], F_DUPFD_CLOEXEC, 3))
+    let code = errno
+    for end in ends { _ = close(end) }
+    if ours < 0 || theirs < 0 {
+      _ = (close(ours), close(theirs))
+      throw SystemError(code: code)
     }
-    (ours, theirs) = (ends[0], ends[1])
     #if canImport(Darwin)
       var on: Int32 = 1
       let size = socklen_t(MemoryLayout<Int32>.size)
-      for end in ends { _ = fcntl(end, F_SETFD, FD_CLOEXEC) }
       _ = setsockopt(ours, SOL_SOCKET, SO_NOSIGPIPE, &on, size)
     #endif
     _ = fcntl(ours, F_SETFL, O_NONBLOCK)
-  }
-}
-
-/// Writes to our end of a stream to a child. Returns the number of bytes taken; `EAGAIN` as an
-/// error says that it is full.
-func sendToChild(_ stream: Int32, _ bytes: ArraySlice<UInt8>) -> Result<Int, SystemError> {
-  while true {
-    let count = bytes.withUnsafeBytes { send(stream, $0.baseAddress, $0.count, sendFlags) }
-    if count >= 0 { return .success(count) }
-    if errno != EINTR { return .failure(SystemError(code: errno)) }
   }
 }
 
@@ -122,10 +105,8 @@ func awaitEnd(of process: pid_t) {
 /// Takes leave of a child that has ended, and tells how; nil when somebody else did before.
 func reap(_ process: pid_t) -> AgentStatus? {
   var status: Int32 = 0
-  while true {
-    let found = waitpid(process, &status, 0)
-    if found == process { break }
-    if found < 0 && errno != EINTR { return nil }
+  while waitpid(process, &status, 0) < 0 {
+    if errno != EINTR { return nil }
   }
   let signal = status & 0x7f
   return signal == 0 ? .exited(status >> 8 & 0xff) : .signaled(signal)
@@ -134,23 +115,20 @@ func reap(_ process: pid_t) -> AgentStatus? {
 /// Passes bytes on to this program's standard error, whoever may have stopped reading it: the signal
 /// for that stays away. May wait, so it takes a thread that is nobody's.
 func writeToStandardError(_ bytes: [UInt8]) {
-  var brokenPipe = sigset_t()
-  var before = sigset_t()
+  var (brokenPipe, before, waiting) = (sigset_t(), sigset_t(), sigset_t())
   sigemptyset(&brokenPipe)
   sigaddset(&brokenPipe, SIGPIPE)
   pthread_sigmask(SIG_BLOCK, &brokenPipe, &before)
-  defer { pthread_sigmask(SIG_SETMASK, &before, nil) }
   var rest = bytes[...]
   while !rest.isEmpty {
     let count = rest.withUnsafeBytes { write(STDERR_FILENO, $0.baseAddress, $0.count) }
-    if count > 0 { rest = rest.dropFirst(count) }
-    if count >= 0 || errno == EINTR { continue }
-    if errno == EPIPE && sigismember(&before, SIGPIPE) == 0 {
-      var signal: Int32 = 0
-      var waiting = sigset_t()
-      sigpending(&waiting)
-      if sigismember(&waiting, SIGPIPE) == 1 { sigwait(&brokenPipe, &signal) }
-    }
-    return
+    if count < 0 && errno != EINTR { break }
+    rest = rest.dropFirst(max(0, count))
   }
+  sigpending(&waiting)
+  if sigismember(&before, SIGPIPE) == 0 && sigismember(&waiting, SIGPIPE) == 1 {
+    var signal: Int32 = 0
+    sigwait(&brokenPipe, &signal)
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nil)
 }

@@ -12,13 +12,15 @@ import CardReaderAgent
 public actor StubReader: CardReaderProtocol {
   /// The commands sent so far.
   public private(set) var commands: [ReaderCommand] = []
-  /// The answer of the next commands: the text that ``execute(_:timeout:)`` returns, or an error.
-  public var answer: @Sendable (ReaderCommand) throws -> String
+  private let answer: @Sendable (ReaderCommand) throws -> String
+  /// As sent: a name in the state `ready`.
   public private(set) var name: String?
+  /// As sent.
   public private(set) var card: String?
   private var streams = EventStreams()
 
-  /// A reader whose commands are all successful, unless the function answers otherwise.
+  /// A reader whose commands are all successful, unless the function answers otherwise: with the
+  /// text that ``execute(_:timeout:)`` returns, or an error.
   public init(
     answer: @escaping @Sendable (ReaderCommand) throws -> String = { command in
       if case .ping(let text) = command { return text }
@@ -28,11 +30,16 @@ public actor StubReader: CardReaderProtocol {
     self.answer = answer
   }
 
+  /// As sent.
   public var state: CardReader.State { streams.state }
+  /// As sent.
   public var reason: String? { streams.reason }
 
+  /// The events from now on; the first is the last `state`.
   public func events() -> AsyncThrowingStream<CardReader.Event, any Error> { streams.stream() }
+  /// Does nothing.
   public func start() {}
+  /// Changes the state to `closed`.
   public func close() { send(.state(.closed, previous: state, reason: nil)) }
 
   /// Sends an event as a reader does. `failed` ends the streams with the error.
@@ -52,6 +59,7 @@ public actor StubReader: CardReaderProtocol {
     streams.send(event)
   }
 
+  /// Notes a command and answers it.
   @discardableResult
   public func execute(_ command: ReaderCommand, timeout: TimeSpan? = nil) throws -> String {
     commands.append(command)

@@ -51,17 +51,8 @@ public final class VirtualReader: Sendable {
         arguments: ["--socket", "\(folder)/reader.sock"] + (plugged ? [] : ["--unplugged"]),
         environment: env)
       process.write(Array("echo \"ready\"\n".utf8))
-      var errorOutput: [UInt8] = []
-      for await event in process.events {
-        switch event {
-        case .line(let line) where line.elementsEqual("= ready".utf8):
-          return VirtualReader(env: env, program: program, folder: folder, process: process)
-        case .line, .woken: break
-        case .errorOutput(let bytes): errorOutput += bytes
-        case .ended: throw VirtualReaderError("the virtual reader has exited", errorOutput)
-        }
-      }
-      throw CancellationError()
+      _ = try await output(of: process, upTo: "= ready", orError: "the virtual reader has exited")
+      return VirtualReader(env: env, program: program, folder: folder, process: process)
     } catch {
       try? FileManager.default.removeItem(atPath: folder)
       throw error
@@ -104,19 +95,7 @@ public final class VirtualReader: Sendable {
       path: program, arguments: ["--socket", "\(folder)/reader.sock", "--execute", verb],
       environment: env)
     process.closeInput()
-    var lines: [String] = []
-    var errorOutput: [UInt8] = []
-    for await event in process.events {
-      switch event {
-      case .line(let line): lines.append(String(decoding: line, as: UTF8.self))
-      case .errorOutput(let bytes): errorOutput += bytes
-      case .woken: break
-      case .ended(.exited(0)?): return lines.joined(separator: "\n")
-      case .ended: throw VirtualReaderError("failed: \(verb)", errorOutput)
-      }
-    }
-    process.signal(SIGKILL)
-    throw CancellationError()
+    return try await output(of: process, orError: "failed: \(verb)").joined(separator: "\n")
   }
 
   /// Plugs the reader in.
@@ -184,6 +163,27 @@ public final class VirtualReader: Sendable {
   }
 
   private func milliseconds(_ time: TimeSpan) -> Int { Int((time.seconds * 1000).rounded(.up)) }
+}
+
+// The lines up to a last one, or without one all, if the process exits with status 0.
+private func output(
+  of process: AgentProcess, upTo last: String? = nil, orError message: String
+) async throws -> [String] {
+  var lines: [String] = []
+  var errorOutput: [UInt8] = []
+  for await event in process.events {
+    switch event {
+    case .line(let line):
+      lines.append(String(decoding: line, as: UTF8.self))
+      if lines.last == last { return lines }
+    case .errorOutput(let bytes): errorOutput += bytes
+    case .woken: break
+    case .ended(.exited(0)?) where last == nil: return lines
+    case .ended: throw VirtualReaderError(message, errorOutput)
+    }
+  }
+  process.signal(SIGKILL)  // the task was cancelled
+  throw CancellationError()
 }
 
 /// A verb was wrong or failed, or what was expected did not come.

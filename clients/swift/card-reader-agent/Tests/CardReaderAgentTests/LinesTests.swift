@@ -5,19 +5,44 @@ import XCTest
 
 /// Plays the list of lines, answers, arguments and options that the clients of all languages share.
 final class LinesTests: XCTestCase {
+  /// Calls the function with a reader whose agent prints the lines, answers pings, and takes its
+  /// answers to `ClearLED` from the list.
+  private func withAgent(
+    _ lines: [String], _ answers: [String] = [], _ options: CardReader.Options = .init(),
+    _ function: (CardReader) async throws -> Void
+  ) async throws {
+    let folder = try makeFolder([
+      "agent": """
+      printf %b "$LINES"; n=0
+      while read -r line; do
+        case $line in
+        *ClearLED) n=$((n + 1)); eval "printf %b \\"\\$A$n\\"" ;;
+        *) echo "Ok:  ${line#Global:Ping }" ;;
+        esac
+      done
+      """
+    ])
+    defer { try? FileManager.default.removeItem(atPath: folder) }
+    var options = options
+    options.env = ["LINES": lines.map(octal).joined()]
+    for (index, answer) in answers.enumerated() { options.env!["A\(index + 1)"] = octal(answer) }
+    try await withCardReader(path: "\(folder)/agent", options: options, function)
+  }
+
+  private func octal(_ text: String) -> String {
+    (unescape(text) + [0x0a]).map { String(format: "\\0%03o", $0) }.joined()
+  }
+
   func testLines() async throws {
     let rows = try rows("lines")
-    let lines = rows.reduce(Data()) { $0 + unescape($1.left) + [0x0a] }
-    let folder = try makeFolder(["lines": lines, "agent": script("cat lines; exec cat >/dev/null")])
-    defer { try? FileManager.default.removeItem(atPath: folder) }
-    var options = CardReader.Options()
-    options.cardRemovedAfter = 3600
     let expected = rows.filter { !$0.right.isEmpty }.flatMap { row in
       row.right.components(separatedBy: "; ").map {
         "\(row.number): " + String(decoding: unescape($0), as: UTF8.self)
       }
     }
-    try await withCardReader(path: "\(folder)/agent", options: options) { reader in
+    var options = CardReader.Options()
+    options.cardRemovedAfter = 3600
+    try await withAgent(rows.map(\.left), [], options) { reader in
       var rest = expected[...]
       for try await event in await reader.events() {
         if case .state = event { continue }
@@ -30,27 +55,12 @@ final class LinesTests: XCTestCase {
 
   func testAnswersAndArguments() async throws {
     let answers = try rows("answers")
-    var files = [
-      "agent": script(
-        """
-        echo Reader: Dev1-A; n=0
-        while read -r line; do
-          case $line in
-          *ClearLED) n=$((n + 1)); cat $n ;;
-          *) echo "Ok:  ${line#Global:Ping }" ;;
-          esac
-        done
-        """)
-    ]
-    for (index, row) in answers.enumerated() { files["\(index + 1)"] = unescape(row.left) + [0x0a] }
-    let folder = try makeFolder(files)
-    defer { try? FileManager.default.removeItem(atPath: folder) }
     let sent = Inbox()
     var options = CardReader.Options()
     options.trace = { _, direction, line in
       if direction == ">" { Task { await sent.put(line) } }
     }
-    try await withCardReader(path: "\(folder)/agent", options: options) { reader in
+    try await withAgent(["Reader: Dev1-A"], answers.map(\.left), options) { reader in
       try await reader.waitFor(.ready, timeout: 10)
       for (number, left, right) in try self.rows("arguments") {
         do {
@@ -62,12 +72,12 @@ final class LinesTests: XCTestCase {
         }
       }
       for (number, _, right) in answers {
-        do { try await check(Task { try await parse("clearLed")(reader) }, right) } catch {
+        do { try await check(begin(try parse("clearLed"), reader), right) } catch {
           XCTFail("line \(number): \(error)")
         }
       }
       let lines = await sent.texts.count
-      XCTAssertEqual(lines, 1 + 3 * (answers.count), "more was sent than the answered commands")
+      XCTAssertEqual(lines, 1 + 3 * answers.count, "more was sent than the answered commands")
     }
   }
 

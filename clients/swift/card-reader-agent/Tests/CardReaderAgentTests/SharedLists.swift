@@ -1,13 +1,9 @@
-import CardReaderAgentTesting
 import Foundation
 import XCTest
 
 @testable import CardReaderAgent
 
 let environment = ProcessInfo.processInfo.environment
-let build = environment["BUILD_DIR"] ?? "build"
-let agentProgram =
-  environment["AGENT"] ?? "\(build)/CardReaderAgent.app/Contents/MacOS/card-reader-agent"
 
 struct Failure: Error, CustomStringConvertible {
   let description: String
@@ -21,51 +17,41 @@ actor Inbox {
   func put(_ text: String) { texts.append(text) }
 
   func next() async throws -> String {
-    let end = Date() + 25
-    while texts.isEmpty {
-      if Date() > end { throw Failure("nothing came within 25 s") }
-      try await sleep(.milliseconds(2))
-    }
+    for _ in 0..<12_500 where texts.isEmpty { try await sleep(.milliseconds(2)) }
+    if texts.isEmpty { throw Failure("nothing came within 25 s") }
     return texts.removeFirst()
   }
 }
 
-func startVirtualReader() async throws -> VirtualReader {
-  try await VirtualReader.start(program: environment["VIRTUAL_READER"] ?? "\(build)/virtual-reader")
-}
-
-/// Makes a folder with files, by their names. All but `denied` can be executed.
-func makeFolder(_ files: [String: Data]) throws -> String {
+/// Makes a folder with shell scripts, by their names. All but `denied` can be executed.
+func makeFolder(_ scripts: [String: String]) throws -> String {
   let folder = FileManager.default.temporaryDirectory.appendingPathComponent(UUID().uuidString).path
   try FileManager.default.createDirectory(atPath: folder, withIntermediateDirectories: true)
-  for (name, data) in files {
-    let mode: [FileAttributeKey: Any] = [.posixPermissions: name == "denied" ? 0o600 : 0o700]
-    XCTAssert(
-      FileManager.default.createFile(atPath: "\(folder)/\(name)", contents: data, attributes: mode))
+  for (name, text) in scripts {
+    try "#!/bin/sh\n\(text)\n".write(toFile: "\(folder)/\(name)", atomically: true, encoding: .utf8)
+    chmod("\(folder)/\(name)", name == "denied" ? 0o600 : 0o700)
   }
   return folder
 }
-
-func script(_ text: String) -> Data { Data("#!/bin/sh\ncd \"${0%/*}\"\n\(text)\n".utf8) }
 
 /// The sections of one of the lists that the clients of all languages share.
 func sections(_ file: String) throws -> [(name: String, lines: [(number: Int, text: String)])] {
   let clients = URL(fileURLWithPath: #filePath).pathComponents.dropLast(5).joined(separator: "/")
   let lines = try String(contentsOfFile: "\(clients)/\(file)", encoding: .utf8)
-    .split(separator: "\n", omittingEmptySubsequences: false)
+    .components(separatedBy: "\n")
   return lines.enumerated().reduce(into: []) { sections, line in
     if line.element.hasPrefix("## ") {
       sections.append((String(line.element.dropFirst(3)), []))
     } else if !line.element.isEmpty && !line.element.hasPrefix("#") {
-      sections[sections.count - 1].lines.append((line.offset + 1, String(line.element)))
+      sections[sections.count - 1].lines.append((line.offset + 1, line.element))
     }
   }
 }
 
 /// The bytes that a text of the lists stands for.
-func unescape(_ text: some StringProtocol) -> Data {
+func unescape(_ text: some StringProtocol) -> [UInt8] {
   let parts = text.components(separatedBy: "\\")
-  return parts.dropFirst().reduce(into: Data(parts[0].utf8)) { bytes, part in
+  return parts.dropFirst().reduce(into: Array(parts[0].utf8)) { bytes, part in
     let simple: UInt8? = ["n": 0x0a, "0": 0, "s": 0x20][part.prefix(1)]
     bytes.append(simple ?? UInt8(part.dropFirst().prefix(2), radix: 16)!)
     bytes += part.utf8.dropFirst(simple == nil ? 3 : 1)
@@ -82,34 +68,29 @@ func set(_ options: inout CardReader.Options, _ option: String, _ value: String)
     "watchdogInterval": \.watchdogInterval, "watchdogTimeout": \.watchdogTimeout,
     "cardRemovedAfter": \.cardRemovedAfter, "closeTimeout": \.closeTimeout,
   ]
-  let number = Double(value)
-  if let time = times[option], let number {
-    options[keyPath: time] = .milliseconds(number)
-  } else if option == "commandTimeout", let number {
-    options.commandTimeout = .milliseconds(number)
-  } else if option == "giveUpAfter", let count = number == .infinity ? .max : Int(value) {
-    options.giveUpAfter = count
-  } else if option == "onConnect", number == nil {
+  switch (option, Double(value)) {
+  case ("commandTimeout", let time?): options.commandTimeout = .milliseconds(time)
+  case ("giveUpAfter", .infinity?): options.giveUpAfter = .max
+  case ("giveUpAfter", _?) where Int(value) != nil: options.giveUpAfter = Int(value)!
+  case ("onConnect", nil):
     let commands = try value.components(separatedBy: "; ").map(parse)
     options.onConnect = { for command in commands { _ = try await command($0) } }
-  } else {
-    throw NotInSwift()
+  case (_, let time?) where times[option] != nil:
+    options[keyPath: times[option]!] = .milliseconds(time)
+  default: throw NotInSwift()
   }
 }
 
-typealias Command = @Sendable (isolated CardReader) async throws -> String
-
 private func none(_ result: Void) -> String { "" }
+
+typealias Command = @Sendable (isolated CardReader) async throws -> String
 
 /// A command as the lists have it.
 func parse(_ text: String) throws -> Command {
-  var words = text.split(separator: " ").map { String(decoding: unescape($0), as: UTF8.self) }
-  var limit: TimeSpan?
-  if words.count > 2 && words[words.count - 2] == "timeout" {
-    limit = .milliseconds(Double(words.removeLast())!)
-    words.removeLast()
-  }
-  let (timeout, first) = (limit, words.count > 1 ? words[1] : "")
+  let (line, limit) = text.cut(at: " timeout ")
+  let timeout = Double(limit).map(TimeSpan.milliseconds)
+  let words = line.split(separator: " ").map { String(decoding: unescape($0), as: UTF8.self) }
+  let first = words.count > 1 ? words[1] : ""
   let command: ReaderCommand
   switch words[0] {
   case "ping": command = .ping(words.dropFirst().joined(separator: " "))
@@ -118,28 +99,26 @@ func parse(_ text: String) throws -> Command {
   case "clearLed": command = .clearLed
   case "resetConfig": command = .resetConfig
   case "configure":
-    command = .configure(
-      try words.dropFirst().reduce(into: [:]) { settings, word in
-        let parts = word.split(separator: "=")
-        let name = parts[0].split(separator: ".", maxSplits: 1, omittingEmptySubsequences: false)
-        guard let number = Int32(parts[1]) else { throw NotInSwift() }
-        settings[String(name[0]), default: [:]][String(name[1])] = SettingValue(number)
-      })
+    var settings: ReaderSettings = [:]
+    for word in words.dropFirst() {
+      let (name, value) = word.cut(at: "=")
+      guard let number = Int32(value) else { throw NotInSwift() }
+      settings[name.cut(at: ".").0, default: [:]][name.cut(at: ".").1] = SettingValue(number)
+    }
+    command = .configure(settings)
+  case "pause": return { _ in none(try await sleep(.milliseconds(Double(first)!))) }
   case "waitFor":
     return { none(try await $0.waitFor(.init(rawValue: first)!, timeout: timeout)) }
   case "waitForConnection":
     return { try await $0.waitForConnection(timeout: timeout) == $0.name ? "" : "another name" }
-  case "pause": return { _ in none(try await sleep(.milliseconds(Double(first)!))) }
   default: throw Failure("no such command")
   }
   return { try await $0.execute(command, timeout: timeout) }
 }
 
-extension CardReader {
-  /// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
-  func begin(_ command: @escaping Command) -> Task<String, any Error> {
-    Task { try await command(self) }
-  }
+/// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
+func begin(_ command: @escaping Command, _ reader: CardReader) -> Task<String, any Error> {
+  Task { try await command(reader) }
 }
 
 /// Waits for a command's outcome and compares it with the one that the lists have.
@@ -154,7 +133,7 @@ func check(_ command: Task<String, any Error>, _ expected: String) async throws 
   }
 }
 
-func describe(_ result: Result<String, any Error>) -> String {
+private func describe(_ result: Result<String, any Error>) -> String {
   switch result {
   case .success(let text): return "ok \(text)"
   case .failure(is CancellationError): return "cancelled"
