@@ -23,15 +23,15 @@ function callBack(callback, ...args) {
 }
 
 // Nobody may read this process's standard error, which must not end it.
-let writes = 0; // under way
 const ignore = () => {};
 function writeToStderr(text) {
-  if (writes++ === 0) process.stderr.on('error', ignore);
-  const onWritten = () => --writes || process.stderr.off('error', ignore);
-  process.stderr.write(text, () => setImmediate(onWritten)); // an error is emitted in between
+  if (!process.stderr.listeners('error').includes(ignore)) process.stderr.on('error', ignore);
+  process.stderr.write(text);
 }
 
 class Agent {
+  reader = null; // the name of the one attached; this and `pid` are written here alone
+  pid; // while the agent runs
   #path;
   #options;
   #handlers;
@@ -41,16 +41,14 @@ class Agent {
   #stderr = ''; // the end of it
   #unsent = []; // bytes of commands
   #partial = []; // the pieces of the line that is not complete yet
-  #first = null; // the oldest command without an answer; each has the `next`
-  #last = null;
+  #commands = []; // without an answer yet
   #secret = crypto.randomBytes(8).toString('hex');
   #pings = 0;
-  #reader = null; // the name of the reader attached
   #number = null; // of the last connection
 
   // Starts it. Of `handlers`, `pace` is called when commands are under way, or are no longer, and at
-  // each answer; `answered` at each answer; `end`, once, with an error that says why; `reader`
-  // with its name, or null, and the name before; `card` and `log` with a text.
+  // each answer; `end`, once, with an error that says why; `reader` with its name, or null, and the
+  // name before; `card` and `log` with a text.
   constructor(path, options, handlers) {
     this.#path = path;
     this.#options = options;
@@ -58,16 +56,8 @@ class Agent {
     this.#spawn();
   }
 
-  get reader() {
-    return this.#reader;
-  }
-
-  get pid() {
-    return this.#child?.pid;
-  }
-
   get isBusy() {
-    return this.#first !== null;
+    return this.#commands.length > 0;
   }
 
   // Sends a command, to the reader attached or to the agent itself. Resolves with its answer and its
@@ -76,15 +66,15 @@ class Agent {
   // The ping behind it has a text that no library can know, so the last answer before the ping's is
   // the command's. The ping before a reader's command tells when the agent executes that: it polls
   // for no card then, and a line that reports one is a text of the library.
-  send(line, isForReader = false) {
+  async send(line, isForReader = false) {
     const bytes = encode(line);
-    if (!this.#child?.stdin.writable) throw new AgentEndedError();
+    if (!this.#child?.stdin.writable) return { end: new AgentEndedError() };
     const wasBusy = this.isBusy;
     if (isForReader) this.#sendPing({ isPing: true });
     this.#write(line, bytes);
     const answer = new Promise((resolve) => this.#sendPing({ resolve, isForReader, logs: [] }));
     if (!wasBusy) this.#handlers.pace();
-    return answer;
+    return await answer;
   }
 
   // Lets the agent answer what was sent, and exit.
@@ -114,6 +104,7 @@ class Agent {
     });
     if (!child.pid) return;
     this.#child = child;
+    this.pid = child.pid;
     child.stdin.on('error', ignore); // the agent's exit is what is reported
     child.stdout.on('data', (chunk) => this.#read(chunk));
     child.stderr.setEncoding('utf8').on('data', (text) => this.#readStderr(text));
@@ -136,15 +127,15 @@ class Agent {
     const child = this.#child;
     if (!child) return;
     this.#limit?.pause();
-    this.#child = this.#reader = null;
+    this.#child = this.reader = null;
+    this.pid = undefined;
     for (const stream of child.stdio) stream.destroy();
     child.unref();
     const { exitCode: status, signalCode: signal } = child;
     const said = this.#stderr.trim() && `: ${this.#stderr.trim()}`;
     const how = signal ? `was killed by ${signal}` : `exited with status ${status}${said}`;
     const error = new AgentEndedError(this.#reason ?? `the agent ${how}`, status, signal);
-    for (let command = this.#first; command; command = command.next) command.resolve?.({ end: error });
-    this.#first = null;
+    for (const { resolve } of this.#commands.splice(0)) resolve?.({ end: error });
     this.#handlers.end(error);
   }
 
@@ -152,9 +143,7 @@ class Agent {
     command.token = ` ${this.#secret}-${++this.#pings}`;
     const line = `Global:Ping${command.token}`;
     this.#write(line, encode(line));
-    if (this.#first) this.#last.next = command;
-    else this.#first = command;
-    this.#last = command;
+    this.#commands.push(command);
   }
 
   // What is sent in one turn of the event loop is written as one.
@@ -180,22 +169,21 @@ class Agent {
   #readLine(line) {
     if (this.#options.trace) callBack(this.#options.trace, new Date(), '<', line);
     const answer = parseAnswer(line);
-    if (answer && this.#first) return this.#readAnswer(answer);
+    const command = this.#commands[0];
+    if (answer && command) return this.#readAnswer(answer, command);
     const { name, number, id, text } = parseEvent(line);
-    if (name === 'Global' && this.#reader) this.#attach({ name: null });
+    if (name === 'Global' && this.reader) this.#attach({ name: null });
     else if (name && number === (this.#number ?? number - 1) + 1) this.#attach({ name, number });
     // The agent executes the oldest command, if that is a reader's: the ping before it was answered.
-    else if (id && this.#reader && !this.#first?.isForReader) this.#handlers.card(id);
+    else if (id && this.reader && !command?.isForReader) this.#handlers.card(id);
     else this.#log(text);
   }
 
-  #readAnswer(answer) {
-    const command = this.#first;
+  #readAnswer(answer, command) {
     if (answer.kind === 'Ok' && answer.text === command.token) {
-      this.#first = command.next ?? null;
+      this.#commands.shift();
       if (command.isMistaken) this.#attach(attachedReader(command.answer));
       command.resolve?.(command);
-      this.#handlers.answered();
       this.#handlers.pace();
     } else if (command.isPing) this.#log(answer.line);
     else {
@@ -203,19 +191,19 @@ class Agent {
       command.answer = answer;
       // What the agent says of the reader attached holds if a line of the library said otherwise.
       const attached = attachedReader(answer);
-      command.isMistaken = attached && attached.name !== this.#reader;
+      command.isMistaken = attached && attached.name !== this.reader;
     }
   }
 
   #attach({ name, number }) {
-    const previous = this.#reader;
-    this.#reader = name;
+    const previous = this.reader;
+    this.reader = name;
     this.#number = number ?? this.#number;
     this.#handlers.reader(name, previous);
   }
 
   #log(text) {
-    this.#first?.logs?.push(text);
+    this.#commands[0]?.logs?.push(text);
     this.#handlers.log(text);
   }
 }

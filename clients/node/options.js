@@ -10,7 +10,8 @@ const isFunction = (value) => typeof value === 'function';
 const FUNCTION = [(value) => value === null || isFunction(value), 'a function'];
 const isStandardError = (value) => ['inherit', 'ignore'].includes(value) || isFunction(value);
 const STDERR = [isStandardError, "'inherit', 'ignore' or a function"];
-const OBJECT = [(value) => value !== null && typeof value === 'object', 'an object'];
+const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+const OBJECT = [isObject, 'an object'];
 
 const OPTIONS = {
   env: [process.env, ...OBJECT],
@@ -35,10 +36,14 @@ function check(name, value, isNumber, isValid, expected) {
   throw new ErrorType(`invalid ${name}: expected ${expected}, got ${quote(value)}`);
 }
 
+function checkNames(options, names) {
+  const unknown = Object.keys(options).find((name) => !names.includes(name));
+  if (unknown !== undefined) throw new TypeError(`unknown option '${unknown}'`);
+}
+
 // The options with their defaults. Throws a TypeError or a RangeError.
 function checkOptions(options) {
-  const unknown = Object.keys(options).find((name) => !Object.hasOwn(OPTIONS, name));
-  if (unknown !== undefined) throw new TypeError(`unknown option '${unknown}'`);
+  checkNames(options, Object.keys(OPTIONS));
   const checked = Object.fromEntries(
     Object.entries(OPTIONS).map(([name, [byDefault, isValid, expected]]) => {
       const { [name]: value = byDefault } = options;
@@ -52,9 +57,12 @@ function checkOptions(options) {
   return checked;
 }
 
-// The time limit of one call.
-function checkTimeout(timeout) {
-  return check('timeout', timeout, true, (value) => value >= 0, 'a number from 0');
+// The limits of one call, with its default timeout.
+function checkLimits(limits, byDefault) {
+  checkNames(limits, ['timeout', 'signal']);
+  const { timeout = byDefault, signal } = limits;
+  check('timeout', timeout, true, (value) => value >= 0, 'a number from 0');
+  return { timeout, signal };
 }
 
-module.exports = { checkOptions, checkTimeout, quote };
+module.exports = { checkOptions, checkLimits, quote };

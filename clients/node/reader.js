@@ -6,7 +6,7 @@ const { events, url } = require('./builtins.js');
 const { Agent, callBack } = require('./agent.js');
 const { Countdown } = require('./countdown.js');
 const errors = require('./errors.js');
-const { checkOptions, checkTimeout, quote } = require('./options.js');
+const { checkLimits, checkOptions, quote } = require('./options.js');
 const { configCommand, errorOf, unknownSettings } = require('./protocol.js');
 
 const { AgentEndedError, AgentStartError, CommandTimeoutError, NoReaderError } = errors;
@@ -27,8 +27,8 @@ function programOf(path) {
 }
 
 // Begins and awaits. Rejects when the time is over, or with the signal's reason.
-async function limited(begin, timeout, signal, problem) {
-  checkTimeout(timeout);
+async function limited(begin, limits, problem, byDefault = Infinity) {
+  const { timeout, signal } = checkLimits(limits, byDefault);
   signal?.throwIfAborted();
   const promise = begin();
   let abort, countdown;
@@ -52,7 +52,7 @@ class CardReader extends events.EventEmitter {
   #options;
   #state = 'starting';
   #reason = null;
-  #end = null; // once there will be no reader any more: its `error`, if the state is failed
+  #error = null; // why there will be no reader any more, if the state is failed or closed
   #agent = null; // the one that runs
   #isStarted = false;
   #failures = 0; // agents in a row that ended without an answer
@@ -60,8 +60,7 @@ class CardReader extends events.EventEmitter {
   #card = null;
   #connection = null; // an AbortController, as long as the reader is connected
   #connecting = null; // settled when the on-connect function has ended
-  #waiters = new Set(); // for a state
-  #iterators = new Set();
+  #events = new events.EventEmitter().setMaxListeners(0); // each `event`, for loops and waits
   #isClosing = false;
   #closed = null; // settled when it is
   #agentEnded = () => {};
@@ -107,7 +106,7 @@ class CardReader extends events.EventEmitter {
       this.#isClosing = true;
       this.#closed = this.#close();
     }
-    await limited(() => this.#closed, Infinity, signal);
+    await limited(() => this.#closed, { signal });
   }
 
   [Symbol.asyncDispose ?? Symbol.for('Symbol.asyncDispose')]() {
@@ -119,26 +118,16 @@ class CardReader extends events.EventEmitter {
     process.emitWarning(`a listener for '${event}' failed: ${error?.stack ?? error}`);
   }
 
-  [Symbol.asyncIterator]() {
-    const iterator = { queue: [], end: this.#end, wake: () => {} };
-    this.#iterators.add(iterator);
-    return this.#iterate(iterator);
-  }
-
-  async *#iterate(iterator) {
-    try {
-      for (;;) {
-        while (iterator.queue.length) yield iterator.queue.shift();
-        if (iterator.end?.error) throw iterator.end.error;
-        if (iterator.end) return;
-        await new Promise((resolve) => (iterator.wake = resolve));
-      }
-    } finally {
-      this.#iterators.delete(iterator);
+  async *[Symbol.asyncIterator]() {
+    if (this.#state === 'closed') return;
+    if (this.#error) throw this.#error;
+    for await (const [event] of events.on(this.#events, 'event')) {
+      yield event;
+      if (event.state === 'closed') return;
     }
   }
 
-  async ping(text = '', limits = {}) {
+  async ping(text = '', limits) {
     // The agent's answer begins with the space before the text.
     return (await this.#run(`Global:Ping ${text}`, limits)).answer.text.slice(1);
   }
@@ -179,25 +168,22 @@ class CardReader extends events.EventEmitter {
     return await this.#nextTime('ready', limits);
   }
 
-  async #nextTime(state, { timeout = Infinity, signal } = {}) {
-    const waiter = { state };
+  async #nextTime(state, limits = {}) {
+    let check = () => {};
     const begin = () =>
       new Promise((resolve, reject) => {
-        Object.assign(waiter, { resolve, reject });
-        this.#waiters.add(waiter);
-        this.#rejectWaiters();
+        check = (event) => {
+          if (event?.state === state) resolve(this.name);
+          else if (this.#error) reject(this.#error);
+        };
+        this.#events.on('event', check);
+        check();
       });
     try {
-      return await limited(begin, timeout, signal, `the state was not ${state}`);
+      return await limited(begin, limits, `the state was not ${state}`);
     } finally {
-      this.#waiters.delete(waiter);
+      this.#events.off('event', check);
     }
-  }
-
-  #rejectWaiters() {
-    if (!this.#end) return;
-    const error = this.#end.error ?? new AgentEndedError('the reader was closed');
-    for (const { reject } of this.#waiters) reject(error);
   }
 
   async #command(words, limits) {
@@ -210,13 +196,12 @@ class CardReader extends events.EventEmitter {
   }
 
   // Errors are made here, where the stack still names whoever awaits them.
-  async #run(line, limits, isForReader = false) {
-    const { timeout = this.#options.commandTimeout, signal } = limits ?? {};
-    const begin = () => {
+  async #run(line, limits = {}, isForReader = false) {
+    const begin = async () => {
       if (!this.#agent) throw new AgentEndedError();
-      return this.#agent.send(line, isForReader);
+      return await this.#agent.send(line, isForReader);
     };
-    const command = await limited(begin, timeout, signal, 'no answer');
+    const command = await limited(begin, limits, 'no answer', this.#options.commandTimeout);
     const { answer, end } = command;
     if (end) throw new AgentEndedError(end.message, end.status, end.signal);
     if (answer.kind === 'Error') throw errorOf(answer.text);
@@ -230,7 +215,6 @@ class CardReader extends events.EventEmitter {
   #launch() {
     const started = performance.now();
     const agent = this[createAgent]({
-      answered: () => this.#state === 'starting' && this.#become('searching'),
       pace: () => this.#pace(agent),
       reader: (name, previous) => this.#changeReader(name, previous),
       card: (id) => this.#report(id),
@@ -238,7 +222,8 @@ class CardReader extends events.EventEmitter {
       end: (error) => this.#lose(error, performance.now() - started),
     });
     this.#agent = agent;
-    if (agent.pid) agent.send('Global:Ping');
+    const onAnswer = ({ end }) => end || this.#state !== 'starting' || this.#become('searching');
+    agent.send('Global:Ping').then(onAnswer);
   }
 
   // Restarts the watchdog, and counts the idle time: that in which no command is under way.
@@ -263,13 +248,19 @@ class CardReader extends events.EventEmitter {
     this.#become('searching', reason);
     if (this.#connection !== connection) return; // or a listener has closed the reader
     if (!this.#options.onConnect) this.#become('ready');
-    else this.#connecting = this.#connect(connection.signal, this.#connecting);
+    else {
+      const connecting = this.#connect(connection.signal, this.#connecting);
+      this.#connecting = connecting;
+      connecting.then(() => {
+        if (this.#connecting === connecting) this.#connecting = null;
+      });
+    }
   }
 
   // Waits for the on-connect function of the connection before, which was told to stop. Without one
   // the function is called at once: before a listener hears of a card.
   async #connect(signal, before) {
-    if (before) await limited(() => before, ON_CONNECT_LIMIT_MS).catch(() => {});
+    if (before) await limited(() => before, { timeout: ON_CONNECT_LIMIT_MS }).catch(() => {});
     if (signal.aborted) return;
     try {
       await this.#options.onConnect(this, { signal });
@@ -277,8 +268,6 @@ class CardReader extends events.EventEmitter {
     } catch (error) {
       const text = `the on-connect function failed: ${error?.message ?? error}`;
       if (!signal.aborted) this.#tell('log', { text });
-    } finally {
-      if (!this.#connection || this.#connection.signal === signal) this.#connecting = null;
     }
   }
 
@@ -319,7 +308,7 @@ class CardReader extends events.EventEmitter {
     this.#failures = this.#state === 'starting' ? this.#failures + 1 : 0;
     const isFinal = error instanceof AgentStartError && !RETRYABLE.includes(error.systemCode);
     if (isFinal || this.#failures >= giveUpAfter) {
-      return this.#become('failed', error.message, { error });
+      return this.#become('failed', error.message, error);
     }
     const delay = ran > restartDelayLimit ? restartDelay : this.#delay;
     this.#delay = Math.min(delay * 2, restartDelayLimit);
@@ -333,38 +322,35 @@ class CardReader extends events.EventEmitter {
   async #close() {
     const { closeTimeout } = this.#options;
     const agent = this.#agent;
+    const error = new AgentEndedError('the reader was closed');
     this.#restart?.pause();
-    this.#connection?.abort(new AgentEndedError('the reader was closed'));
+    this.#connection?.abort(error);
     this.#connection = null;
-    if (agent) {
-      const limit = new Countdown(closeTimeout, () => agent.end(NOT_RESPONDING)).run();
-      agent.close();
-      await new Promise((resolve) => (this.#agentEnded = resolve));
-      limit.pause();
-    }
-    this.#become('closed', null, {});
+    const limit = new Countdown(closeTimeout, () => agent?.end(NOT_RESPONDING)).run();
+    agent?.close();
+    // A listener that closes the reader is called for `closed` when all have been called before.
+    await (agent && new Promise((resolve) => (this.#agentEnded = resolve)));
+    limit.pause();
+    this.#become('closed', null, error);
   }
 
-  #become(state, reason = null, end = null) {
+  #become(state, reason = null, error = null) {
     const previous = this.#state;
     if (state === previous) return;
     this.#state = state;
     this.#reason = reason;
-    this.#end = end;
-    for (const waiter of this.#waiters) if (waiter.state === state) waiter.resolve(this.name);
-    this.#rejectWaiters();
-    for (const iterator of this.#iterators) iterator.end ??= end;
+    this.#error = error;
     this.#tell('state', { state, previous, reason });
+    if (state !== 'failed') return;
     // For `once` and `on` of node:events: an error without a listener would end the application.
-    if (end?.error && this.listenerCount('error')) this.#tell('error', end);
+    for (const emitter of [this.#events, this]) {
+      if (emitter.listenerCount('error')) callBack(() => emitter.emit('error', error));
+    }
   }
 
   #tell(type, fields) {
+    this.#events.emit('event', { type, ...fields });
     callBack(() => this.emit(type, ...Object.values(fields)));
-    for (const iterator of this.#iterators) {
-      if (type !== 'error') iterator.queue.push({ type, ...fields });
-      iterator.wake();
-    }
   }
 }
 
