@@ -11,16 +11,17 @@ import time
 from collections import deque
 from collections.abc import Callable
 from contextlib import suppress
-from typing import Any, NamedTuple, Protocol, TypeVar
+from typing import Any, Protocol, TypeVar
 
 from .countdown import Countdown
 from .errors import AgentEndedError, AgentStartError, CardReaderError, CommandTimeoutError
 from .errors import error_for, readers_in
 from .options import Options
 from .process import Process
-from .words import encode, parse_line, reader_number
+from .words import Line, encode, parse_line, reader_number
 
 T = TypeVar("T")
+Converter = Callable[[str, list[str]], T]  # from an answer's text and the log lines before it
 
 PROGRAM = "Contents/MacOS/card-reader-agent"  # in the bundle
 SAID_LIMIT = 4096  # characters of standard error that an AgentEndedError repeats
@@ -39,25 +40,30 @@ class Owner(Protocol):
     def _on_log(self, text: str) -> None: ...
 
 
-class Answer(NamedTuple):
-    is_ok: bool
-    text: str
-    line: str
-
-
 class Command:
     """A command without an answer so far. Pings with tokens enclose it, so that no text of the library
     can pass for its answer or, while it is executed, for a card.
     """
 
-    def __init__(self, first: str | None, last: str, settle: Callable[[Answer], object]) -> None:
+    def __init__(self, future: asyncio.Future[Any], convert: Converter[Any], first: str | None, last: str) -> None:
+        self.future = future
+        self.convert = convert
         self.first = first  # the token before it, None once that was answered
         self.last = last  # the token after it
         self.is_started = False
-        self.settle = settle
-        self.fail: Callable[[CardReaderError], object] = lambda _: None
-        self.answer: Answer | None = None  # the last one seen between the tokens
+        self.answer: Line | None = None  # the last one seen between the tokens
         self.logs: list[str] = []
+
+    def fail(self, error: CardReaderError) -> None:
+        if not self.future.done():
+            self.future.set_exception(error)
+
+    def succeed(self, text: str) -> None:
+        if not self.future.done():  # else it was cancelled, or is late
+            try:
+                self.future.set_result(self.convert(text, self.logs))
+            except CardReaderError as error:
+                self.future.set_exception(error)
 
 
 def limit(future: asyncio.Future[T], timeout: float | None, what: str) -> asyncio.Future[T]:
@@ -82,7 +88,7 @@ class Agent:
     """
 
     def __init__(self, owner: Owner, options: Options) -> None:
-        path = os.fspath(options.path)
+        path = os.fsdecode(options.path)
         if os.path.isdir(path):
             path = os.path.join(path, PROGRAM)
         self.reader: str | None = None  # its name
@@ -116,46 +122,25 @@ class Agent:
         future = self.send("Global:Ping", lambda _text, _logs: None, None)
         future.add_done_callback(lambda future: future.cancelled() or future.exception())
 
-    def send(
-        self, line: str, convert: Callable[[str, list[str]], T], timeout: float | None
-    ) -> asyncio.Future[T]:
-        """Send the line now. The future has what `convert` makes of the answer's text and the log
-        lines before it, or fails.
-        """
-        lines = [line, self._token()]
-        is_for_reader = not line.startswith("Global:")
-        if is_for_reader:
-            lines.insert(0, self._token())
-        data = b"".join(map(encode, lines))
+    def send(self, line: str, convert: Converter[T], timeout: float | None) -> asyncio.Future[T]:
+        """Send the line now."""
         future: asyncio.Future[T] = self._loop.create_future()
         if self._is_settled or self._is_closing:
             future.set_exception(AgentEndedError())
             return future
-
-        def settle(answer: Answer) -> None:
-            if not answer.is_ok:
-                fail(error_for(answer.text))
-            elif not future.done():  # else it was cancelled, or is late
-                try:
-                    future.set_result(convert(answer.text, command.logs))
-                except CardReaderError as error:
-                    future.set_exception(error)
-
-        def fail(error: CardReaderError) -> None:
-            if not future.done():
-                future.set_exception(error)
-
-        first = lines[0] if is_for_reader else None
-        command = Command(first and first[len("Global:Ping") :], lines[-1][len("Global:Ping") :], settle)
-        command.fail = fail
-        for each in lines:
-            self._call(self._options.trace, time.time(), ">", each)
-        self._process.write(data)
+        first = None if line.startswith("Global:") else self._token()
+        command = Command(future, convert, first, self._token())
+        lines = [line, f"Global:Ping{command.last}"]
+        if first:
+            lines.insert(0, f"Global:Ping{first}")
+        self._process.write(b"".join(map(encode, lines)))
         self._pending.append(command)
         if len(self._pending) == 1:
             self._quiet.stop()
             self._hang.restart()
             self._owner._on_busy(True)
+        for each in lines:
+            self._call(self._options.trace, time.time(), ">", each)
         return limit(future, timeout, "no answer")
 
     def close(self) -> None:
@@ -174,7 +159,7 @@ class Agent:
 
     def _token(self) -> str:
         self._count += 1
-        return f"Global:Ping {self._salt}-{self._count}"
+        return f" {self._salt}-{self._count}"
 
     def output_ended(self) -> None:
         """An agent that closes its output and lives on cannot answer any more."""
@@ -191,30 +176,29 @@ class Agent:
         if self._dying:
             self._dying.cancel()
         self._process.release()
-        error = AgentEndedError(status, "" if self._reason else self._said, self._reason)
         pending, self._pending = self._pending, deque()
         for command in pending:
-            command.fail(AgentEndedError(status, "" if self._reason else self._said, self._reason))
+            command.fail(AgentEndedError(status, self._said, self._reason))
         self.reader = None
-        self._owner._on_end(error)
+        self._owner._on_end(AgentEndedError(status, self._said, self._reason))
 
-    def take_line(self, line: str) -> None:
-        self._call(self._options.trace, time.time(), "<", line)
-        kind, text = parse_line(line)
+    def take_line(self, text: str) -> None:
+        self._call(self._options.trace, time.time(), "<", text)
+        line = parse_line(text)
         command = self._pending[0] if self._pending else None
-        if kind in ("Ok", "Error") and command:
-            self._take_answer(command, Answer(kind == "Ok", text, line))
-        elif kind == "Log":
+        if line.kind in ("Ok", "Error") and command:
+            self._take_answer(command, line)
+        elif line.kind == "Log":
             if command:
-                command.logs.append(text)
-            self._owner._on_log(text)
-        elif kind == "Reader" and self._is_plausible(text):
-            self._change_reader(None if text == "Global" else text)
-        elif kind == "Card" and self.reader and not (command and command.is_started):
+                command.logs.append(line.text)
+            self._owner._on_log(line.text)
+        elif line.kind == "Reader" and self._is_plausible(line.text):
+            self._change_reader(None if line.text == "Global" else line.text)
+        elif line.kind == "Card" and self.reader and not (command and command.is_started):
             # Between a reader's command and the pings around it the agent does not poll for cards.
-            self._owner._on_card(text)
+            self._owner._on_card(line.text)
         else:
-            self._owner._on_log(line)
+            self._owner._on_log(text)
 
     def _is_plausible(self, name: str) -> bool:
         """The agent numbers the connections of its process one by one."""
@@ -222,32 +206,34 @@ class Agent:
             return self.reader is not None
         return self._number is None or reader_number(name) == self._number + 1
 
-    def _take_answer(self, command: Command, answer: Answer) -> None:
+    def _take_answer(self, command: Command, answer: Line) -> None:
+        token = answer.text if answer.kind == "Ok" else None
         if command.first is not None:
-            if answer.is_ok and answer.text == command.first:
+            if token == command.first:
                 command.first, command.is_started = None, True
             else:
-                self._owner._on_log(answer.line)
-        elif command.answer and answer.is_ok and answer.text == command.last:
+                self._owner._on_log(answer.whole)
+        elif command.answer and token == command.last:
             self._pending.popleft()
             self._answered(command, command.answer)
         else:
             if command.answer:
-                self._owner._on_log(command.answer.line)  # text of the library
+                self._owner._on_log(command.answer.whole)  # text of the library
             command.answer = answer
 
-    def _answered(self, command: Command, answer: Answer) -> None:
+    def _answered(self, command: Command, answer: Line) -> None:
         self._quiet.restart()
-        if self._pending:
-            self._hang.restart()
-        else:
-            self._hang.stop()
+        self._hang.restart()
         self._owner._on_answer()
-        command.settle(answer)
-        readers = None if answer.is_ok else readers_in(answer.text)
-        if readers and readers[0] == self.reader:  # a forged line has named it
-            self._change_reader(readers[1])
+        if answer.kind == "Ok":
+            command.succeed(answer.text)
+        else:
+            command.fail(error_for(answer.text))
+            readers = readers_in(answer.text)
+            if readers and readers[0] == self.reader:  # a forged line has named it
+                self._change_reader(readers[1])
         if not self._pending:
+            self._hang.stop()
             self._owner._on_busy(False)
 
     def _change_reader(self, name: str | None) -> None:

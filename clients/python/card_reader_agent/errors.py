@@ -86,21 +86,18 @@ class AgentEndedError(CardReaderError):
     code = "AGENT_ENDED"
 
     def __init__(self, status: int | None = None, said: str = "", reason: str = "") -> None:
-        """`said` is the end of what the agent wrote to standard error. `reason` replaces the one that
-        follows from the status.
-        """
+        """`said` is the end of what the agent wrote to standard error. `reason` replaces both."""
         self.status = status
         self.signal: str | None = None
-        if status is not None and status < 0:
-            try:
-                self.signal = signal.Signals(-status).name
-            except ValueError:  # a real-time signal
-                self.signal = f"signal {-status}"
-        if not reason and self.signal:
-            reason = f"the agent was killed by {self.signal}"
-        elif not reason:
-            reason = "the agent is not running" if status is None else f"the agent exited with status {status}"
-        super().__init__(reason + (f": {said.strip()}" if said.strip() else ""))
+        if status is None:
+            text = "the agent is not running"
+        elif status < 0:
+            names = {int(each): each.name for each in signal.Signals}
+            self.signal = names.get(-status, f"signal {-status}")  # a real-time signal has no name
+            text = f"the agent was killed by {self.signal}"
+        else:
+            text = f"the agent exited with status {status}"
+        super().__init__(reason or ": ".join(filter(None, [text, said.strip()])))
 
 
 class AgentStartError(CardReaderError):

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import math
 import os
 from collections.abc import Awaitable, Callable, Mapping
 from dataclasses import dataclass
@@ -15,19 +14,27 @@ StandardError = Union[Literal["inherit", "ignore"], Callable[[str], object]]
 Trace = Callable[[float, str, str], object]
 OnConnect = Callable[["CardReader"], Awaitable[Any]]
 
+LONGEST = 1e9  # seconds
 
-def check_number(name: str, value: object, least: float, above: bool, most: float, kind: str) -> None:
-    expected = f"expected a {kind} {'above' if above else 'of at least'} {least:g}"
-    if isinstance(value, bool) or not isinstance(value, (int, float)):
-        raise TypeError(f"invalid {name}: {expected}, got {value!r}")
-    if not (least < value if above else least <= value) or not value <= most:
-        raise ValueError(f"invalid {name}: {expected}, got {value!r}")
+
+def check(is_valid: bool, name: str, value: object, expected: str, error: type[Exception] = ValueError) -> None:
+    if not is_valid:
+        raise error(f"invalid {name}: expected {expected}, got {value!r}")
+
+
+def check_number(name: str, value: Any, expected: str, is_valid: Callable[[float], bool]) -> None:
+    is_number = isinstance(value, (int, float)) and not isinstance(value, bool)
+    check(is_number, name, value, expected, TypeError)
+    check(is_valid(value), name, value, expected)
 
 
 def check_timeout(name: str, value: object) -> None:
     """A timeout in seconds. None and math.inf mean none."""
     if value is not None:
-        check_number(name, value, 0, True, math.inf, "number")
+        check_number(name, value, "a number above 0", lambda number: number > 0)
+
+
+_FROM_0: tuple[str, Callable[[float], bool]] = "a number of at least 0", lambda number: 0 <= number <= LONGEST
 
 
 @dataclass(frozen=True)
@@ -47,18 +54,21 @@ class Options:
     trace: Trace | None
 
     def __post_init__(self) -> None:
-        for name in "restart_delay", "watchdog_interval", "card_removed_after", "close_timeout":
-            check_number(name, getattr(self, name), 0, False, 1e9, "number")
-        least = self.restart_delay
-        check_number("restart_delay_limit", self.restart_delay_limit, least, False, 1e9, "number (restart_delay)")
-        check_number("watchdog_timeout", self.watchdog_timeout, 0, True, 1e9, "number")
-        check_timeout("command_timeout", self.command_timeout)
-        check_number("give_up_after", self.give_up_after, 1, False, math.inf, "whole number")
-        if self.give_up_after % 1 > 0:
-            raise ValueError(f"invalid give_up_after: expected a whole number, got {self.give_up_after!r}")
-        for name in "on_connect", "trace":
-            if not callable(getattr(self, name) or print):
-                raise TypeError(f"invalid {name}: expected a function, got {getattr(self, name)!r}")
-        if self.stderr not in ("inherit", "ignore") and not callable(self.stderr):
-            raise ValueError(f"invalid stderr: expected 'inherit', 'ignore' or a function, got {self.stderr!r}")
         os.fspath(self.path)
+        least = self.restart_delay
+        for name, expected, is_valid in (
+            ("restart_delay", *_FROM_0),
+            ("restart_delay_limit", f"a number from restart_delay, {least}", lambda number: least <= number <= LONGEST),
+            ("give_up_after", "a whole number of at least 1", lambda number: number >= 1 and not number % 1 > 0),
+            ("watchdog_interval", *_FROM_0),
+            ("watchdog_timeout", "a number above 0", lambda number: 0 < number <= LONGEST),
+            ("card_removed_after", *_FROM_0),
+            ("close_timeout", *_FROM_0),
+        ):
+            check_number(name, getattr(self, name), expected, is_valid)
+        check_timeout("command_timeout", self.command_timeout)
+        for name, value in ("on_connect", self.on_connect), ("trace", self.trace):
+            check(value is None or callable(value), name, value, "a function", TypeError)
+        is_known = self.stderr in ("inherit", "ignore") or callable(self.stderr)
+        check(is_known, "stderr", self.stderr, "'inherit', 'ignore' or a function")
+        check(self.env is None or isinstance(self.env, Mapping), "env", self.env, "a mapping", TypeError)

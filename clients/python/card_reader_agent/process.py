@@ -43,13 +43,13 @@ class Owner(Protocol):
 class Process:
     """A running agent, in a session of its own: a Ctrl-C in the terminal is for the application.
 
-    Uses nothing of the event loop but watched descriptors, so that it works on any. Everything belongs
-    to the thread of that loop. Raises OSError or ValueError if the agent cannot be started.
+    Uses nothing of the event loop but watched descriptors, so that it works on any. Raises OSError or
+    ValueError if the agent cannot be started.
     """
 
     def __init__(self, path: str, env: Mapping[str, str] | None, owner: Owner) -> None:
         self._loop = asyncio.get_running_loop()
-        self._owner: Owner | None = owner
+        self._owner = owner
         self._output = bytearray()
         self._is_closing = False
         self._partial: list[bytes] = []  # the pieces of the line that is not complete yet
@@ -59,18 +59,17 @@ class Process:
             [path], bufsize=0, stdin=pipe, stdout=pipe, stderr=pipe, env=env, start_new_session=True
         )
         assert self._popen.stdin and self._popen.stdout and self._popen.stderr
-        self._stdin = self._popen.stdin
-        self._readers = {self._popen.stdout: self._take_output, self._popen.stderr: self._take_error}
-        self.files = [self._stdin, *self._readers]
         self.pid = self._popen.pid
+        self._stdin = self._popen.stdin
+        self._outputs = [self._popen.stdout, self._popen.stderr]
+        self.files = [self._stdin, *self._outputs]
         _processes.add(self)
         for file in self.files:
             os.set_blocking(file.fileno(), False)
-        for file in self._readers:
+        for file in self._outputs:
             self._loop.add_reader(file.fileno(), self._read, file)
         exited = weakref.WeakMethod(self._exited)
-        waiter = threading.Thread(target=_wait, args=(self._popen, self._loop, exited), daemon=True)
-        waiter.start()
+        threading.Thread(target=_wait, args=(self._popen, self._loop, exited), daemon=True).start()
 
     def write(self, data: bytes) -> None:
         """What is written in one turn of the event loop goes out together."""
@@ -87,8 +86,6 @@ class Process:
         self._popen.kill()
 
     def release(self) -> None:
-        """Close the pipes and forget the owner."""
-        self._owner = None
         for file in self.files:
             self._close(file)
 
@@ -96,12 +93,11 @@ class Process:
         if self._stdin.closed:
             return
         try:
-            written = os.write(self._stdin.fileno(), self._output) if self._output else 0
+            del self._output[: os.write(self._stdin.fileno(), self._output)]
         except BlockingIOError:
-            written = 0
+            pass
         except OSError:  # the agent has exited, which is noticed elsewhere
-            written = len(self._output)
-        del self._output[:written]
+            self._output.clear()
         if self._output:
             self._loop.add_writer(self._stdin.fileno(), self._flush)
         else:
@@ -125,33 +121,29 @@ class Process:
             return False
         except OSError:
             data = b""
-        if data:
-            self._readers[file](data)
-            return True
-        self._close(file)
-        if file is self._popen.stdout and self._owner:
-            self._owner.output_ended()
-        return False
+        if not data:
+            self._close(file)
+            if file is self._popen.stdout:
+                self._owner.output_ended()
+        elif file is self._popen.stdout:
+            self._take_output(data)
+        else:
+            self._owner.take_error(self._decoder.decode(data))
+        return bool(data)
 
     def _take_output(self, data: bytes) -> None:
         head, *lines = data.split(b"\n")
         self._partial.append(head)
         for line in lines:  # each follows a newline, so that the one before is complete
-            if self._owner:
-                self._owner.take_line(b"".join(self._partial).decode(errors="surrogateescape"))
+            self._owner.take_line(b"".join(self._partial).decode(errors="surrogateescape"))
             self._partial = [line]
 
-    def _take_error(self, data: bytes) -> None:
-        if self._owner:
-            self._owner.take_error(self._decoder.decode(data))
-
     def _exited(self) -> None:
-        for file in self._readers:
+        for file in self._outputs:
             for _ in range(LAST_CHUNKS):  # it has written all by now, though others may hold the pipe
                 if not self._read(file):
                     break
-        if self._owner:
-            self._owner.exited(self._popen.returncode)
+        self._owner.exited(self._popen.returncode)
 
 
 def _wait(

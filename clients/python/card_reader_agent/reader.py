@@ -1,12 +1,4 @@
-"""A reader that stays in use for as long as the application runs, whatever happens to the agent.
-
-    async with CardReader(path) as reader:
-        async for event in reader:
-            if isinstance(event, Card):
-                await reader.beep()
-
-The clients of all languages share states, events, options and errors; clients/api.md lists them.
-"""
+"""A reader that stays in use for as long as the application runs, whatever happens to the agent."""
 
 from __future__ import annotations
 
@@ -18,12 +10,12 @@ from collections.abc import Callable, Mapping
 from enum import Enum
 from typing import Any, Literal, TypeVar, Union, get_args
 
-from .agent import KILL_TIMEOUT, Agent, limit
+from .agent import KILL_TIMEOUT, Agent, Converter, limit
 from .countdown import Countdown
 from .errors import RETRYABLE, AgentEndedError, AgentStartError, CardReaderError, NoReaderError
 from .errors import ReaderChangedError, RejectedError, UnknownSettingsError
 from .events import Card, CardRemoved, Event, Log, Poll, State, StateName
-from .options import OnConnect, Options, StandardError, Trace, check_timeout
+from .options import OnConnect, Options, StandardError, Trace, check, check_timeout
 from .words import BeepLength, Configuration, LedColor, Settings, encode
 
 T = TypeVar("T")
@@ -35,8 +27,8 @@ class _Default(Enum):
     TIMEOUT = "the reader's command_timeout"
 
 
-Timeout = Union[float, None, Literal[_Default.TIMEOUT]]
 DEFAULT = _Default.TIMEOUT
+Timeout = Union[float, None, Literal[_Default.TIMEOUT]]
 
 
 class _Events:
@@ -103,8 +95,8 @@ class CardReader:
         self._connecting: asyncio.Task[None] | None = None
         self._cancelled: weakref.WeakSet[asyncio.Task[Any]] = weakref.WeakSet()
         self._card: str | None = None
-        self._card_timer: Countdown | None = None
-        self._waiters: dict[asyncio.Future[Any], tuple[StateName, bool]] = {}  # bool: give the name
+        self._card_timer = Countdown(card_removed_after, self._remove_card)
+        self._waiters: dict[asyncio.Future[Any], tuple[StateName, Callable[[], Any]]] = {}
         self._iterations: weakref.WeakSet[_Events] = weakref.WeakSet()
 
     @property
@@ -141,7 +133,6 @@ class CardReader:
         if self._is_started or self._is_closing:
             raise RuntimeError("already started")
         self._is_started = True
-        self._card_timer = Countdown(self._options.card_removed_after, self._remove_card)
         self._next_start = asyncio.get_running_loop().call_soon(self._launch)
 
     async def close(self) -> None:
@@ -173,29 +164,20 @@ class CardReader:
     def __aiter__(self) -> _Events:
         events = _Events()
         if self._state in ("failed", "closed"):
-            events.queue.put_nowait(self._failure if self._state == "failed" else None)
+            events.queue.put_nowait(self._ending)
         self._iterations.add(events)
         return events
 
     def wait_for(self, state: StateName, *, timeout: float | None = None) -> asyncio.Future[None]:
-        """Wait until the state is this one, which it may be already.
-
-        Fails with CommandTimeoutError; with `failure` if the state becomes "failed"; with
-        AgentEndedError if it becomes "closed".
+        """Wait until the state is this one, which it may be already. Fails when it becomes "failed" or
+        "closed".
         """
-        if state not in get_args(StateName):
-            raise ValueError(f"invalid state: {state!r}")
-        future: asyncio.Future[None] = asyncio.get_running_loop().create_future()
-        self._waiters[future] = (state, False)
-        if state == self._state:
-            future.set_result(None)
-        return self._wait(future, timeout, f"not {state}")
+        check(state in get_args(StateName), "state", state, "one of " + ", ".join(get_args(StateName)))
+        return self._wait(state, lambda: None, timeout, f"not {state}", is_now=state == self._state)
 
     def wait_for_connection(self, *, timeout: float | None = None) -> asyncio.Future[str]:
         """The reader's name, the next time that the state becomes "ready". Fails as `wait_for` does."""
-        future: asyncio.Future[str] = asyncio.get_running_loop().create_future()
-        self._waiters[future] = ("ready", True)
-        return self._wait(future, timeout, "no connection")
+        return self._wait("ready", lambda: self.name or "", timeout, "no connection")
 
     def ping(self, text: str = "", *, timeout: Timeout = DEFAULT) -> asyncio.Future[str]:
         """The text, less white space at its end. Needs no reader."""
@@ -231,27 +213,20 @@ class CardReader:
         return self._command("ResetConfig", timeout)
 
     def _command(
-        self,
-        command: str,
-        timeout: Timeout,
-        convert: Callable[[str, list[str]], None] = lambda _text, _logs: None,
+        self, command: str, timeout: Timeout, convert: Converter[None] = lambda _text, _logs: None
     ) -> asyncio.Future[None]:
         name = self.name
         error: CardReaderError | None = None
         if not name:
             error = NoReaderError("no reader is attached")
-        elif _current_task() in self._cancelled:
+        elif asyncio.current_task() in self._cancelled:
             error = ReaderChangedError("the reader was connected again since this function was called")
         elif ":" in name:
             error = RejectedError(f"the reader {name} has a colon in its name, so no command can name it")
-        return self._send(f"{name or ''}:{command}", timeout, convert, error)
+        return self._send(f"{name}:{command}", timeout, convert, error)
 
     def _send(
-        self,
-        line: str,
-        timeout: Timeout,
-        convert: Callable[[str, list[str]], T],
-        error: CardReaderError | None = None,
+        self, line: str, timeout: Timeout, convert: Converter[T], error: CardReaderError | None = None
     ) -> asyncio.Future[T]:
         if timeout is DEFAULT:
             timeout = self._options.command_timeout
@@ -263,17 +238,26 @@ class CardReader:
         future.set_exception(error or AgentEndedError())
         return future
 
-    def _wait(self, future: asyncio.Future[T], timeout: float | None, what: str) -> asyncio.Future[T]:
+    def _wait(
+        self, state: StateName, result: Callable[[], T], timeout: float | None, what: str, is_now: bool = False
+    ) -> asyncio.Future[T]:
         check_timeout("timeout", timeout)
-        future.add_done_callback(lambda _: self._waiters.pop(future, None))
-        if not future.done() and self._state in ("failed", "closed"):
-            future.set_exception(self._end_of_waiting())
+        future: asyncio.Future[T] = asyncio.get_running_loop().create_future()
+        self._waiters[future] = state, result
+        future.add_done_callback(self._waiters.pop)
+        self._settle(future, result, is_now)
         return limit(future, timeout, what)
 
-    def _end_of_waiting(self) -> CardReaderError:
-        if self._state == "failed" and self._failure:
-            return self._failure.with_traceback(None)
-        return AgentEndedError()
+    def _settle(self, future: asyncio.Future[T], result: Callable[[], T], is_reached: bool) -> None:
+        if is_reached and not future.done():
+            future.set_result(result())
+        elif self._state in ("failed", "closed") and not future.done():
+            future.set_exception(self._ending or AgentEndedError())
+
+    @property
+    def _ending(self) -> CardReaderError | None:
+        """What ends iterations and waiting, once the state is "failed" or "closed"."""
+        return self._failure.with_traceback(None) if self._failure and self._state == "failed" else None
 
     # One agent after the other.
 
@@ -332,18 +316,17 @@ class CardReader:
     # What the agent reports.
 
     def _on_reader(self, previous: str | None) -> None:
+        name, function = self.name, self._options.on_connect
         self._remove_card()
         self._cancel_connecting()
-        if self.name:
+        if name:
             self._on_answer()
         if previous:
-            reason = "the reader was reconnected" if self.name else "the reader was disconnected"
-            self._change("searching", reason)
-        if self.name and self._options.on_connect and not self._is_closing:
-            function = self._connect(self._options.on_connect, self.name)
-            self._connecting = asyncio.get_running_loop().create_task(function)
-        elif self.name:
+            self._change("searching", f"the reader was {'reconnected' if name else 'disconnected'}")
+        if name and not function:
             self._change("ready")
+        elif name and function and not self._is_closing:
+            self._connecting = asyncio.get_running_loop().create_task(self._connect(function, name))
 
     async def _connect(self, function: OnConnect, name: str) -> None:
         before = set(self._cancelled)
@@ -366,11 +349,10 @@ class CardReader:
         self._connecting = None
 
     def _on_busy(self, is_busy: bool) -> None:
-        if self._card and self._card_timer:
-            if is_busy:
-                self._card_timer.pause()
-            else:
-                self._card_timer.resume()
+        if is_busy:
+            self._card_timer.pause()
+        elif self._card:
+            self._card_timer.resume()
 
     def _on_card(self, digits: str) -> None:
         if digits != self._card:
@@ -378,14 +360,12 @@ class CardReader:
             self._card = digits
             self._emit(Card(digits))
         self._emit(Poll(digits))
-        if self._card_timer:
-            self._card_timer.restart()
-            if self._agent and self._agent.is_busy:
-                self._card_timer.pause()
+        self._card_timer.restart()
+        if self._agent and self._agent.is_busy:
+            self._card_timer.pause()
 
     def _remove_card(self) -> None:
-        if self._card_timer:
-            self._card_timer.stop()
+        self._card_timer.stop()
         card, self._card = self._card, None
         if card:
             self._emit(CardRemoved(card))
@@ -401,24 +381,11 @@ class CardReader:
             return
         self._state, self._reason = state, reason
         self._emit(State(state, previous, reason))
-        has_ended = state in ("failed", "closed")
-        if has_ended:
-            self._emit(self._failure if state == "failed" else None)
-        for future, (wanted, gives_name) in list(self._waiters.items()):
-            if future.done():
-                continue
-            if wanted == state:
-                future.set_result(self.name if gives_name else None)
-            elif has_ended:
-                future.set_exception(self._end_of_waiting())
+        if state in ("failed", "closed"):
+            self._emit(self._ending)
+        for future, (wanted, result) in list(self._waiters.items()):
+            self._settle(future, result, wanted == state)
 
     def _emit(self, event: Event | CardReaderError | None) -> None:
         for events in list(self._iterations):
             events.queue.put_nowait(event)
-
-
-def _current_task() -> asyncio.Task[Any] | None:
-    try:
-        return asyncio.current_task()
-    except RuntimeError:  # called from no event loop
-        return None

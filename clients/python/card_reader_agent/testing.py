@@ -4,10 +4,6 @@
         app = subprocess.Popen(["my-app"], env=reader.env)
         reader.hold("3AB1234/26")
         reader.expect("led green", within=2)
-
-The program `virtual-reader` does the work; its pages describe the verbs and patterns. Each method
-executes one verb and returns when it is done. In a coroutine use `AsyncVirtualReader`, which has the
-same methods to be awaited. Any thread may call the methods of `VirtualReader`.
 """
 
 from __future__ import annotations
@@ -39,12 +35,11 @@ class VirtualReaderError(AssertionError):
 
 
 class _Reader(Generic[Done]):
-    """A virtual reader and its verbs. `Done` is what they return: nothing, or something to await."""
+    """A virtual reader and its verbs, whose methods return when they are done. Any thread may call them.
 
-    env: Mapping[str, str]
-    """For the agent or the application under test: this process's environment and the socket."""
-    process: subprocess.Popen[bytes]
-    socket: str
+    `env` is the environment for the agent or the application under test. The program `virtual-reader`
+    does the work; its pages describe the verbs and patterns.
+    """
 
     def __init__(
         self,
@@ -53,9 +48,8 @@ class _Reader(Generic[Done]):
         plugged: bool = True,
         arguments: Sequence[str | os.PathLike[str]] = (),
     ) -> None:
-        """`program` is by default $VIRTUAL_READER, or else `virtual-reader` on the path; `arguments`
-        are appended to its command line. Raises OSError when it cannot be run, VirtualReaderError
-        when it does not answer.
+        """`program` is by default $VIRTUAL_READER, or else `virtual-reader` on the path. Raises OSError
+        when it cannot be run, VirtualReaderError when it does not answer.
         """
         self._program = os.fspath(program or os.environ.get("VIRTUAL_READER") or "virtual-reader")
         self._folder = tempfile.mkdtemp(prefix="reader-")
@@ -68,10 +62,8 @@ class _Reader(Generic[Done]):
         except OSError:
             shutil.rmtree(self._folder, ignore_errors=True)
             raise
-        assert self.process.stdout
-        self._collector = threading.Thread(
-            target=self._output.extend, args=(self.process.stdout,), daemon=True
-        )
+        output = self.process.stdout or ()
+        self._collector = threading.Thread(target=self._output.extend, args=(output,), daemon=True)
         self._collector.start()
         try:
             self._wait_until_it_listens()
@@ -88,12 +80,9 @@ class _Reader(Generic[Done]):
         raise NotImplementedError
 
     def _execute(self, verb: str) -> str:
+        command = [self._program, "--socket", self.socket, "--execute", verb]
         result = subprocess.run(
-            [self._program, "--socket", self.socket, "--execute", verb],
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            text=True,
-            errors="surrogateescape",
+            command, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="surrogateescape"
         )
         if result.returncode:
             raise VirtualReaderError(result.stderr.strip())
@@ -145,7 +134,7 @@ class _Reader(Generic[Done]):
         return self._run("card remove")
 
     def fail(self, call: str, *, error: int | None = None, when: str = "") -> Done:
-        """Make a library call fail: the next one, or as `when` says, for instance "always"."""
+        """Make the next library call fail, or those that `when` says, for instance "always"."""
         number = "" if error is None else f"error {error}"
         return self._run(f"fail {call} {number} {when}")
 
@@ -166,13 +155,11 @@ class _Reader(Generic[Done]):
         return self._run("clear")
 
     def expect(self, pattern: str, *, within: float = 5.0) -> Done:
-        """Wait up to `within` seconds for an event after the one expected before; raise
-        VirtualReaderError, an AssertionError, if none matches.
-        """
+        """Wait for an event after the one expected before; raise VirtualReaderError if none matches."""
         return self._run(f"expect {pattern} within {round(within * 1000)}")
 
     def expect_no(self, pattern: str, *, within: float = 0.5) -> Done:
-        """Raise VirtualReaderError if such an event occurs within so many seconds."""
+        """Raise VirtualReaderError if such an event occurs."""
         return self._run(f"expect no {pattern} within {round(within * 1000)}")
 
 

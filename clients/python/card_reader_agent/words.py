@@ -51,24 +51,24 @@ class Settings(TypedDict, total=False):
 class Line(NamedTuple):
     kind: LineKind
     text: str
+    whole: str
 
 
 def parse_line(line: str) -> Line:
     """A line from the agent. Kind "" is text of the library, or something that only resembles a line."""
-    kind, colon, text = line.partition(":")
-    pattern = _TEXTS.get(cast(LineKind, kind))
-    if colon and pattern and pattern.fullmatch(text):
-        return Line(cast(LineKind, kind), text[1:])
-    return Line("", line)
+    name, colon, text = line.partition(":")
+    kind = cast(LineKind, name)
+    if colon and kind in _TEXTS and _TEXTS[kind].fullmatch(text):
+        return Line(kind, text[1:], line)
+    return Line("", line, line)
 
 
 def encode(line: str) -> bytes:
     """A line to the agent as bytes. Raises ValueError if the agent would read something else."""
     data = line.encode(errors="surrogateescape")
-    if b"\n" in data:
-        raise ValueError("invalid command: it contains a newline")
-    if b"\0" in data:
-        raise ValueError("invalid command: it contains a NUL byte")
+    for byte, name in (b"\n", "newline"), (b"\0", "NUL byte"):
+        if byte in data:
+            raise ValueError(f"invalid command: it contains a {name}")
     if len(data) > LINE_LIMIT:
         raise ValueError(f"invalid command: {len(data)} bytes, more than {LINE_LIMIT}")
     return data + b"\n"
@@ -85,8 +85,8 @@ class Configuration:
     def __init__(self, settings: Settings) -> None:
         self.command = "ReaderConfig"
         self._logs: dict[str, set[str]] = {}  # of each setting, if the agent does not know it
-        for kind, values in cast("Mapping[str, Mapping[str, int]]", settings).items():
-            for name, value in values.items():
+        for kind, values in dict(cast("Mapping[str, Mapping[str, int]]", settings)).items():
+            for name, value in dict(values).items():
                 setting = f"{kind}.{name}"
                 if not _SETTING.fullmatch(setting) or "." in kind:
                     raise ValueError(f"invalid setting name '{setting}'")
