@@ -11,11 +11,13 @@ import time
 from collections import deque
 from collections.abc import Callable
 from contextlib import suppress
+from dataclasses import dataclass, field
 from typing import Any, Protocol, TypeVar
 
 from .countdown import Countdown
 from .errors import AgentEndedError, AgentStartError, CardReaderError, CommandTimeoutError
 from .errors import error_for, readers_in
+from .events import Event, Log
 from .options import Options
 from .process import Process
 from .words import Line, encode, parse_line, reader_number
@@ -37,22 +39,22 @@ class Owner(Protocol):
     def _on_end(self, error: AgentEndedError) -> None: ...
     def _on_reader(self, previous: str | None) -> None: ...
     def _on_card(self, digits: str) -> None: ...
-    def _on_log(self, text: str) -> None: ...
+    def _emit(self, event: Event) -> None: ...
 
 
+@dataclass(eq=False)
 class Command:
     """A command without an answer so far. Pings with tokens enclose it, so that no text of the library
     can pass for its answer or, while it is executed, for a card.
     """
 
-    def __init__(self, future: asyncio.Future[Any], convert: Converter[Any], first: str | None, last: str) -> None:
-        self.future = future
-        self.convert = convert
-        self.first = first  # the token before it, None once that was answered
-        self.last = last  # the token after it
-        self.is_started = False
-        self.answer: Line | None = None  # the last one seen between the tokens
-        self.logs: list[str] = []
+    future: asyncio.Future[Any]
+    convert: Converter[Any]
+    first: str | None  # the token before it, None once that was answered
+    last: str  # the token after it
+    is_started: bool = False
+    answer: Line | None = None  # the last one seen between the tokens
+    logs: list[str] = field(default_factory=list)
 
     def fail(self, error: CardReaderError) -> None:
         if not self.future.done():
@@ -95,7 +97,7 @@ class Agent:
         self._owner, self._options = owner, options
         self._pending: deque[Command] = deque()
         self._salt, self._count = secrets.token_hex(8), 0
-        self._number: int | None = None  # of the reader attached last
+        self._last_reader: str | None = None  # the one attached last
         self._said = ""
         self._reason = ""
         self._is_settled = self._is_closing = False
@@ -113,10 +115,6 @@ class Agent:
     @property
     def pid(self) -> int | None:
         return None if self._is_settled else self._process.pid
-
-    @property
-    def is_busy(self) -> bool:
-        return bool(self._pending)
 
     def ping(self) -> None:
         future = self.send("Global:Ping", lambda _text, _logs: None, None)
@@ -191,20 +189,21 @@ class Agent:
         elif line.kind == "Log":
             if command:
                 command.logs.append(line.text)
-            self._owner._on_log(line.text)
+            self._owner._emit(Log(line.text))
         elif line.kind == "Reader" and self._is_plausible(line.text):
             self._change_reader(None if line.text == "Global" else line.text)
         elif line.kind == "Card" and self.reader and not (command and command.is_started):
             # Between a reader's command and the pings around it the agent does not poll for cards.
             self._owner._on_card(line.text)
+            self._owner._on_busy(bool(command))
         else:
-            self._owner._on_log(text)
+            self._owner._emit(Log(text))
 
     def _is_plausible(self, name: str) -> bool:
         """The agent numbers the connections of its process one by one."""
         if name == "Global":
             return self.reader is not None
-        return self._number is None or reader_number(name) == self._number + 1
+        return not self._last_reader or reader_number(name) == reader_number(self._last_reader) + 1
 
     def _take_answer(self, command: Command, answer: Line) -> None:
         token = answer.text if answer.kind == "Ok" else None
@@ -212,13 +211,13 @@ class Agent:
             if token == command.first:
                 command.first, command.is_started = None, True
             else:
-                self._owner._on_log(answer.whole)
+                self._owner._emit(Log(answer.whole))
         elif command.answer and token == command.last:
             self._pending.popleft()
             self._answered(command, command.answer)
         else:
             if command.answer:
-                self._owner._on_log(command.answer.whole)  # text of the library
+                self._owner._emit(Log(command.answer.whole))  # text of the library
             command.answer = answer
 
     def _answered(self, command: Command, answer: Line) -> None:
@@ -238,9 +237,7 @@ class Agent:
 
     def _change_reader(self, name: str | None) -> None:
         previous, self.reader = self.reader, name
-        if name:
-            with suppress(ValueError):
-                self._number = reader_number(name)
+        self._last_reader = name or self._last_reader
         self._owner._on_reader(previous)
 
     def take_error(self, text: str) -> None:

@@ -22,7 +22,7 @@ _FAILED = re.compile(
     r"|Call to \w+ failed; settings will not be set"
 )
 _OTHER_READER = re.compile(
-    r"Action was for reader (.+), but (?:there is no reader attached|the current reader is (.+))",
+    r"Action was for reader (.+), but (?:there is no reader attached|the current reader is (Dev[0-9]{1,15}.*))",
     re.DOTALL,
 )
 

@@ -8,9 +8,9 @@ import os
 import subprocess
 import threading
 import weakref
-from collections.abc import Callable, Mapping
+from collections.abc import Mapping
 from contextlib import suppress
-from typing import IO, Protocol
+from typing import IO, Any, Protocol
 
 CHUNK = 65536
 LAST_CHUNKS = 32  # more than a pipe holds; another process may write on
@@ -146,11 +146,7 @@ class Process:
         self._owner.exited(self._popen.returncode)
 
 
-def _wait(
-    popen: subprocess.Popen[bytes],
-    loop: asyncio.AbstractEventLoop,
-    exited: weakref.WeakMethod[Callable[[], None]],
-) -> None:
+def _wait(popen: subprocess.Popen[bytes], loop: asyncio.AbstractEventLoop, exited: weakref.WeakMethod[Any]) -> None:
     popen.wait()
     if method := exited():
         with suppress(RuntimeError):  # the loop is closed

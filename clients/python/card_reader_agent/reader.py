@@ -7,13 +7,12 @@ import logging
 import os
 import weakref
 from collections.abc import Callable, Mapping
-from enum import Enum
 from typing import Any, Literal, TypeVar, Union, get_args
 
 from .agent import KILL_TIMEOUT, Agent, Converter, limit
 from .countdown import Countdown
 from .errors import RETRYABLE, AgentEndedError, AgentStartError, CardReaderError, NoReaderError
-from .errors import ReaderChangedError, RejectedError, UnknownSettingsError
+from .errors import ReaderChangedError, RejectedError
 from .events import Card, CardRemoved, Event, Log, Poll, State, StateName
 from .options import OnConnect, Options, StandardError, Trace, check, check_timeout
 from .words import BeepLength, Configuration, LedColor, Settings, encode
@@ -23,12 +22,7 @@ T = TypeVar("T")
 logger = logging.getLogger("card_reader_agent")
 
 
-class _Default(Enum):
-    TIMEOUT = "the reader's command_timeout"
-
-
-DEFAULT = _Default.TIMEOUT
-Timeout = Union[float, None, Literal[_Default.TIMEOUT]]
+Timeout = Union[float, None, Literal["default"]]  # "default" is the reader's command_timeout
 
 
 class _Events:
@@ -53,12 +47,14 @@ class _Events:
 class CardReader:
     """A supervised reader, started by `async with` or by `start`. Times are in seconds.
 
+    Read `state`; `reason`, that of the last state event; `failure`, which led to the state "failed";
+    and `card`, the ID of the card on the reader.
+
     Each `async for` over it yields the events from then on, over all restarts. It ends when the reader
     is closed, and raises `failure` when the state becomes "failed".
 
-    A command is sent when its method is called, which returns a future at once. A `timeout` of None is
-    none. Invalid arguments raise ValueError or TypeError and nothing is sent; the future raises the
-    errors of this package. Cancelling it does not unsend the command.
+    A command is sent when its method is called, which returns a future at once. Cancelling it does not
+    unsend the command. A `timeout` of None is none.
     """
 
     def __init__(
@@ -82,9 +78,10 @@ class CardReader:
             path, env, restart_delay, restart_delay_limit, give_up_after, command_timeout,
             watchdog_interval, watchdog_timeout, card_removed_after, on_connect, close_timeout, stderr, trace,
         )  # fmt: skip
-        self._state: StateName = "starting"
-        self._reason: str | None = None
-        self._failure: CardReaderError | None = None
+        self.state: StateName = "starting"
+        self.reason: str | None = None
+        self.failure: CardReaderError | None = None
+        self.card: str | None = None
         self._agent: Agent | None = None
         self._is_started = self._is_closing = False
         self._began = 0.0
@@ -94,34 +91,14 @@ class CardReader:
         self._next_start: asyncio.Handle | None = None
         self._connecting: asyncio.Task[None] | None = None
         self._cancelled: weakref.WeakSet[asyncio.Task[Any]] = weakref.WeakSet()
-        self._card: str | None = None
         self._card_timer = Countdown(card_removed_after, self._remove_card)
         self._waiters: dict[asyncio.Future[Any], tuple[StateName, Callable[[], Any]]] = {}
         self._iterations: weakref.WeakSet[_Events] = weakref.WeakSet()
 
     @property
-    def state(self) -> StateName:
-        return self._state
-
-    @property
-    def reason(self) -> str | None:
-        """The reason in the last state event."""
-        return self._reason
-
-    @property
-    def failure(self) -> CardReaderError | None:
-        """What led to the state "failed"."""
-        return self._failure
-
-    @property
     def name(self) -> str | None:
-        """The name of the attached reader, None without one."""
+        """The name of the attached reader."""
         return self._agent.reader if self._agent else None
-
-    @property
-    def card(self) -> str | None:
-        """The ID of the card that is held on the reader, None without one."""
-        return self._card
 
     @property
     def pid(self) -> int | None:
@@ -163,53 +140,45 @@ class CardReader:
 
     def __aiter__(self) -> _Events:
         events = _Events()
-        if self._state in ("failed", "closed"):
+        if self.state in ("failed", "closed"):
             events.queue.put_nowait(self._ending)
         self._iterations.add(events)
         return events
 
     def wait_for(self, state: StateName, *, timeout: float | None = None) -> asyncio.Future[None]:
-        """Wait until the state is this one, which it may be already. Fails when it becomes "failed" or
-        "closed".
-        """
+        """Wait until the state is this one, which it may be already. Fails at "failed" and "closed"."""
         check(state in get_args(StateName), "state", state, "one of " + ", ".join(get_args(StateName)))
-        return self._wait(state, lambda: None, timeout, f"not {state}", is_now=state == self._state)
+        return self._wait(state, lambda: None, timeout, f"not {state}", is_now=state == self.state)
 
     def wait_for_connection(self, *, timeout: float | None = None) -> asyncio.Future[str]:
         """The reader's name, the next time that the state becomes "ready". Fails as `wait_for` does."""
         return self._wait("ready", lambda: self.name or "", timeout, "no connection")
 
-    def ping(self, text: str = "", *, timeout: Timeout = DEFAULT) -> asyncio.Future[str]:
+    def ping(self, text: str = "", *, timeout: Timeout = "default") -> asyncio.Future[str]:
         """The text, less white space at its end. Needs no reader."""
         # The agent sends back the space before the text too.
         return self._send(f"Global:Ping {text}", timeout, lambda answer, _: answer[1:])
 
     def beep(
-        self, count: int = 1, length: BeepLength = "short", *, timeout: Timeout = DEFAULT
+        self, count: int = 1, length: BeepLength = "short", *, timeout: Timeout = "default"
     ) -> asyncio.Future[None]:
         """1 to 5 beeps of the length "short", or 1 to 2 of the length "long"."""
         return self._command(f"Beep {length} {count}", timeout)
 
-    def set_led(self, color: LedColor, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
+    def set_led(self, color: LedColor, *, timeout: Timeout = "default") -> asyncio.Future[None]:
         """Take control of the LED: "red", "green", "amber" or "off"."""
         return self._command(f"SetLED {color}", timeout)
 
-    def clear_led(self, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
+    def clear_led(self, *, timeout: Timeout = "default") -> asyncio.Future[None]:
         """Give control of the LED back to the reader."""
         return self._command("ClearLED", timeout)
 
-    def configure(self, settings: Settings, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
-        """Change the reader's configuration."""
+    def configure(self, settings: Settings, *, timeout: Timeout = "default") -> asyncio.Future[None]:
         configuration = Configuration(settings)
+        return self._command(configuration.command, timeout, configuration.check)
 
-        def convert(_: str, logs: list[str]) -> None:
-            if unknown := configuration.unknown(logs):
-                raise UnknownSettingsError(unknown)
-
-        return self._command(configuration.command, timeout, convert)
-
-    def reset_config(self, *, timeout: Timeout = DEFAULT) -> asyncio.Future[None]:
-        """Reset the reader to its factory settings."""
+    def reset_config(self, *, timeout: Timeout = "default") -> asyncio.Future[None]:
+        """Restore the factory settings."""
         return self._command("ResetConfig", timeout)
 
     def _command(
@@ -228,7 +197,7 @@ class CardReader:
     def _send(
         self, line: str, timeout: Timeout, convert: Converter[T], error: CardReaderError | None = None
     ) -> asyncio.Future[T]:
-        if timeout is DEFAULT:
+        if timeout == "default":
             timeout = self._options.command_timeout
         check_timeout("timeout", timeout)
         encode(line)
@@ -251,17 +220,17 @@ class CardReader:
     def _settle(self, future: asyncio.Future[T], result: Callable[[], T], is_reached: bool) -> None:
         if is_reached and not future.done():
             future.set_result(result())
-        elif self._state in ("failed", "closed") and not future.done():
+        elif self.state in ("failed", "closed") and not future.done():
             future.set_exception(self._ending or AgentEndedError())
 
     @property
     def _ending(self) -> CardReaderError | None:
         """What ends iterations and waiting, once the state is "failed" or "closed"."""
-        return self._failure.with_traceback(None) if self._failure and self._state == "failed" else None
+        return self.failure.with_traceback(None) if self.failure and self.state == "failed" else None
 
     # One agent after the other.
 
-    def _new_agent(self) -> Agent:
+    def _new_agent(self) -> Agent:  # a stub reader has another
         return Agent(self, self._options)
 
     def _launch(self) -> None:
@@ -279,7 +248,7 @@ class CardReader:
 
     def _on_answer(self) -> None:
         self._has_answered = True
-        if self._state == "starting":
+        if self.state == "starting":
             self._change("searching")
 
     def _on_end(self, error: CardReaderError) -> None:
@@ -305,7 +274,7 @@ class CardReader:
 
     def _fail(self, error: CardReaderError) -> None:
         logger.error("giving up: %s", error)
-        self._failure = error
+        self.failure = error
         self._change("failed", str(error))
 
     def _finish(self) -> None:
@@ -336,7 +305,7 @@ class CardReader:
             await function(self)
         except Exception as error:
             logger.warning("the on-connect function failed", exc_info=True)
-            self._on_log(f"the on-connect function failed: {error}")
+            self._emit(Log(f"the on-connect function failed: {error}"))
         else:
             if self.name == name and self._connecting is asyncio.current_task():
                 self._change("ready")
@@ -351,35 +320,30 @@ class CardReader:
     def _on_busy(self, is_busy: bool) -> None:
         if is_busy:
             self._card_timer.pause()
-        elif self._card:
+        elif self.card:
             self._card_timer.resume()
 
     def _on_card(self, digits: str) -> None:
-        if digits != self._card:
+        if digits != self.card:
             self._remove_card()
-            self._card = digits
+            self.card = digits
             self._emit(Card(digits))
         self._emit(Poll(digits))
         self._card_timer.restart()
-        if self._agent and self._agent.is_busy:
-            self._card_timer.pause()
 
     def _remove_card(self) -> None:
         self._card_timer.stop()
-        card, self._card = self._card, None
+        card, self.card = self.card, None
         if card:
             self._emit(CardRemoved(card))
-
-    def _on_log(self, text: str) -> None:
-        self._emit(Log(text))
 
     # What is reported to the application.
 
     def _change(self, state: StateName, reason: str | None = None) -> None:
-        previous = self._state
+        previous = self.state
         if state == previous:
             return
-        self._state, self._reason = state, reason
+        self.state, self.reason = state, reason
         self._emit(State(state, previous, reason))
         if state in ("failed", "closed"):
             self._emit(self._ending)

@@ -15,11 +15,10 @@ import subprocess
 import tempfile
 import threading
 import time
-from collections import deque
-from collections.abc import Awaitable, Callable, Mapping, Sequence
+from collections.abc import Awaitable, Sequence
 from typing import Any, Generic, TypeVar
 
-from .agent import Agent
+from .agent import Agent, Converter
 from .errors import AgentEndedError, CardReaderError
 from .reader import CardReader
 
@@ -192,13 +191,13 @@ class AsyncVirtualReader(_Reader[Awaitable[None]]):
     """The same with methods to be awaited. A cancelled `expect` goes on in the background."""
 
     async def execute(self, verb: str) -> str:
-        return await asyncio.get_running_loop().run_in_executor(None, self._execute, verb)
+        return await asyncio.to_thread(self._execute, verb)
 
     async def events(self, count: int = 1_000_000) -> list[str]:
         return (await self.execute(f"events {count}")).splitlines()
 
     async def close(self) -> None:
-        await asyncio.get_running_loop().run_in_executor(None, self._end)
+        await asyncio.to_thread(self._end)
 
     async def _run(self, verb: str) -> None:
         await self.execute(verb)
@@ -259,15 +258,13 @@ class StubReader(CardReader):
 
 class _StubAgent(Agent):
     def __init__(self, owner: StubReader, commands: list[str], errors: list[CardReaderError]) -> None:
-        self.reader, self._pending = None, deque()
+        self.reader = self._last_reader = None
         self._owner, self._commands, self._errors = owner, commands, errors
         asyncio.get_running_loop().call_soon(owner._on_answer)
 
     pid = None
 
-    def send(
-        self, line: str, convert: Callable[[str, list[str]], T], timeout: float | None
-    ) -> asyncio.Future[T]:
+    def send(self, line: str, convert: Converter[T], timeout: float | None) -> asyncio.Future[T]:
         future: asyncio.Future[T] = asyncio.get_running_loop().create_future()
         command = line.partition(":")[2]
         self._commands.append(command)

@@ -6,6 +6,8 @@ import re
 from collections.abc import Mapping
 from typing import Literal, NamedTuple, TypedDict, cast
 
+from .errors import UnknownSettingsError
+
 LINE_LIMIT = 1023  # bytes before the newline
 
 BeepLength = Literal["short", "long"]
@@ -80,7 +82,7 @@ def reader_number(name: str) -> int:
 
 
 class Configuration:
-    """The command for settings, and which of them the agent does not know, from its log lines."""
+    """The command for settings, and a check from the agent's log lines that it knows them all."""
 
     def __init__(self, settings: Settings) -> None:
         self.command = "ReaderConfig"
@@ -95,5 +97,7 @@ class Configuration:
                 self.command += f" {setting}={value:d}"
                 self._logs[setting] = {f"{_IGNORED}{setting}={value:d}", f"{_IGNORED}type {kind}"}
 
-    def unknown(self, logs: list[str]) -> list[str]:
-        return sorted(setting for setting, of_it in self._logs.items() if of_it & set(logs))
+    def check(self, _: str, logs: list[str]) -> None:
+        unknown = sorted(setting for setting, of_it in self._logs.items() if of_it & set(logs))
+        if unknown:
+            raise UnknownSettingsError(unknown)

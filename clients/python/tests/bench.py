@@ -31,3 +31,9 @@ def script(text, mode=0o700):
     path.write_text(f"#!/bin/sh\n{text}\n")
     path.chmod(mode)
     return path
+
+
+def data_file(lines):
+    path = Path(tempfile.mkdtemp()) / "lines"
+    path.write_bytes(b"".join(line + b"\n" for line in lines))
+    return path

@@ -5,105 +5,89 @@ import errno
 import math
 import os
 import re
-import shlex
 import signal
 import subprocess
-import sys
-import tempfile
 import unittest
 from contextlib import suppress
-from pathlib import Path
 from unittest import mock
 
 import card_reader_agent
-from bench import AGENT, BUNDLE, ends, script
-from card_reader_agent import CardReader, CardReaderError, CardRemoved, Log, Poll, State
-from card_reader_agent.testing import VirtualReader, VirtualReaderError
+from bench import AGENT, BUNDLE, PACKAGE, data_file, ends, script
+from card_reader_agent import CardReader, CardReaderError, Log, Poll, State
+from card_reader_agent.testing import AsyncVirtualReader, VirtualReaderError
 
-CLIENTS = Path(__file__).resolve().parents[2]
 TIMEOUT = 20  # seconds, for what must happen
 AT_ONCE = 6  # cases
-SIGNALS = {"kill": signal.SIGKILL, "stop": signal.SIGSTOP}
+VALUES = {"infinity": math.inf, "nan": math.nan, "none": None, "true": True, "[1]": [1]}
+UNITS = {"giveUpAfter": 1}  # others are times in milliseconds
 AGENTS = {  # shell scripts in place of the agent
-    "denied": "",
     "silent": "exec sleep 600",
     "dies": "echo no library here >&2; exit 13",
     "global": "echo 'Reader: Global'; echo no library here >&2; exit 13",
     "leaves": "sleep 20 & echo 'Reader: Dev1-A'; exec sleep 600",
 }
-# Answers the first ping and its token, then prints the lines of the file $1.
-PRINTS = 'read -r ping; echo Ok:; read -r token; echo "Ok: ${token#*Ping}"; cat "$1"; read -r end'
-# Answers each command to a reader with the next line of the file $1, in which "\n" is a newline.
-ANSWERS = r"""echo 'Reader: Dev1-A'; exec 3<"$1"; while read -r line; do case $line in
-Global:Ping) echo Ok:;; Global:*) echo "Ok: ${line#*Ping}";; *) IFS= read -r answer <&3; printf '%b\n' "$answer";; esac; done"""
+# Prints the file $1 after its first answer, and answers each command to a reader with the next line of the
+# file $2, in which "\\n" is a newline.
+PLAYER = r"""exec 3<"$2"; while read -r line; do case $line in
+Global:Ping) echo Ok: ;;
+Global:*) echo "Ok: ${line#*Ping}"; [ ! "$1" ] || cat "$1"; set -- "" ;;
+*) IFS= read -r answer <&3; printf '%b\n' "$answer" ;;
+esac; done"""
 
 
 def sections(name):
-    """Yields each section's name and its numbered lines."""
-    title, lines = "", []
-    for number, line in enumerate([*(CLIENTS / name).read_text("utf-8").split("\n"), "## "], 1):
+    """The numbered lines of each section."""
+    found = {}
+    for number, line in enumerate((PACKAGE.parent / name).read_text("utf-8").split("\n"), 1):
         if line.startswith("## "):
-            if lines:
-                yield title, lines
-            title, lines = line[3:], []
+            lines = found.setdefault(line[3:], [])
         elif line and line[0] != "#":
             lines.append((number, line))
+    return found
 
 
-def rows(wanted):
-    """The rows of a section of lines.txt: number, left, right."""
-    [lines] = [lines for name, lines in sections("lines.txt") if name == wanted]
-    return [(number, *map(str.strip, line.split("=>", 1))) for number, line in lines]
-
-
-def data_file(lines):
-    path = Path(tempfile.mkdtemp()) / "lines"
-    path.write_bytes(b"".join(line + b"\n" for line in lines))
-    return path
+TABLES = {
+    name: [tuple(map(str.strip, line.split("=>", 1))) for _, line in lines]
+    for name, lines in sections("lines.txt").items()
+}
 
 
 def unescape(text):
+    """The text with bytes in place of its escapes."""
     codes = {"n": b"\n", "0": b"\0", "s": b" "}
     pattern = rb"\\(?:x(..)|([n0s]))"
-    return re.sub(pattern, lambda m: bytes([int(m[1], 16)]) if m[1] else codes[m[2].decode()], text.encode())
+    return re.sub(pattern, lambda m: bytes.fromhex(m[1].decode()) if m[1] else codes[m[2].decode()], text.encode())
 
 
 def snake(name):
     return re.sub("[A-Z]", lambda letter: "_" + letter[0].lower(), name)
 
 
-def option(name, text):
-    """The option and its value in Python's spelling and units."""
-    if name == "noSuchOption":
-        return name, 1
-    words = {"infinity": math.inf, "nan": math.nan, "none": None, "true": True, "[1]": [1]}
-    if text in words or text[0] == '"':
-        return snake(name), words.get(text, text.strip('"'))
-    in_ms = name not in ("giveUpAfter", "onConnect", "stderr", "trace")
-    return snake(name), float(text) / 1000 if in_ms else float(text)
+def option(text):
+    """The option and its value, in Python's spelling and units."""
+    name, text = text.split(" ", 1)
+    if text in VALUES or text[0] == '"':
+        return {snake(name): VALUES.get(text, text.strip('"'))}
+    return {snake(name): float(text) / UNITS.get(name, 1000)}
 
 
-def command(reader, words):
-    """The awaitable that a command's words stand for; it is sent."""
-    timeout = {}
-    if "timeout" in words[:-1]:
-        timeout["timeout"] = float(words.pop()) / 1000
-        words.pop()
-    name, *words = words
+def command(reader, text):
+    """The awaitable that a command stands for; it is sent."""
+    text, _, timeout = text.partition(" timeout ")
+    limits = {"timeout": float(timeout) / 1000} if timeout else {}
+    name, *words = (unescape(word).decode() for word in text.split(" "))
     if name == "configure":
         settings = {}
-        for word in words:
-            path, value = word.rsplit("=", 1)
-            kind, setting = path.rsplit(".", 1)
-            settings.setdefault(kind, {})[setting] = float(value) if "." in value else int(value)
-        return reader.configure(settings, **timeout)
-    if name == "ping":
-        return reader.ping(" ".join(words), **timeout)
-    if name == "beep":
-        return reader.beep(int(words[0]), words[1], **timeout)
-    if name == "waitForConnection":
-        return asyncio.ensure_future(connection(reader, reader.wait_for_connection(**timeout)))
-    return getattr(reader, "set_led" if name == "led" else snake(name))(*words, **timeout)
+        for kind, setting, value in (re.fullmatch(r"(.*)\.(.*?)=(.+)", word).groups() for word in words):
+            settings.setdefault(kind, {})[setting] = int(value) if value.lstrip("-").isdigit() else float(value)
+        words = [settings]
+    elif name == "ping":
+        words = [" ".join(words)]
+    elif name == "beep":
+        words[0] = int(words[0])
+    elif name == "waitForConnection":
+        return asyncio.ensure_future(connection(reader, reader.wait_for_connection(**limits)))
+    return getattr(reader, "set_led" if name == "led" else snake(name))(*words, **limits)
 
 
 async def connection(reader, name):
@@ -111,105 +95,95 @@ async def connection(reader, name):
         raise AssertionError("another name than the reader's")
 
 
-async def difference_of(future, expected):
+async def difference(future, expected):
     """None if the future has the expected outcome, or the outcome it has."""
+    name, _, words = expected.partition(" ")
     await asyncio.wait({future}, timeout=TIMEOUT)
     if not future.done() or future.cancelled():
-        outcome = "cancelled" if future.done() else "nothing"
-        return None if outcome == expected else outcome
-    if not (error := future.exception()):
-        outcome = f"ok {future.result() or ''}".strip()
-        return None if outcome == expected else outcome
-    name, _, words = expected.partition(" ")
-    text = " ".join(getattr(error, "names", [])) or str(error)
-    is_same = words in text
-    if re.fullmatch(r"-?\d+", words):
-        is_same = words == str(getattr(error, "number", None))
-    return None if is_same and type(error).__name__ == name else f"{type(error).__name__} {text}"
+        outcome, is_same = ("cancelled" if future.done() else "nothing"), True
+    elif error := future.exception():
+        text = " ".join(getattr(error, "names", [])) or str(error)
+        number = str(getattr(error, "number", ""))
+        outcome, is_same = f"{type(error).__name__} {text}", words == number if words[-1:].isdigit() else words in text
+    else:
+        outcome, is_same = f"ok {future.result()}", (future.result() or "") == words
+    return None if is_same and outcome.partition(" ")[0] == name else outcome
 
 
 def text_of(event):
     if isinstance(event, State):
         return f"state {event.state}: {event.reason}"
-    if isinstance(event, Log):
-        return f"log {event.text}"
     name = type(event).__name__
-    return f"{name[0].lower()}{name[1:]} {event.id}"
+    return f"{name[0].lower()}{name[1:]} {event.text if isinstance(event, Log) else event.id}"
 
 
 class Player:
+    """Plays one case. Each kind of line has a method, which returns what occurred instead, if anything."""
+
     def __init__(self, scripts):
-        self.bench = VirtualReader()
-        self.scripts = scripts
-        self.path = AGENT
+        self.bench = AsyncVirtualReader()
+        self.scripts, self.path = scripts, AGENT
         self.options = {"env": self.bench.env, "stderr": "ignore"}
         self.reader = None
-        self.commands = []
-        self.background = []
+        self.commands, self.background, self.pids = [], [], set()
         self.events, self.logs = asyncio.Queue(), asyncio.Queue()
-        self.pids = set()
 
     async def play(self, lines):
-        """The lines that were not met, each with what occurred instead."""
         differences = []
         for number, line in lines:
             try:
-                difference = await self.play_line(*line.partition(" ")[::2])
-            except asyncio.TimeoutError:
-                difference = "nothing"
-            except VirtualReaderError as error:
-                difference = error
-            differences += [(number, line, difference)] if difference else []
+                other = await self.play_line(*line.partition(" ")[::2])
+            except (asyncio.TimeoutError, VirtualReaderError) as error:
+                other = error
+            differences += [f"line {number}: {line!r}, but: {other!r}"] if other is not None else []
         for task in self.background:
             task.cancel()
         left = [self.events.get_nowait() for _ in range(self.events.qsize())] + self.commands
         await self.reader.close()
         await self.listener
+        await self.bench.close()
         left += [f"process {pid}" for pid in self.pids if not ends(pid, 1)]
-        self.bench.close()
-        return differences + [(number, "the end", each) for each in left]
+        return differences + [f"line {lines[-1][0]}: left over: {each}" for each in left]
 
     async def play_line(self, mark, text):
         if self.reader and self.reader.pid:
             self.pids.add(self.reader.pid)
         if mark == "option" and text.startswith("onConnect "):
-            self.on_connect = text.split(" ", 1)[1].split("; ")
             self.options["on_connect"] = self.connect
+            self.on_connect = text.split(" ", 1)[1].split("; ")
         elif mark == "option":
-            name, value = option(*text.split(" ", 1))
-            self.options[name] = value
+            self.options.update(option(text))
         elif mark == "agent":
-            self.path = self.scripts.get(text)
+            self.path = self.scripts[text]
         elif mark == "!":
-            await asyncio.get_running_loop().run_in_executor(None, self.bench.execute, text)
+            await self.bench.execute(text)
         elif mark == "start":
             self.reader = CardReader(self.path, **self.options)
             self.listener = asyncio.ensure_future(self.listen(self.reader.__aiter__()))
             self.reader.start()
         elif mark == ">":
-            words = text.split(" ") if text.startswith("ping") else shlex.split(text)
-            self.commands.append(command(self.reader, words))
+            self.commands.append(command(self.reader, text))
         elif mark == "every":
             self.background.append(asyncio.ensure_future(self.repeat(*text.split(" ", 1))))
         elif mark == "cancel":
             self.commands[0].cancel()
         elif mark == "=":
-            return await difference_of(self.commands.pop(0), text)
-        elif mark == "<" and text.startswith("log "):
+            return await difference(self.commands.pop(0), text)
+        elif text.startswith("log "):
             while text[4:] not in (await asyncio.wait_for(self.logs.get(), TIMEOUT)).text:
                 pass
         elif mark == "<":
             event = text_of(await asyncio.wait_for(self.events.get(), TIMEOUT))
             start, _, part = text.partition(": ")
-            return None if re.match(f"{start}(:|$)", event) and part in event else event
+            return None if event.partition(":")[0] == start and part in event else event
         elif mark == "reason":
             reason = self.reader.reason or ""
-            return None if text in reason and bool(text) == bool(reason) else f"reason {reason}"
-        elif mark in SIGNALS:
-            os.kill(self.reader.pid, SIGNALS[mark])
+            return None if text in reason and bool(text) == bool(reason) else reason
+        elif mark in ("kill", "stop"):
+            os.kill(self.reader.pid, getattr(signal, f"SIG{mark.upper()}"))
         elif mark == "suspend":
             pids = f"{os.getpid()} {self.reader.pid}"
-            subprocess.Popen(["sh", "-c", f"kill -STOP {pids}; sleep {int(text) / 1000}; kill -CONT {pids}"]).wait()
+            subprocess.run(["sh", "-c", f"kill -STOP {pids}; sleep {int(text) / 1000}; kill -CONT {pids}"])
         elif mark == "quiet":
             await asyncio.sleep(int(text) / 1000)
             return None if self.events.empty() else self.events.get_nowait()
@@ -221,13 +195,13 @@ class Player:
 
     async def connect(self, reader):
         for step in self.on_connect:
-            words = step.split(" ")
-            await (asyncio.sleep(int(words[1]) / 1000) if words[0] == "pause" else command(reader, words))
+            is_pause = step.startswith("pause ")
+            await (asyncio.sleep(int(step[6:]) / 1000) if is_pause else command(reader, step))
 
     async def repeat(self, ms, text):
         while True:
             with suppress(CardReaderError):
-                await command(self.reader, text.split(" "))
+                await command(self.reader, text)
             await asyncio.sleep(int(ms) / 1000)
 
     async def listen(self, events):
@@ -245,8 +219,8 @@ class ConformanceTest(unittest.IsolatedAsyncioTestCase):
     async def test_cases(self):
         # Made before anything is started: a child process that begins while a file is written holds it
         # open for a moment, and it cannot be executed.
-        scripts = {name: script(text, 0o400 if name == "denied" else 0o700) for name, text in AGENTS.items()}
-        scripts.update(bundle=BUNDLE, missing=Path(tempfile.mkdtemp()) / "missing")
+        scripts = {name: script(text) for name, text in AGENTS.items()}
+        scripts |= {"bundle": BUNDLE, "missing": "/nowhere/agent", "denied": script("", 0o400)}
         gate = asyncio.Semaphore(AT_ONCE)
 
         async def play(lines):
@@ -254,93 +228,57 @@ class ConformanceTest(unittest.IsolatedAsyncioTestCase):
                 return await Player(scripts).play(lines)
 
         only = os.environ.get("CASE", "")
-        cases = [(name, lines) for name, lines in sections("conformance.txt") if only in name]
+        cases = {name: lines for name, lines in sections("conformance.txt").items() if only in name}
+        alone = [name for name in cases if "suspended" in name]  # they stop this process
+        results = await asyncio.gather(*(play(lines) for name, lines in cases.items() if name not in alone))
+        for name in alone:
+            results.append(await play(cases[name]))
         self.assertTrue(cases)
-        alone = [case for case in cases if "suspend" in str(case)]  # it stops this process
-        together = [case for case in cases if case not in alone]
-        results = await asyncio.gather(*(play(lines) for _, lines in together))
-        for _, lines in alone:
-            results.append(await play(lines))
-        for (name, _), result in zip(together + alone, results):
-            with self.subTest(name):
-                self.assertEqual([f"line {n}: {line!r}, but: {other}" for n, line, other in result], [])
-
+        self.assertEqual(sum(results, []), [])
 
 
 class LinesTest(unittest.IsolatedAsyncioTestCase):
-    async def asyncSetUp(self):
-        asyncio.get_running_loop().set_debug(False)
-
-    async def start(self, path, **options):
-        reader = CardReader(path, stderr="ignore", close_timeout=0.1, **options)
-        self.addAsyncCleanup(reader.close)
-        events = reader.__aiter__()
-        reader.start()
-        return reader, events
-
-    async def test_lines(self):
-        table = rows("lines")
-        output = data_file([*(unescape(left) for _, left, _ in table), b"Log: the end"])
-        reader, events = await self.start(script(f"set -- {output}; {PRINTS}"), card_removed_after=3600)
-        expected = [unescape(each) for _, _, right in table for each in right.split("; ") if each]
+    async def test_lines_and_answers(self):
+        lines = data_file([*(unescape(line) for line, _ in TABLES["lines"]), b"Log: the end"])
+        answers = data_file(answer.encode() for answer, _ in TABLES["answers"])
+        path = script(f"set -- {lines} {answers}; {PLAYER}")
         seen = []
-        while True:
-            event = await asyncio.wait_for(events.__anext__(), TIMEOUT)
-            if event == Log("the end"):
-                break
-            if not isinstance(event, State):
-                seen.append(text_of(event).encode(errors="surrogateescape"))
+        async with CardReader(path, card_removed_after=3600) as reader:
+            async for event in reader:
+                if event == Log("the end"):
+                    break
+                seen += [] if isinstance(event, State) else [text_of(event).encode(errors="surrogateescape")]
+            outcomes = [await difference(reader.clear_led(), outcome) for _, outcome in TABLES["answers"]]
+        expected = [unescape(each) for _, events in TABLES["lines"] for each in events.split("; ") if each]
         self.assertEqual(seen, expected)
+        self.assertEqual([row for row in zip(TABLES["answers"], outcomes) if row[1]], [])
 
-    async def test_answers(self):
-        table = rows("answers")
-        answers = data_file(left.encode() for _, left, _ in table)
-        reader, _ = await self.start(script(f"set -- {answers}; {ANSWERS}"))
-        await reader.wait_for("ready", timeout=TIMEOUT)
-        outcomes = [await difference_of(reader.clear_led(), right) for _, _, right in table]
-        different = [(row, outcome) for row, outcome in zip(table, outcomes) if outcome]
-        self.assertEqual(different, [])
+    async def test_wrong_arguments_are_refused_and_not_sent(self):
+        marks = []
+        async with CardReader(AGENT, trace=lambda _, mark, line: marks.append(mark), stderr="ignore") as reader:
+            await reader.wait_for("searching", timeout=TIMEOUT)
+            sent = marks.count(">")
+            for line, part in TABLES["arguments"]:
+                with self.subTest(line), self.assertRaisesRegex((ValueError, TypeError), re.escape(part)):
+                    command(reader, line)
+            self.assertEqual(marks.count(">"), sent)
 
-    async def test_arguments(self):
-        trace = []
-        reader, _ = await self.start(AGENT, trace=lambda *line: trace.append(line[1:]))
-        await reader.wait_for("searching", timeout=TIMEOUT)
-        sent = [line for line in trace if line[0] == ">"]
-        for number, left, right in rows("arguments"):
-            with self.subTest(f"lines.txt:{number}"):
-                with self.assertRaises((ValueError, TypeError)) as refused:
-                    command(reader, spaced(left))
-                self.assertIn(right, str(refused.exception))
-        await asyncio.sleep(0)
-        self.assertEqual([line for line in trace if line[0] == ">"], sent)
-
-    def test_options(self):
-        for number, left, right in rows("options"):
-            with self.subTest(f"lines.txt:{number}: {left}"):
-                name, value = option(*left.split(" ", 1))
-                if right == "ok":
+    async def test_options_errors_and_start_errors(self):
+        for line, part in TABLES["options"]:
+            with self.subTest(line):
+                [(name, value)] = option(line).items()
+                if part == "ok":
                     CardReader("agent", **{name: value})
                     continue
                 with self.assertRaises((ValueError, TypeError)) as refused:
                     CardReader("agent", **{name: value})
-                part = str(value) if re.fullmatch(r"-?\d+", right) else right
-                self.assertIn(snake(part) if part != name else part, str(refused.exception))
+                part = str(value) if part.lstrip("-").isdigit() else snake(part)
+                self.assertIn(part, str(refused.exception))
                 self.assertIn(name, str(refused.exception))
-
-    def test_errors(self):
-        for _, name, code in rows("errors"):
+        for name, code in TABLES["errors"]:
             self.assertEqual(getattr(card_reader_agent, name).code, code)
-        self.assertTrue(issubclass(card_reader_agent.CommandTimeoutError, TimeoutError))
-
-    async def test_start_errors(self):
-        for number, code, state in rows("start errors"):
-            error = OSError(getattr(errno, code), "")
-            with self.subTest(code), mock.patch("subprocess.Popen", side_effect=error):
-                reader, events = await self.start("agent")
-                self.assertEqual((await events.__anext__()).state, state)
-                self.assertIn(code, reader.reason)
-
-
-def spaced(text):
-    """The words of a command in which \\s is a space within a word."""
-    return [unescape(word).decode() for word in text.split(" ")]
+        for code, state in TABLES["start errors"]:
+            with mock.patch("subprocess.Popen", side_effect=OSError(getattr(errno, code), "")):
+                async with CardReader("agent") as reader:
+                    await reader.wait_for(state, timeout=TIMEOUT)
+                    self.assertIn(code, reader.reason)
