@@ -12,14 +12,13 @@ import unittest
 from unittest import mock
 
 from bench import AGENT, PACKAGE, ends, output, script
-from card_reader_agent import Card, CardReader, CardRemoved, Log, NoReaderError
-from card_reader_agent import ReaderChangedError, State
+from card_reader_agent import Card, CardReader, CardRemoved, NoReaderError, ReaderChangedError, State
 from card_reader_agent.testing import AsyncVirtualReader, StubReader
 
 TIMEOUT = 10
 ANSWERS_ONCE = 'read -r ping && read -r token && echo Ok: && echo "Ok: ${token#*Ping}"; exit 3'
 
-# Switches the LED off when it is interrupted. A worker forked off it lives on.
+# Sends a command when it is interrupted, and exits without closing the reader. Its worker lives on.
 APPLICATION = """if True:
     import asyncio, os, sys, time
     from card_reader_agent import CardReader
@@ -34,14 +33,9 @@ APPLICATION = """if True:
             try:
                 await asyncio.sleep(60)
             finally:
-                await reader.set_led("off")
                 print(await reader.ping("off"), flush=True)
-                if sys.argv[2:]:
-                    os._exit(0)
-    try:
-        asyncio.run(main())
-    except KeyboardInterrupt:
-        print("interrupted")
+                os._exit(0)
+    asyncio.run(main())
 """
 
 
@@ -58,43 +52,39 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         reader.start()
         return reader, events
 
+    async def card(self, events):
+        while not isinstance(await asyncio.wait_for(events.__anext__(), TIMEOUT), Card):
+            pass
+
     async def test_each_iteration_yields_all_events_from_then_on(self):
-        reader, early = await self.start(close_timeout=60, card_removed_after=60)
+        reader, early = await self.start()
         await reader.wait_for("ready", timeout=TIMEOUT)
         late = reader.__aiter__()
         await self.bench.hold("3AB1234/26")
-        while isinstance(event := await asyncio.wait_for(late.__anext__(), TIMEOUT), Log):
-            pass
-        self.assertEqual(event, Card("3AB1234"))
+        await self.card(late)
         self.assertEqual(reader.card, "3AB1234")
         await reader.close()
-        kinds = [getattr(event, "state", type(event).__name__) async for event in early]
-        kinds = [kind for kind in kinds if kind not in ("Poll", "Log")]
-        self.assertEqual(kinds, ["searching", "ready", "Card", "CardRemoved", "closed"])
+        kinds = [getattr(event, "state", "") async for event in early if isinstance(event, (Card, CardRemoved, State))]
+        self.assertEqual(kinds, ["searching", "ready", "", "", "closed"])
         self.assertEqual([event async for event in reader], [])
 
     async def test_a_blocked_event_loop_loses_no_card_and_no_answer(self):
         reader, events = await self.start(card_removed_after=0.2)
         await self.bench.hold("3AB1234/26")
-        while not isinstance(await events.__anext__(), Card):
-            pass
+        await self.card(events)
         await self.bench.delay("BeepNow", 0.1)
-        for blocked in 0.15, 0.25, 0.5:
-            beep = reader.beep(timeout=0.2)
-            await asyncio.sleep(0)
+        for blocked, written in (0.15, True), (0.25, True), (0.5, True), (1, False):
+            beep = reader.beep(timeout=0.3)
+            await asyncio.sleep(0) if written else None
             time.sleep(blocked)
             await beep
-        beep = reader.beep(timeout=0.3)
-        time.sleep(1)  # it was not even written
-        await beep
         seen = [events.queue.get_nowait() for _ in range(events.queue.qsize())]
         self.assertFalse([event for event in seen if isinstance(event, (Card, CardRemoved))])
 
     async def test_a_cancelled_close_kills_the_agent_and_reports_all(self):
         reader, events = await self.start(close_timeout=60)
         await self.bench.hold("3AB1234/26")
-        while not isinstance(await events.__anext__(), Card):
-            pass
+        await self.card(events)
         pid = reader.pid
         os.kill(pid, signal.SIGSTOP)
         closing = asyncio.ensure_future(reader.close())
@@ -104,12 +94,10 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         self.assertEqual((reader.state, ends(pid), closing.cancelled()), ("closed", True, True))
 
     async def test_on_connect_may_close_the_reader_and_never_acts_on_another(self):
-        is_first, started, outcomes = True, asyncio.Event(), []
+        started, outcomes = asyncio.Event(), []
 
         async def on_connect(reader):
-            nonlocal is_first
-            if is_first:
-                is_first = False
+            if not started.is_set():
                 started.set()
                 try:
                     await asyncio.sleep(60)
@@ -128,13 +116,6 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         self.assertEqual([type(outcomes[0]), *outcomes[1:]], [ReaderChangedError, None])
 
     async def test_ends_are_bounded_and_leave_nothing(self):
-        for text in "exec sleep 600", "sleep 60 & exit 5":
-            with self.subTest(text):
-                began = time.monotonic()
-                reader, _ = await self.start(script(text), close_timeout=0.2)
-                await asyncio.sleep(0.1)
-                await reader.close()
-                self.assertLess(time.monotonic() - began, 4)
         with mock.patch("card_reader_agent.process.Process.kill"):  # it survives
             reader, _ = await self.start(script("exec sleep 5"), close_timeout=0.1)
             await asyncio.sleep(0.1)
@@ -182,19 +163,16 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
         self.assertEqual(delays, ["0.05", "0.1", "0.05", "0.1", "0.2"])
         self.assertIn("giving up: the agent exited with status 3", logs.output[-1])
 
-    async def test_ctrl_c_leaves_time_to_clean_up_and_a_fork_holds_no_agent(self):
-        for is_abrupt in False, True:
-            command = [sys.executable, "-c", APPLICATION, AGENT, *["abrupt"] * is_abrupt]
-            env = {**self.bench.env, "PYTHONPATH": str(PACKAGE)}
-            pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
-            application = subprocess.Popen(command, env=env, start_new_session=True, **pipes)
-            agent, worker = map(int, application.stdout.readline().split())
-            self.addCleanup(os.kill, worker, signal.SIGKILL)
-            os.kill(application.pid, signal.SIGINT)
-            printed = "off\n" if is_abrupt else "off\ninterrupted\n"
-            self.assertEqual(application.communicate(timeout=10)[0], printed)
-            self.assertTrue(ends(agent))
-            self.assertNotEqual(output("ps", "-o", "stat=", "-p", worker)[:1], "Z")
+    async def test_ctrl_c_leaves_time_for_a_command_and_a_fork_holds_no_agent(self):
+        command = [sys.executable, "-c", APPLICATION, AGENT]
+        env = {**self.bench.env, "PYTHONPATH": str(PACKAGE)}
+        application = subprocess.Popen(command, env=env, start_new_session=True, stdout=subprocess.PIPE, text=True)
+        agent, worker = map(int, application.stdout.readline().split())
+        self.addCleanup(os.kill, worker, signal.SIGKILL)
+        os.kill(application.pid, signal.SIGINT)
+        self.assertEqual(application.communicate(timeout=10)[0], "off\n")
+        self.assertTrue(ends(agent))
+        self.assertNotEqual(output("ps", "-o", "stat=", "-p", worker)[:1], "Z")
 
     async def test_the_stub_reader_needs_no_agent(self):
         async with StubReader(restart_delay=0.01) as reader:
