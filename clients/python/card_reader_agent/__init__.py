@@ -1,8 +1,4 @@
-"""Card readers in Python, through the card reader agent.
-
-`CardReader` keeps a reader in use for as long as the application runs. `card_reader_agent.testing` has
-a virtual reader and a stub reader for the application's tests.
-"""
+"""Card readers in Python, through the card reader agent."""
 
 import logging
 

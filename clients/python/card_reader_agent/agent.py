@@ -97,10 +97,10 @@ class Agent:
         self._owner, self._options = owner, options
         self._pending: deque[Command] = deque()
         self._salt, self._count = secrets.token_hex(8), 0
-        self._last_reader: str | None = None  # the one attached last
+        self._last_reader: str | None = None
         self._said = ""
         self._reason = ""
-        self._is_settled = self._is_closing = False
+        self._is_closing = self._is_dying = self._is_settled = False
         self._loop = asyncio.get_running_loop()
         try:
             self._process = Process(path, options.env, self)
@@ -109,7 +109,7 @@ class Agent:
         self._hang = Countdown(options.watchdog_timeout, lambda: self.end(NOT_RESPONDING))
         self._quiet = Countdown(options.watchdog_interval or math.inf, self.ping)
         self._exit = Countdown(options.close_timeout, lambda: self.end(NOT_RESPONDING))
-        self._dying: asyncio.TimerHandle | None = None
+        self._death = Countdown(KILL_TIMEOUT, lambda: self.exited(None))
         self.ping()
 
     @property
@@ -150,10 +150,11 @@ class Agent:
 
     def end(self, reason: str) -> None:
         """Kill the agent. Settle when it has exited, or after KILL_TIMEOUT if it does not."""
-        if not self._is_settled and not self._dying:
+        if not self._is_settled and not self._is_dying:
+            self._is_dying = True
             self._reason = reason
-            self._dying = self._loop.call_later(KILL_TIMEOUT, self.exited, None)
             self._process.kill()
+            self._death.restart()
 
     def _token(self) -> str:
         self._count += 1
@@ -169,10 +170,8 @@ class Agent:
         if self._is_settled:
             return
         self._is_settled = True
-        for countdown in self._hang, self._quiet, self._exit:
-            countdown.stop()
-        if self._dying:
-            self._dying.cancel()
+        for timer in self._hang, self._quiet, self._exit, self._death:
+            timer.stop()
         self._process.release()
         pending, self._pending = self._pending, deque()
         for command in pending:

@@ -9,21 +9,16 @@ import signal
 import sys
 
 BAD_CPU_TYPE = 86  # macOS; unknown to the errno module
-ROSETTA = (
-    "this Mac has no Rosetta, which the agent needs; "
-    "run softwareupdate --install-rosetta --agree-to-license"
-)
+ROSETTA = "this Mac has no Rosetta, which the agent needs; run softwareupdate --install-rosetta --agree-to-license"
 RETRYABLE = {"EAGAIN", "EMFILE", "ENFILE", "ENOMEM", "ETXTBSY"}  # why a start may succeed later
 
 _FAILED = re.compile(
-    r"(?:Beeping|Setting LED state|Clearing LED state|Resetting card reader)"
-    r" failed with error (-?[0-9]+)"
+    r"(?:Beeping|Setting LED state|Clearing LED state|Resetting card reader) failed with error (-?[0-9]+)"
     r"|Failed to (?:read|write) reader config"
     r"|Call to \w+ failed; settings will not be set"
 )
 _OTHER_READER = re.compile(
-    r"Action was for reader (.+), but (?:there is no reader attached|the current reader is (Dev[0-9]{1,15}.*))",
-    re.DOTALL,
+    r"(?s)Action was for reader (.+), but (?:there is no reader attached|the current reader is (Dev[0-9]{1,15}.*))"
 )
 
 

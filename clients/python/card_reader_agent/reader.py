@@ -48,7 +48,7 @@ class CardReader:
     """A supervised reader, started by `async with` or by `start`. Times are in seconds.
 
     Read `state`; `reason`, that of the last state event; `failure`, which led to the state "failed";
-    and `card`, the ID of the card on the reader.
+    `name`, of the attached reader; `card`, the ID of the card on it; `pid`, of the agent's process.
 
     Each `async for` over it yields the events from then on, over all restarts. It ends when the reader
     is closed, and raises `failure` when the state becomes "failed".
@@ -97,12 +97,10 @@ class CardReader:
 
     @property
     def name(self) -> str | None:
-        """The name of the attached reader."""
         return self._agent.reader if self._agent else None
 
     @property
     def pid(self) -> int | None:
-        """The process ID of the running agent."""
         return self._agent.pid if self._agent else None
 
     def start(self) -> None:

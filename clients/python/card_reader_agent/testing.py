@@ -16,6 +16,7 @@ import tempfile
 import threading
 import time
 from collections.abc import Awaitable, Sequence
+from contextlib import ExitStack
 from typing import Any, Generic, TypeVar
 
 from .agent import Agent, Converter
@@ -51,24 +52,22 @@ class _Reader(Generic[Done]):
         when it cannot be run, VirtualReaderError when it does not answer.
         """
         self._program = os.fspath(program or os.environ.get("VIRTUAL_READER") or "virtual-reader")
-        self._folder = tempfile.mkdtemp(prefix="reader-")
-        self.socket = os.path.join(self._folder, "reader.sock")
-        self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self.socket}
         self._output: list[bytes] = []
-        command = [self._program, "--socket", self.socket, *([] if plugged else ["--unplugged"]), *arguments]
-        try:
+        with ExitStack() as stack:
+            folder = tempfile.mkdtemp(prefix="reader-")
+            stack.callback(shutil.rmtree, folder, ignore_errors=True)
+            self.socket = os.path.join(folder, "reader.sock")
+            self.env = {**os.environ, "VIRTUAL_READER_SOCKET": self.socket}
+            command = [self._program, "--socket", self.socket, *arguments]
+            if not plugged:
+                command.insert(1, "--unplugged")
             self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        except OSError:
-            shutil.rmtree(self._folder, ignore_errors=True)
-            raise
-        output = self.process.stdout or ()
-        self._collector = threading.Thread(target=self._output.extend, args=(output,), daemon=True)
-        self._collector.start()
-        try:
+            stack.callback(self._end_process)
+            output = self.process.stdout or ()
+            self._collector = threading.Thread(target=self._output.extend, args=(output,), daemon=True)
+            self._collector.start()
             self._wait_until_it_listens()
-        except BaseException:
-            self._end()
-            raise
+            self._end = stack.pop_all().close
 
     @property
     def output(self) -> str:
@@ -96,9 +95,9 @@ class _Reader(Generic[Done]):
             except VirtualReaderError as error:
                 if self.process.poll() is not None or time.monotonic() > deadline:
                     raise VirtualReaderError(f"no answer from {self._program}: {error}") from None
-            time.sleep(0.01)
+                time.sleep(0.01)
 
-    def _end(self) -> None:
+    def _end_process(self) -> None:
         if self.process.stdin:
             self.process.stdin.close()
         try:
@@ -109,7 +108,6 @@ class _Reader(Generic[Done]):
         self._collector.join(EXIT_TIMEOUT)
         if self.process.stdout and not self._collector.is_alive():
             self.process.stdout.close()
-        shutil.rmtree(self._folder, ignore_errors=True)
 
     def plug(self) -> Done:
         return self._run("plug")
@@ -129,7 +127,6 @@ class _Reader(Generic[Done]):
         return self._run(f"card hold {card}")
 
     def remove(self) -> Done:
-        """Take the held card away."""
         return self._run("card remove")
 
     def fail(self, call: str, *, error: int | None = None, when: str = "") -> Done:
@@ -138,7 +135,6 @@ class _Reader(Generic[Done]):
         return self._run(f"fail {call} {number} {when}")
 
     def hang(self, call: str, *, when: str = "") -> Done:
-        """Make a library call hang until `release`."""
         return self._run(f"hang {call} {when}")
 
     def delay(self, call: str, seconds: float, *, when: str = "") -> Done:
@@ -170,11 +166,9 @@ class VirtualReader(_Reader[None]):
         return self._execute(verb)
 
     def events(self, count: int = 1_000_000) -> list[str]:
-        """The last events of the event log, by default all."""
         return self.execute(f"events {count}").splitlines()
 
     def close(self) -> None:
-        """Unplug the reader and end it."""
         self._end()
 
     def _run(self, verb: str) -> None:
@@ -210,12 +204,8 @@ class AsyncVirtualReader(_Reader[Awaitable[None]]):
 
 
 class StubReader(CardReader):
-    """A `CardReader` for unit tests, without an agent: the test connects it and presents cards.
-
-    async with StubReader() as reader:
-        reader.connect()
-        reader.present("3AB1234")
-        assert reader.commands == ["SetLED green"]
+    """A `CardReader` for unit tests, without an agent: the test connects it and presents cards. `commands`
+    are those that it was sent, such as "SetLED green".
     """
 
     def __init__(self, **options: Any) -> None:
@@ -242,7 +232,6 @@ class StubReader(CardReader):
         self._errors += errors
 
     def crash(self) -> None:
-        """The agent ends and is restarted."""
         self._stub.end("the agent was killed by SIGKILL")
 
     def start(self) -> None:

@@ -1,6 +1,7 @@
 """What the tests share: where the programs are, and processes."""
 
 import os
+import signal
 import subprocess
 import tempfile
 import time
@@ -9,6 +10,9 @@ from pathlib import Path
 BUNDLE = f"{os.environ['BUILD_DIR']}/CardReaderAgent.app"
 AGENT = os.environ.get("AGENT", f"{BUNDLE}/Contents/MacOS/card-reader-agent")
 PACKAGE = Path(__file__).resolve().parents[1]
+
+# A shell's background job ignores it, and so would the programs that the tests interrupt.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 def output(*command):

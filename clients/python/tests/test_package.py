@@ -22,15 +22,11 @@ class PackageTest(unittest.TestCase):
         self.bench = VirtualReader()
         self.addCleanup(self.bench.close)
 
-    def start(self, program, agent):
-        application = subprocess.Popen(
-            [sys.executable, "-u", program, agent],
-            env={**self.bench.env, "PYTHONPATH": str(PACKAGE)},
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-            start_new_session=True,
-        )
+    def start(self, agent):
+        command = [sys.executable, "-u", self.folder / "cards.py", agent]
+        env = {**self.bench.env, "PYTHONPATH": str(PACKAGE)}
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
+        application = subprocess.Popen(command, env=env, start_new_session=True, **pipes)
         self.addCleanup(application.communicate)
         self.addCleanup(application.kill)
         return application
@@ -54,7 +50,7 @@ class PackageTest(unittest.TestCase):
     def test_the_first_program_of_the_readme_prints_what_it_says(self):
         [text] = re.findall("```python\n(.*?)```", README.read_text("utf-8"), re.DOTALL)
         (self.folder / "cards.py").write_text(text)
-        cards = self.start(self.folder / "cards.py", AGENT)
+        cards = self.start(AGENT)
         self.assert_prints(cards, "searching", "ready")
         self.bench.queue("3AB1234/26")
         self.bench.expect("beep short 1")
@@ -66,6 +62,6 @@ class PackageTest(unittest.TestCase):
         os.killpg(cards.pid, signal.SIGINT)  # as a terminal does
         self.assertEqual((cards.communicate(timeout=5), cards.returncode), (("", ""), 0))
         self.assertTrue(ends(agent))
-        failing = self.start(self.folder / "cards.py", "nowhere")
+        failing = self.start("nowhere")
         printed = "".join(failing.communicate(timeout=5))
         self.assertIn(f"```text\n{printed}```", README.read_text("utf-8"))
