@@ -91,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(read && to_text(*read) == to_text(static_cast<const call&>(each)),
             "a call can be written and read");
   }
-  for (const std::string& line : to_scenario(calls)) parse(line);
+  for (const std::string& line : to_scenario(to_events(calls))) parse(line);
   play_as_it_was(calls);
   play_otherwise(calls);
   return 0;

@@ -285,7 +285,7 @@ class Recordings(unittest.TestCase):
         path.write_text(BY_HAND, encoding="ascii")
         verbs = subprocess.run([BUILD / "virtual-reader", "--to-scenario", path], encoding="ascii",
                                stdout=subprocess.PIPE, check=True).stdout
-        for wanted in ("delay usbConnect", 'part "RDR-7"', 'say GetQueuedID thread "field on"',
+        for wanted in ('part "RDR-7"', 'say GetQueuedID thread "field on"',
                        "card queue 3AB1234/26", "fail BeepNow error -7 at 1",
                        "expect call BeepNow 2 0 -> 0", "unplug"):
             self.assertIn(wanted, verbs)

@@ -1,9 +1,11 @@
 #include "event_json.h"
 
+#include <cmath>
 #include <cstdio>
 #include <map>
 
 #include "call.h"
+#include "quoted.h"
 
 namespace virtual_reader {
 
@@ -100,6 +102,27 @@ std::string to_json(const event& event) {
   const json_fields own = fields_of(event.text, kind, rest);
   fields.insert(fields.end(), own.begin(), own.end());
   return json_object(fields);
+}
+
+event parse_json_event(const std::string& line) {
+  const auto place_of = [&](const std::string& name) {
+    const std::size_t place = line.find("\"" + name + "\":");
+    if (place == line.npos) throw syntax_error("no " + name);
+    return place + name.size() + 3;
+  };
+  event parsed;
+  parsed.time =
+      std::chrono::microseconds(std::llround(std::stod(line.substr(place_of("time"))) * 1e6));
+  parsed.count = std::stoull(line.substr(place_of("repeats")));
+  std::string escaped;  // as parse_quoted has it
+  for (std::size_t i = place_of("text"); i < line.size(); ++i) {
+    const bool is_code = line.compare(i, 4, "\\u00") == 0;
+    escaped += is_code ? "\\x" : line.substr(i, line[i] == '\\' ? 2 : 1);
+    i += is_code ? 3 : line[i] == '\\' ? 1 : 0;
+  }
+  std::size_t place = 0;
+  parsed.text = parse_quoted(escaped, &place);
+  return parsed;
 }
 
 }  // namespace virtual_reader

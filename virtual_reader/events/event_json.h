@@ -18,5 +18,7 @@ std::string json_array(const std::vector<std::string>& values);
 
 // One line: number, repeats, time, agent, kind, text, and the fields of its kind.
 std::string to_json(const event&);
+// Time, repeats and text of such a line. Throws an exception if it is none.
+event parse_json_event(const std::string& line);
 
 }  // namespace virtual_reader

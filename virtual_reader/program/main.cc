@@ -32,8 +32,7 @@ int print(const std::string& text) {
 
 std::string scenario_of(const std::string& path) {
   std::string text;
-  for (const std::string& line :
-       virtual_reader::to_scenario(virtual_reader::read_recording(path))) {
+  for (const std::string& line : virtual_reader::to_scenario(virtual_reader::read_events(path))) {
     text += line + "\n";
   }
   return text;

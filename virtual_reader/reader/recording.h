@@ -27,7 +27,7 @@ struct recorded_call : call {
 
   // One that has not ended never returned, and is the last.
   bool is_poll() const { return name == "GetQueuedID"; }
-  // What it answers is as if nothing had log.
+  // A poll that found nothing.
   bool is_idle() const { return is_poll() && has_ended && !card && !has_failed() && said.empty(); }
 };
 

@@ -1,4 +1,4 @@
-// A recording as a scenario that a person can read and change.
+// A session as a scenario that a person can read and change.
 #pragma once
 
 #include <string>
@@ -9,10 +9,14 @@
 
 namespace virtual_reader {
 
-// Lines of verbs. The reader does what it did, and what the host made it do is expected.
-std::vector<std::string> to_scenario(const std::vector<recorded_call>&);
+// Lines of verbs. Verbs stay verbs, lines to the agent are sent, and what the application made of
+// it is expected.
+std::vector<std::string> to_scenario(const std::vector<event>&);
 
-// Of a session so far: verbs stay verbs, and each effect becomes an `expect`.
-std::vector<std::string> to_scenario(const event_log&);
+// The events of a reader that behaves as the recorded one, and of the verbs that make it do so.
+std::vector<event> to_events(const std::vector<recorded_call>&);
+
+// Of a file with a recording, or with events as JSON. Throws std::runtime_error with one line.
+std::vector<event> read_events(const std::string& path);
 
 }  // namespace virtual_reader

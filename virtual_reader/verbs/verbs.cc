@@ -236,7 +236,9 @@ const std::vector<verb> all = {
     {"scenario", "", "print the session so far as a script",
      [](tokens&, command* c) {
        c->act = [](const session& s) {
-         for (const std::string& line : to_scenario(s.reader.log)) s.answer(line);
+         for (const std::string& line :
+              to_scenario(s.reader.log.last(SIZE_MAX, [](const event&) { return true; })))
+           s.answer(line);
        };
      }},
     {"loop", "[N]", "play the script again, N times in all",
