@@ -5,9 +5,11 @@ import XCTest
 
 let environment = ProcessInfo.processInfo.environment
 
-struct Failure: Error, CustomStringConvertible {
-  let description: String
-  init(_ description: String) { self.description = description }
+/// What a step of a list came to instead of what it expects.
+struct Failure: Error { let got: String }
+
+func expect(_ isExpected: Bool, _ got: String) throws {
+  if !isExpected { throw Failure(got: got) }
 }
 
 /// Texts in their order, for one task that waits for each.
@@ -18,7 +20,7 @@ actor Inbox {
 
   func next() async throws -> String {
     for _ in 0..<12_500 where texts.isEmpty { try await sleep(.milliseconds(2)) }
-    if texts.isEmpty { throw Failure("nothing came within 25 s") }
+    try expect(!texts.isEmpty, "nothing within 25 s")
     return texts.removeFirst()
   }
 }
@@ -111,14 +113,16 @@ func parse(_ text: String) throws -> Command {
     return { none(try await $0.waitFor(.init(rawValue: first)!, timeout: timeout)) }
   case "waitForConnection":
     return { try await $0.waitForConnection(timeout: timeout) == $0.name ? "" : "another name" }
-  default: throw Failure("no such command")
+  default: throw Failure(got: "no such command")
   }
   return { try await $0.execute(command, timeout: timeout) }
 }
 
-/// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
-func begin(_ command: @escaping Command, _ reader: CardReader) -> Task<String, any Error> {
-  Task { try await command(reader) }
+extension CardReader {
+  /// Begins a command. When the actor is free again, it was sent, if there is an agent to send it to.
+  func begin(_ command: @escaping Command) -> Task<String, any Error> {
+    Task { try await command(self) }
+  }
 }
 
 /// Waits for a command's outcome and compares it with the one that the lists have.
@@ -128,9 +132,8 @@ func check(_ command: Task<String, any Error>, _ expected: String) async throws 
   let actual = try await outcome.next()
   let (name, part) = expected.cut(at: " ")
   let (actualName, text) = actual.cut(at: " ")
-  if actualName != name || !(name == "ok" ? text == part : part.isEmpty || text.contains(part)) {
-    throw Failure("it was \(actual)")
-  }
+  let isExpected = name == "ok" ? text == part : part.isEmpty || text.contains(part)
+  try expect(actualName == name && isExpected, actual)
 }
 
 private func describe(_ result: Result<String, any Error>) -> String {
