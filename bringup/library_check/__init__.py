@@ -1,6 +1,6 @@
-"""The check of a reader library. Each row runs in a process of its own (row_process), which makes the
-calls (library) that the row asks for (rows); the parent (parent, check) looks at what comes of it, asks
-the person, and keeps and restores the reader's configuration (configuration).
+"""The check of a reader library: see docs/bring-up.md. The rows (rows) run in a process each (row_process),
+which makes the library's calls (library). The parent (parent, check) looks at what the process reports and
+how it exits, asks the person (person), and saves and restores the reader's configuration.
 """
 
 

@@ -1,4 +1,4 @@
-"""Runs rows in processes of their own, and collects what comes of them."""
+"""Runs rows in processes of their own, and collects what they report."""
 
 import json
 import os
@@ -13,130 +13,108 @@ from contextlib import suppress
 
 from .library import quoted
 
-TICK = 0.05  # seconds between two looks at the process and at signals
 START = 30.0  # seconds for Python to start, which Rosetta may have to translate first
 GRACE = 1.0  # seconds for the output of a process that has exited to end
+OVERALL = {  # rows about all processes
+    "removed": "no text comes once the marker function is removed",
+    "thread": "texts come during calls, on the caller's thread",
+    "length": "each text comes with its length",
+    "record": "Get and Set write within the 16 bytes of a record",
+    "output": "nothing is printed on standard output",
+    "exit": "each process exits with status 0",
+    "helper": "no process of the library stays behind",
+}
 
 
 def interpreter():
     """What runs a row: this Python, under Rosetta on Apple silicon, since the agent is x86-64."""
     is_arm_mac = sys.platform == "darwin" and platform.machine() == "arm64"
-    return ["arch", "-x86_64"] * is_arm_mac + [sys.executable]
+    return ["arch", "-x86_64"] * is_arm_mac + [sys.executable, "-S", "-E"]
 
 
 def ending(status):
     """How a process ended that should have gone on."""
-    if status >= 0:
-        return f"exited with status {status}"
-    try:
-        return f"crashed: {signal.Signals(-status).name}"
-    except ValueError:
-        return f"crashed: signal {-status}"
-
-
-class LoadError(Exception):
-    """The library cannot be loaded; the text says why."""
-
-
-class Interrupted(Exception):
-    """A signal asked the check to end."""
-
-
-class Repeat(Exception):
-    """The person wants the row to start again."""
+    with suppress(ValueError):
+        return f"crashed: {signal.Signals(-status).name}" if status < 0 else f"exited with status {status}"
+    return f"crashed: signal {-status}"
 
 
 class Parent:
-    """Starts rows, and holds all that they reported. `cancelled` is set by signals."""
+    """Starts rows, and holds all that they reported."""
 
     def __init__(self, options, person):
         self._options, self._person = options, person
-        self._start, self._processes = time.monotonic(), 0
-        self.cancelled = False
-        self.recording, self.texts, self.printed = [], [], []
-        self.facts, self.overruns, self.exits, self.helpers = set(), [], [], []
-        self.missing, self.records, self.part = [], None, None
+        self._begin, self._processes = time.monotonic(), 0
+        self.recording, self.facts, self.problems = [], {}, {key: set() for key in OVERALL}
 
-    def run(self, row, saved=None, interruptible=True, path=None):
-        """Runs the row. Returns its outcome and detail. Raises LoadError, or Repeat."""
+    def run(self, row, saved=None, is_interruptible=True, path=None):
+        """Runs the row. Returns its outcome and detail."""
         self._processes += 1
         request = {"row": row.name, "path": path or self._options.library, "saved": saved,
                    "timeout": self._options.timeout, "device_type": self._options.device_type}
         ours, its = socket.socketpair()
         # A session of its own, so that Ctrl-C reaches the parent alone.
-        process = subprocess.Popen(
-            [*interpreter(), sys.argv[0], "--row", json.dumps(request)],
-            stdin=its, stdout=subprocess.PIPE, start_new_session=True)
+        process = subprocess.Popen([*interpreter(), sys.argv[0], "--row", json.dumps(request)],
+                                   stdin=its, stdout=subprocess.PIPE, start_new_session=True)
         its.close()
+        state = {"during": "starting", "outcome": None, "detail": ""}
         try:
-            return self._watch(row, process, ours, interruptible)
+            trouble = self._watch(row, process, ours, state, is_interruptible)
         finally:
             ours.close()
             with suppress(OSError):
                 os.killpg(process.pid, signal.SIGKILL)  # and all that it started
             process.wait()
             process.stdout.close()
+        if not state["outcome"]:
+            outcome = "unloadable" if state["during"] == "loading the library" else "fail"
+            return outcome, f"{state['during']}: {trouble or 'exited with status 0'}"
+        if trouble:  # after the row, so it is no fault of the row
+            self.problems["exit"].add(f"{row.name}: {state['during']}: {trouble}")
+        return state["outcome"], state["detail"]
 
-    def _watch(self, row, process, channel, interruptible):
-        state = {"during": "starting", "outcome": None, "detail": "", "wish": None}
-        received, open_ends = b"", [channel, process.stdout]
-        last, ended = time.monotonic(), None
+    def _watch(self, row, process, channel, state, is_interruptible):
+        """Follows the process up to its end. Returns what was wrong with the end."""
+        received, open_ends, last, ended = b"", [channel, process.stdout], time.monotonic(), None
         while ended is None or open_ends and time.monotonic() < ended + GRACE:
-            for end in select.select(open_ends, [], [], TICK)[0]:
-                data = os.read(end.fileno(), 65536)
+            for end in select.select(open_ends, [], [], 0.05)[0]:
+                data = b""
+                with suppress(ConnectionResetError):  # it exited without reading an answer
+                    data = os.read(end.fileno(), 65536)
                 if not data:
                     open_ends.remove(end)
                 elif end is process.stdout:
-                    self.printed.append(f"{row.name}: {quoted(data[:1000])}")
+                    self.problems["output"].add(f"{row.name}: {quoted(data[:1000])}")
                 else:
                     *lines, received = (received + data).split(b"\n")
                     for line in lines:
-                        self._take(state, json.loads(line), channel)
+                        self._take(json.loads(line), state, channel)
                     last = time.monotonic()  # the person's time does not count
-            if interruptible and self.cancelled:
-                interruptible = False
+            if is_interruptible and self._person.is_cancelled:
+                is_interruptible = False
                 with suppress(OSError):
                     channel.shutdown(socket.SHUT_WR)
             if ended is None and process.poll() is not None:
                 ended = time.monotonic()
             limit = START if state["during"] == "starting" else self._options.timeout + GRACE
             if ended is None and time.monotonic() > last + limit:
-                return self._judge(row, state, f"did not return in {self._options.timeout:g} s")
+                return f"did not return in {self._options.timeout:g} s"
         if process.stdout in open_ends:
-            self.helpers.append(f"{row.name}: a process that the library started kept the output open")
-        return self._judge(row, state, ending(process.returncode) if process.returncode else "")
+            self.problems["helper"].add(f"{row.name}: a process that the library started kept the output open")
+        return ending(process.returncode) if process.returncode else ""
 
-    def _judge(self, row, state, trouble):
-        """The row's outcome. What goes wrong after it is no fault of the row."""
-        if state["wish"]:
-            raise state["wish"]
-        if not state["outcome"] and state["during"] == "loading the library":
-            raise LoadError(f"{state['during']}: {trouble}")
-        if state["outcome"] and trouble:
-            self.exits.append(f"{row.name}: {state['during']}: {trouble}")
-        elif not state["outcome"]:
-            return "fail", f"{state['during'] or 'between calls'}: {trouble or 'exited with status 0'}"
-        return state["outcome"], state["detail"]
-
-    def _take(self, state, message, channel):
-        if "load_error" in message:
-            raise LoadError(message["load_error"])
-        if "event" in message and not message["event"].startswith("enter GetQueuedID_index"):
-            at = message["time"] - self._start
-            self.recording.append(f"{at:.6f} {self._processes} {message['event']}")
-        if "wrong_length" in message:
-            self.texts.append(message)
-        if "overrun" in message:
-            self.overruns.append(message["overrun"])
-        self.facts.update([message["fact"]] if "fact" in message else [])
-        for name in ("missing", "records", "part"):
-            setattr(self, name, message.get(name, getattr(self, name)))
+    def _take(self, message, state, channel):
+        if "event" in message:
+            event = message["event"]
+            self.recording.append(f"{message['time'] - self._begin:.6f} {self._processes} {event}")
+            verb, name = (event + " ").split(" ", 2)[:2]
+            state["during"] = {"enter": name, "call": "after " + name}.get(verb, state["during"])
+        if "problem" in message:
+            key, text = message["problem"]
+            self.problems[key].add(text)
+        self.facts.update(message.get("fact", {}))
         state.update((name, message[name]) for name in state if name in message)
         if "ask" in message:
-            with suppress(OSError):  # it has ended meanwhile
-                try:
-                    answer = self._person.ask(message["ask"], message["words"])
-                    channel.sendall(json.dumps({"answer": answer}).encode() + b"\n")
-                except (Interrupted, Repeat) as wish:
-                    state["wish"] = wish
-                    channel.shutdown(socket.SHUT_WR)
+            answer = self._person.ask(message["ask"], message["words"])
+            with suppress(OSError):  # it may have exited meanwhile
+                channel.sendall(answer.encode() + b"\n")

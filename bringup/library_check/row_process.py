@@ -1,15 +1,15 @@
 """The process that runs one row: it makes the row's calls and reports on a socket, its standard input.
 
-Messages are JSON, one a line. To the parent: `event` (a line of a recording), `during` (the call that
-runs), `ask`, `outcome`. From the parent: `answer`. When the parent closes its end, or dies, no further
-call is made.
+Messages are JSON, one a line. To the parent: `event` (a line of a recording), `during`, `problem` (of which
+overall row, and what), `fact`, `ask`, `outcome`. From the parent: an answer. When the parent closes its end,
+or dies, no further call is made.
 """
 
 import ctypes
 import json
 import os
-import queue
-import socket
+import select
+import signal
 import sys
 import threading
 import time
@@ -19,53 +19,29 @@ from . import Failed, Skipped, rows
 from .library import Library
 
 
-class Channel:
-    """The socket to the parent."""
-
-    def __init__(self, timeout):
-        # The library gets neither the socket nor the terminal as its standard input.
-        self._socket = socket.socket(fileno=os.dup(0))
-        nothing = os.open(os.devnull, os.O_RDONLY)
-        os.dup2(nothing, 0)
-        os.close(nothing)
-        self._timeout, self._lock, self._answers = timeout, threading.Lock(), queue.Queue()
-        self.is_closed = False
-        threading.Thread(target=self._listen, daemon=True).start()
-
-    def report(self, **message):
-        line = json.dumps({"time": time.monotonic(), **message}).encode() + b"\n"
-        try:
-            with self._lock:
-                self._socket.sendall(line)
-        except OSError:
-            self.is_closed = True
-
-    def check_stop(self):
-        if self.is_closed:
-            raise Skipped("interrupted")
-
-    def next_answer(self):
-        answer = self._answers.get()
-        self.check_stop()
-        return answer
-
-    def _listen(self):
-        with suppress(OSError):  # a parent that dies may leave a reset
-            for line in self._socket.makefile():
-                self._answers.put(json.loads(line)["answer"])
-        self.is_closed = True
-        self._answers.put(None)
-        time.sleep(self._timeout)  # the call that runs may end; one that hangs must not stay forever
-        os._exit(1)
-
-
 class Reader:
     """What a row works with: the library, the reader and the person."""
 
-    def __init__(self, library, channel, request):
-        self.library, self._channel = library, channel
+    def __init__(self, request):
+        # The library gets neither the socket nor the terminal as its standard input.
+        self._socket, self._lock = os.dup(0), threading.Lock()
+        os.dup2(os.open(os.devnull, os.O_RDONLY), 0)
         self.timeout, self._device_type = request["timeout"], request["device_type"]
         self.saved = request["saved"]  # the configuration to restore
+        self.stays_connected = False
+        self.library = None
+
+    def load(self, path):
+        self.library = Library(path, self.report, self._check_stop)
+
+    def report(self, **message):
+        with suppress(OSError), self._lock:
+            os.write(self._socket, json.dumps({"time": time.monotonic(), **message}).encode() + b"\n")
+
+    def _check_stop(self):
+        if select.select([self._socket], [], [], 0)[0]:  # its end: nothing else comes without a question
+            raise Skipped("interrupted")
+        signal.alarm(int(self.timeout) + 30)  # ends a call that hangs when there is no parent to do so
 
     def search(self):
         """One search, as the agent makes it. Returns the status."""
@@ -78,43 +54,47 @@ class Reader:
         status = self.within_timeout(self.search)
         if not status:
             raise Failed(when + self.library.failure("usbConnect"))
-        self.report(fact="reader")
+        self.report(fact={"reader": True})
         return status
 
     def within_timeout(self, attempt):
         """Tries until it returns something true, or the time is over. Returns what it returned last."""
         end = time.monotonic() + self.timeout
-        while True:
-            result = attempt()
-            if result or time.monotonic() >= end:
-                return result
+        while not (result := attempt()) and time.monotonic() < end:
             self.pause()
+        return result
 
     def pause(self):
         time.sleep(rows.POLL_INTERVAL)
-        self._channel.check_stop()
+        self._check_stop()
 
     def ask(self, prompt, *words):
-        """Asks the person for one of the words, which may be a pattern. Raises Skipped without one."""
-        self._channel.report(ask=prompt, words=words)
-        answer = self._channel.next_answer()
-        if answer is None:
-            raise Skipped("skipped")
+        """Returns which of the words the person types, or what a pattern's group matches."""
+        signal.alarm(0)
+        self.report(ask=prompt, words=words)
+        answer = os.read(self._socket, 4096).decode().strip() or "interrupted"
+        if answer in ("skipped", "repeat", "interrupted"):
+            raise Skipped(answer)
         return answer
 
-    def please(self, what):
-        self.ask(f"{what} Type go, then do it within {self.timeout:g} s", "go")
+    def please(self, what, is_required=True):
+        """Returns whether the person does it."""
+        try:
+            return self.ask(f"{what} Type go, then do it within {self.timeout:g} s", "go")
+        except Skipped as reason:
+            if is_required or str(reason) != "skipped":
+                raise
+            return False
 
     def confirm(self, question, otherwise):
         if self.ask(question, "yes", "no") == "no":
             raise Failed(otherwise)
 
-    def report(self, **message):
-        self._channel.report(**message)
-
 
 def outcome_of(row, reader):
     try:
+        if "SetMarkerFunction" not in reader.library.missing:
+            reader.library.set_marker(True)
         if row.needs:
             reader.connect()
         return {"outcome": "pass", "detail": row.run(reader) or ""}
@@ -122,32 +102,24 @@ def outcome_of(row, reader):
         return {"outcome": "skip", "detail": str(reason)}
     except Failed as reason:
         return {"outcome": "fail", "detail": str(reason)}
-    except Exception:  # a fault in the row itself
-        import traceback  # slow to load
-
-        return {"outcome": "fail", "detail": traceback.format_exc()}
+    except Exception as error:  # a fault in the row itself
+        line = error.__traceback__.tb_next.tb_lineno if error.__traceback__.tb_next else 0
+        return {"outcome": "fail", "detail": f"the check's own fault: line {line}: {error!r}"}
 
 
 def main():
     request = json.loads(sys.argv[2])
-    channel = Channel(request["timeout"])
-    row = rows.find(request["row"])
-    channel.report(during="loading the library")
+    reader = Reader(request)
+    reader.report(during="loading the library")
     try:
-        library = Library(request["path"], channel.report, channel.check_stop)
+        reader.load(request["path"])
     except OSError as error:
-        channel.report(load_error=str(error).split("\n", 1)[0])
+        reader.report(outcome="unloadable", detail=str(error).split("\n", 1)[0])
         os._exit(0)
-    channel.report(during="", missing=library.missing)
-    reader = Reader(library, channel, request)
-    try:
-        if row.hears and "SetMarkerFunction" not in library.missing:
-            library.set_marker(True)
-    except Skipped:
-        pass
-    channel.report(**outcome_of(row, reader))
-    # Even when interrupted, the process leaves the library as the agent does.
-    library.leave(disconnects=row.disconnects)
-    channel.report(during="exiting")
+    reader.report(during="")
+    reader.report(**outcome_of(next(row for row in rows.ALL if row.name == request["row"]), reader))
+    if not reader.stays_connected:
+        reader.library.leave()
+    reader.report(during="exiting")
     # Python's own end would take the marker function from a library that still calls it.
     ctypes.CDLL(None).exit(0)
