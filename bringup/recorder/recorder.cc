@@ -14,8 +14,8 @@
 #pragma GCC visibility push(default)
 #include "pc_prox_api.h"
 #pragma GCC visibility pop
-#include "reader_library.h"
 #include "call.h"
+#include "reader_library.h"
 #include "recording.h"
 
 namespace {
