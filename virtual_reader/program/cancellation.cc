@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <system_error>
+#include <utility>
 
 namespace virtual_reader {
 
@@ -62,6 +63,25 @@ bool cancellation::write_all(int descriptor, const std::string& bytes, moment un
     if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) return false;
   }
   return true;
+}
+
+void cancellation::read_lines(int descriptor, std::size_t longest, const text_function& on_line,
+                              const text_function& on_bytes) const {
+  std::string line, block;
+  while (wait_for(descriptor, direction::input)) {
+    block.resize(65536);
+    const ssize_t count = read(descriptor, block.data(), block.size());
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (count <= 0) break;
+    block.resize(static_cast<std::size_t>(count));
+    for (std::size_t start = 0, end = 0; end < block.size(); start = end + 1) {
+      end = std::min(block.find('\n', start), block.size());
+      line.append(block, start, std::min(end - start, longest + 1 - line.size()));
+      if (end < block.size()) on_line(std::exchange(line, ""));
+    }
+    on_bytes(block);
+  }
+  if (!line.empty()) on_line(line);
 }
 
 }  // namespace virtual_reader

@@ -1,6 +1,5 @@
 #include "guardian.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,8 +22,7 @@ for signal in TERM KILL; do
   tries=0
   while [ $tries -lt 100 ] && kill -s 0 -- "-$group"; do sleep 0.02; tries=$((tries + 1)); done
 done
-rm -f "$0/reader.sock"
-rmdir "$0"
+[ "$0" = sh ] || { rm -f "$0/reader.sock"; rmdir "$0"; }
 )";
 
 std::string make_folder() {
@@ -40,19 +38,18 @@ std::string make_folder() {
 
 }  // namespace
 
-private_folder::private_folder() : path(make_folder()) {}
+guardian::guardian(bool wants_folder)
+    : folder(wants_folder ? make_folder() : ""),
+      script({"/bin/sh", "-c", script_text, wants_folder ? folder : "sh"}, {{}, false, {}, true}) {}
 
-private_folder::~private_folder() {
-  unlink(socket_path().c_str());
-  rmdir(path.c_str());
+guardian::~guardian() {
+  send("");  // the command has ended
+  script.close_input();
+  script.wait();
 }
 
-guardian::guardian() : script({"/bin/sh", "-c", script_text, folder.path}, {{}, false, {}, true}) {}
-
-guardian::~guardian() { kill(script.pid(), SIGKILL); }
-
-void guardian::watch(pid_t group) const noexcept try {
-  script.send(std::to_string(group) + "\n");
+void guardian::send(const std::string& group) const noexcept try {
+  script.send(group + "\n");
 } catch (const std::system_error&) {  // it was killed; then there is none
 }
 

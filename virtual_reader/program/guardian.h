@@ -1,4 +1,4 @@
-// What is left to clean up when this process is killed.
+// What is left to clean up, also when this process is killed.
 #pragma once
 
 #include <string>
@@ -7,34 +7,23 @@
 
 namespace virtual_reader {
 
-// A new folder for this user alone, with a path short enough for a socket in it.
-class private_folder {
- public:
-  private_folder();   // throws std::system_error
-  ~private_folder();  // removes it, and a socket in it
-  private_folder(const private_folder&) = delete;
-  private_folder& operator=(const private_folder&) = delete;
-
-  std::string socket_path() const { return path + "/reader.sock"; }
-
-  const std::string path;
-};
-
 // A small shell script that outlives this process if that is killed, and then ends the command
-// under test and removes the private folder. It sees that when its standard input ends.
+// under test. It sees that when its standard input ends. It also removes the folder.
 class guardian {
  public:
-  guardian();  // throws std::system_error
-  ~guardian();
+  explicit guardian(bool wants_folder);  // throws std::system_error
+  ~guardian();                           // lets it end, without harm to the command
   guardian(const guardian&) = delete;
   guardian& operator=(const guardian&) = delete;
 
   // The process group to be ended with this process.
-  void watch(pid_t group) const noexcept;
+  void watch(pid_t group) const noexcept { send(std::to_string(group)); }
 
-  const private_folder folder;
+  // For this user alone, with a path short enough for the socket `reader.sock` in it; may be empty.
+  const std::string folder;
 
  private:
+  void send(const std::string& group) const noexcept;
   child_process script;
 };
 

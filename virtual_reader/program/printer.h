@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <mutex>
 #include <string>
 
@@ -16,8 +15,7 @@ class printer {
  public:
   enum class channel { output, error };
 
-  // Events go to the channel. On a terminal they are marked if another program's lines are there
-  // too, and the LED has its color.
+  // Events go to the channel. On a terminal they are marked if another program's lines are there.
   printer(const event_log& log, channel event_channel, bool is_alone);
   // Prints what is left, for 2 s at most.
   ~printer();
@@ -35,7 +33,7 @@ class printer {
 
   const event_log& log;
   const channel event_channel;
-  const std::function<std::string(const std::string& text)> format;
+  const std::string mark;
   cancellation ending;
   std::atomic<tracing> traced{tracing::off};
   std::mutex mutex;

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "options.h"
-#include "outcome.h"
 #include "recording.h"
+#include "run_end.h"
 #include "script.h"
 
 namespace virtual_reader {

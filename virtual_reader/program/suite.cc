@@ -10,8 +10,8 @@
 #include <system_error>
 
 #include "run.h"
+#include "run_end.h"
 #include "script.h"
-#include "signal_watch.h"
 
 namespace virtual_reader {
 
@@ -127,7 +127,8 @@ int run_suite(const options& options) {
     const verdict found = run(options, {played, recording, events ? events->get() : nullptr});
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
     cases.push_back({name, found, time.count()});
-    if (has_command || is_plural || found.what >= result::error) {
+    const bool is_quiet = found.what == result::interrupted;
+    if (has_command || is_plural || (found.what >= result::error && !is_quiet)) {
       report("virtual-reader: " + (is_plural ? name + ": " : "") + found.text() + "\n");
     }
     if (found.what == result::interrupted) break;

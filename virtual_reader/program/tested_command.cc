@@ -9,12 +9,14 @@
 #include <sys/prctl.h>
 #endif
 
-#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <fstream>
 #include <iterator>
-#include <utility>
+
+#include "expectations.h"
+#include "tokens.h"
 
 namespace virtual_reader {
 
@@ -22,8 +24,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds step_limit{2000};        // of each step of its end
-constexpr std::size_t longest_piece = 1 << 20;  // that is handed over whole
+constexpr milliseconds step_limit{2000};  // of each step of its end
+constexpr milliseconds send_limit{5000};
 const char mark_name[] = "VIRTUAL_READER_RUN";
 
 // Wherever the command's own folder is, unless that would be too long for a socket.
@@ -74,25 +76,52 @@ void signal_all(int number, pid_t group, const std::string& mark) {
 
 tested_command::tested_command(const std::vector<std::string>& command,
                                const std::string& socket_path, const guardian& watching,
-                               line_function line, exit_function exit)
+                               event_log& event_log, const std::function<void()>& on_exit)
     : mark(new_mark()),
       process(
           command,
           {{{"VIRTUAL_READER_SOCKET", absolute(socket_path)}, {mark_name, mark}}, false, {}, true}),
       group(process.pid()),
-      on_line(std::move(line)),
-      on_exit(std::move(exit)),
-      waiter([this] { wait_for_exit(); }),
-      output([this] { pass_output(); }) {
+      log(event_log),
+      exited(exit.get_future()) {
   watching.watch(group);
+  waiter = std::async(std::launch::async, [this, on_exit] {
+    const exit_status status = process.wait();
+    exit.set_value(status);
+    log.add(0, "command exited with " + status.text());
+    on_exit();
+  });
+  output = std::async(std::launch::async, [this] {
+    output_ends.read_lines(
+        process.output_descriptor(), longest_line, [this](auto& line) { handle_line(line); },
+        [this](auto& bytes) { output_ends.write_all(STDOUT_FILENO, bytes); });
+  });
 }
 
 tested_command::~tested_command() { end(); }
 
-bool tested_command::send(const std::string& bytes) {
+void tested_command::handle_line(const std::string& line) {
+  const std::string announcement = "Reader: ";
+  if (line.rfind(announcement, 0) == 0) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    reader_name = line.substr(announcement.size());
+  }
+  log.add(0, "received " + plain_line(line));
+}
+
+void tested_command::send(const std::string& line) {
+  std::string addressed = line;
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    const bool is_whole = line.rfind("Global:", 0) == 0 || reader_name.empty();
+    if (!is_whole) addressed = reader_name + ":" + line;
+  }
   const std::lock_guard<std::mutex> lock(sending);
-  return !input_ends.is_cancelled() &&
-         input_ends.write_all(process.input_descriptor(), bytes, in(std::chrono::seconds(5)));
+  log.add(0, "sent " + without_controls(addressed));
+  if (input_ends.is_cancelled() ||
+      !input_ends.write_all(process.input_descriptor(), addressed + "\n", in(send_limit))) {
+    throw failed_expectation("command does not read its input", {});
+  }
 }
 
 void tested_command::close_input() {
@@ -101,9 +130,8 @@ void tested_command::close_input() {
   process.close_input();
 }
 
-std::optional<exit_status> tested_command::status() const {
-  const std::lock_guard<std::mutex> lock(mutex);
-  return known_status;
+bool tested_command::is_running() const {
+  return exited.wait_for(milliseconds(0)) != std::future_status::ready;
 }
 
 bool tested_command::is_agent() const {
@@ -111,56 +139,9 @@ bool tested_command::is_agent() const {
   return !reader_name.empty();
 }
 
-std::string tested_command::addressed(const std::string& line) const {
-  const std::lock_guard<std::mutex> lock(mutex);
-  return line.rfind("Global:", 0) == 0 || reader_name.empty() ? line : reader_name + ":" + line;
-}
-
-void tested_command::handle_line(const std::string& line) {
-  const std::string announcement = "Reader: ";
-  if (line.rfind(announcement, 0) == 0) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    reader_name = line.substr(announcement.size());
-  }
-  on_line(line);
-}
-
-void tested_command::pass_output() {
-  std::string pending;
-  char block[65536];
-  while (output_ends.wait_for(process.output_descriptor(), cancellation::direction::input)) {
-    const std::size_t size = process.receive(block, sizeof block);
-    if (size == 0) break;
-    pending.append(block, size);
-    std::size_t start = 0;
-    for (std::size_t end; (end = pending.find('\n', start)) != pending.npos; start = end + 1) {
-      handle_line(pending.substr(start, end - start));
-    }
-    pending.erase(0, start);
-    if (pending.size() > longest_piece) handle_line(std::exchange(pending, ""));
-    output_ends.write_all(STDOUT_FILENO, {block, size});
-  }
-  if (!pending.empty()) handle_line(pending);
-  const std::lock_guard<std::mutex> lock(mutex);
-  has_output = false;
-  changed.notify_all();
-}
-
-void tested_command::wait_for_exit() {
-  const exit_status found = process.wait();
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    known_status = found;
-    changed.notify_all();
-  }
-  on_exit(found);
-}
-
-bool tested_command::wait_until_ended(milliseconds limit) {
+bool tested_command::wait_until_ended(milliseconds limit) const {
   const moment until = in(limit);
-  std::unique_lock<std::mutex> lock(mutex);
-  if (!changed.wait_until(lock, until, [this] { return known_status.has_value(); })) return false;
-  lock.unlock();
+  if (exited.wait_until(until) != std::future_status::ready) return false;
   while (is_anything_left(group, mark)) {
     if (std::chrono::steady_clock::now() >= until) return false;
     poll(nullptr, 0, 5);
@@ -169,33 +150,29 @@ bool tested_command::wait_until_ended(milliseconds limit) {
 }
 
 tested_command::ending tested_command::end() {
-  if (!waiter.joinable()) return {};
+  if (!waiter.valid()) return {};
   close_input();
   const bool has_exited_by_itself = wait_until_ended(step_limit);
+  const bool had_exited = !is_running();
   bool is_over = has_exited_by_itself;
-  const std::optional<exit_status> own_status = status();
   for (const int number : {SIGTERM, SIGKILL}) {
     if (is_over) break;
     signal_all(number, group, mark);
     is_over = wait_until_ended(step_limit) && number != SIGKILL;
   }
-  waiter.join();
-  {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, step_limit, [this] { return !has_output; });
-  }
+  waiter.get();
+  output.wait_for(step_limit);
   output_ends.cancel();
-  output.join();
-  const exit_status last = *status();
-  if (own_status && !own_status->is_success()) return {false, "exited with " + own_status->text()};
+  output.get();
+  const exit_status last = wait();
+  const bool is_terminated = last.shell_status() == 128 + SIGTERM && !had_exited;
+  if (had_exited && !last.is_success()) return {false, "exited with " + last.text()};
   if (!is_over) return {false, "did not exit; killed"};
-  if (has_exited_by_itself) return {};
-  if (own_status) return {true, "left child processes running; ended by SIGTERM"};
-  if (last.is_success() || (last.is_signal && last.number == SIGTERM) ||
-      last.shell_status() == 128 + SIGTERM) {
-    return {true, "ignored end of input; ended by SIGTERM"};
+  if (!last.is_success() && !is_terminated) {
+    return {false, "exited with " + last.text() + " on SIGTERM"};
   }
-  return {false, "exited with " + last.text() + " on SIGTERM"};
+  if (has_exited_by_itself || !had_exited) return {};
+  return {true, "left child processes running; ended by SIGTERM"};
 }
 
 }  // namespace virtual_reader

@@ -41,21 +41,18 @@ control_page::control_page(const std::string& socket_path,
               false,
               {},
               true}),
-      waiter([this, on_failure = std::move(on_failure)] {
+      waiter(std::async(std::launch::async, [this, on_failure = std::move(on_failure)] {
         const exit_status status = server.wait();
         if (!status.is_success()) on_failure("the page's server exited with " + status.text());
-        exited.cancel();
-      }) {
-  server
-      .close_output();  // whatever a browser prints there does not belong to this program's output
+      })) {
+  server.close_output();  // a browser's lines there do not belong to this program's output
 }
 
 control_page::~control_page() {
   for (const int number : {SIGTERM, SIGKILL}) {
-    exited.wait_for(-1, cancellation::direction::input, in(exit_limit));
-    if (!exited.is_cancelled()) kill(-server.pid(), number);
+    if (waiter.wait_for(exit_limit) != std::future_status::ready) kill(-server.pid(), number);
   }
-  waiter.join();
+  waiter.wait();
   kill(-server.pid(), SIGTERM);  // a browser's opener that is left
 }
 

@@ -2,10 +2,9 @@
 #pragma once
 
 #include <functional>
+#include <future>
 #include <string>
-#include <thread>
 
-#include "cancellation.h"
 #include "child_process.h"
 
 namespace virtual_reader {
@@ -24,8 +23,7 @@ class control_page {
 
  private:
   child_process server;
-  cancellation exited;
-  std::thread waiter;
+  std::future<void> waiter;
 };
 
 }  // namespace virtual_reader
