@@ -116,8 +116,8 @@ class Check:
         self.add(first.name, outcome, detail)
         self.add("the library loads from another folder", *self.load_elsewhere())
         try:
-            for row in others:
-                if self.saved and not row.sets:
+            for previous, row in zip(rows.ROWS, others):
+                if self.saved and previous.sets and not row.sets:
                     self.add("the configuration is restored", *self.restore())
                 reason = self.reason_to_skip(row)
                 self.add(row.name, *(("skip", reason) if reason else self.attempt(row)))
