@@ -81,7 +81,7 @@ tokens::token tokens::read(std::size_t from) {
     if (place < line.size() && spaces.find(line[place]) == spaces.npos) {
       throw syntax_error("expected a space behind the closing quote");
     }
-    return {token::quoted, std::move(text), start};
+    return {token::in_quotes, std::move(text), start};
   }
   place = std::min(line.find_first_of(spaces, start), line.size());
   return {token::plain, line.substr(start, place - start), start};
@@ -114,7 +114,7 @@ std::string tokens::take() {
 }
 
 std::string tokens::take_quoted() {
-  if (next.kind != token::quoted) throw syntax_error("");
+  if (next.kind != token::in_quotes) throw syntax_error("");
   return pop().text;
 }
 

@@ -30,7 +30,7 @@ class tokens {
     return next.kind == token::plain && next.text == keyword;
   }
   bool is_number() const;
-  bool is_quoted() const { return next.kind == token::quoted; }
+  bool is_quoted() const { return next.kind == token::in_quotes; }
   bool take_if(const std::string& keyword);
   std::string take();  // whatever is next, if it is not in quotes
   std::string take_quoted();
@@ -44,7 +44,7 @@ class tokens {
 
  private:
   struct token {
-    enum { end, plain, quoted } kind;
+    enum { end, plain, in_quotes } kind;
     std::string text;
     std::size_t start;
   };
