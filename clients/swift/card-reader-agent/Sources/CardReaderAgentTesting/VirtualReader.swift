@@ -67,6 +67,7 @@ public final class VirtualReader: Sendable {
     end = Task {
       for await event in process.events {
         if case .errorOutput(let bytes) = event { FileHandle.standardError.write(Data(bytes)) }
+        if case .woken = event { process.signal(SIGKILL) }  // it has not ended after close()
       }
     }
   }
@@ -79,12 +80,8 @@ public final class VirtualReader: Sendable {
   /// Unplugs the reader and ends it. Any number of tasks may call it.
   public func close() async {
     process.closeInput()
-    let limit = Task { [process] in
-      try await Task.sleep(nanoseconds: 5_000_000_000)
-      process.signal(SIGKILL)
-    }
+    process.wake(after: 5)
     await end.value
-    limit.cancel()
     try? FileManager.default.removeItem(atPath: folder)
   }
 

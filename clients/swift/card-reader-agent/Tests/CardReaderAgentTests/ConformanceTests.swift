@@ -23,7 +23,7 @@ final class ConformanceTests: XCTestCase {
     let descriptors = try FileManager.default.contentsOfDirectory(atPath: "/dev/fd").count
     await withTaskGroup(of: Void.self) { group in
       for (index, item) in cases[..<first].enumerated() {
-        if index >= 8 { await group.next() }
+        if index >= 16 { await group.next() }
         group.addTask { await play(item.name, item.lines, programs) }
       }
     }
