@@ -111,9 +111,7 @@ class CardReader:
         self._next_start = asyncio.get_running_loop().call_soon(self._launch)
 
     async def close(self) -> None:
-        """Let the agent answer what was sent, then end it; kill it after `close_timeout`, or when this is
-        cancelled. May be called at any time, more than once.
-        """
+        """Let the agent answer what was sent, then end it; kill it if this is cancelled. May be repeated."""
         self._is_closing = True
         if self._connecting is asyncio.current_task():
             self._connecting = None  # it closes the reader itself, and goes on

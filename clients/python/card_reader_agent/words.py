@@ -27,11 +27,7 @@ _IGNORED = "Ignoring unexpected setting "
 
 
 # Setting type, then setting name, to a 32-bit integer or a truth value.
-_IDBitCounts = TypedDict(
-    "_IDBitCounts",
-    {"iLeadParityBitCnt": int, "iTrailParityBitCnt": int, "iTotalBitCnt": int},
-    total=False,
-)
+_Bits = TypedDict("_Bits", {"iLeadParityBitCnt": int, "iTrailParityBitCnt": int, "iTotalBitCnt": int}, total=False)
 _Flags = TypedDict("_Flags", {"bFrcBitCntEx": int, "bSndOnRx": int, "bHaltKBSnd": int}, total=False)
 _Times = TypedDict("_Times", {"iBitStrmTO": int, "iIDHoldTO": int, "iIDLockOutTm": int}, total=False)
 _Flags2 = TypedDict(
@@ -43,7 +39,7 @@ _Led = TypedDict("_Led", {"bAppCtrlsLED": int, "iRedLEDState": int, "iGrnLEDStat
 
 
 class Settings(TypedDict, total=False):
-    tsIDBitCnts: _IDBitCounts
+    tsIDBitCnts: _Bits
     tsCfgFlags: _Flags
     tsTimeParms: _Times
     tsCfgFlags2: _Flags2

@@ -57,13 +57,13 @@ class ReaderTest(unittest.IsolatedAsyncioTestCase):
             pass
 
     async def test_each_iteration_yields_all_events_from_then_on(self):
-        reader, early = await self.start()
+        reader, early = await self.start(close_timeout=60)
         await reader.wait_for("ready", timeout=TIMEOUT)
         late = reader.__aiter__()
         await self.bench.hold("3AB1234/26")
         await self.card(late)
         self.assertEqual(reader.card, "3AB1234")
-        await reader.close()
+        await asyncio.wait_for(reader.close(), TIMEOUT)
         kinds = [getattr(event, "state", "") async for event in early if isinstance(event, (Card, CardRemoved, State))]
         self.assertEqual(kinds, ["searching", "ready", "", "", "closed"])
         self.assertEqual([event async for event in reader], [])
