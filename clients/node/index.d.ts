@@ -6,15 +6,6 @@ export type LedColor = 'red' | 'green' | 'amber' | 'off';
 /** Setting type, then setting name, to a 32-bit integer; `true` is 1 and `false` is 0. */
 export type Settings = Record<string, Record<string, number | boolean>>;
 
-/** Gets each line of the protocol: `>` to the agent, `<` from it. */
-export type Trace = (time: Date, direction: '>' | '<', line: string) => void;
-
-/** Where the agent's standard error goes: to this process's, nowhere, or to a function, as text. */
-export type StandardError = 'inherit' | 'ignore' | ((text: string) => void);
-
-/** The agent's program, or its bundle: a path that ends with `.app`. */
-export type AgentPath = string | URL;
-
 // ---- Errors
 
 export type ErrorCode =
@@ -97,9 +88,13 @@ export interface ReaderOptions {
   onConnect?: ((reader: CardReader, context: { signal: AbortSignal }) => unknown) | null | undefined;
   /** The agent is killed if it has not exited so long after `close()`. Default: 2,000. */
   closeTimeout?: number | undefined;
-  /** Its last lines are also part of the reason of the agent's end. Default: `inherit`. */
-  stderr?: StandardError | undefined;
-  trace?: Trace | null | undefined;
+  /**
+   * Where the agent's standard error goes: to this process's, nowhere, or to a function, as text. Its
+   * last lines are also part of the reason of the agent's end. Default: `inherit`.
+   */
+  stderr?: 'inherit' | 'ignore' | ((text: string) => void) | undefined;
+  /** Gets each line of the protocol: `>` to the agent, `<` from it. */
+  trace?: ((time: Date, direction: '>' | '<', line: string) => void) | null | undefined;
 }
 
 /** A call that is cancelled rejects with the signal's reason. */
@@ -110,13 +105,6 @@ export interface Cancel {
 /** A call that takes longer rejects with `CommandTimeoutError`. */
 export interface Limits extends Cancel {
   timeout?: number | undefined;
-}
-
-export interface BeepOptions extends Limits {
-  /** 1 to 5 short beeps, 1 or 2 long ones. Default: 1. */
-  count?: number | undefined;
-  /** Default: `short`. */
-  length?: BeepLength | undefined;
 }
 
 export type EventName = keyof ReaderEvents;
@@ -153,7 +141,8 @@ export type ReaderEvent =
  * `TypeError` or a `RangeError`, for wrong arguments, before anything is sent.
  */
 export class CardReader extends EventEmitter implements AsyncIterable<ReaderEvent> {
-  constructor(path: AgentPath, options?: ReaderOptions);
+  /** The path is that of the agent's program, or of its bundle, which ends with `.app`. */
+  constructor(path: string | URL, options?: ReaderOptions);
 
   /** `starting` at first, also before `start()`. */
   readonly state: ReaderState;
@@ -178,8 +167,9 @@ export class CardReader extends EventEmitter implements AsyncIterable<ReaderEven
 
   /** Resolves with the text, without white space at its end. */
   ping(text?: string, limits?: Limits): Promise<string>;
+  /** 1 to 5 short beeps, 1 or 2 long ones. Default: 1, `short`. */
   beep(count?: number, length?: BeepLength): Promise<void>;
-  beep(options: BeepOptions): Promise<void>;
+  beep(options: Limits & { count?: number | undefined; length?: BeepLength | undefined }): Promise<void>;
   /** Takes the LED under the agent's control and sets its color. */
   setLed(color: LedColor, limits?: Limits): Promise<void>;
   /** Gives control of the LED back to the reader. */

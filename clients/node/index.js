@@ -2,7 +2,6 @@
 // The package for `require`. index.mjs exports the same classes.
 
 Object.assign(require('./builtins.js'), {
-  buffer: require('node:buffer'),
   childProcess: require('node:child_process'),
   crypto: require('node:crypto'),
   events: require('node:events'),

@@ -4,7 +4,6 @@
 // Text is UTF-8 in both directions. Bytes that are not valid UTF-8 become lone surrogates, U+DC80
 // to U+DCFF, so that a reader's name returns to the agent unchanged.
 
-const { isUtf8 } = require('./builtins.js').buffer;
 const { NoReaderError, ReaderChangedError, ReaderFailedError, RejectedError } = require('./errors.js');
 
 const LINE_LIMIT = 1023; // bytes before the newline
@@ -20,6 +19,8 @@ const FEEDBACK =
   /^(?:Beeping|(?:Sett|Clear)ing LED state|Resetting card reader) failed with error (-?\d+)$/;
 const CONFIGURATION = /^(?:Failed to (?:read|write) reader config|Call to [GS]et\w+ failed; .*)$/;
 const UNKNOWN = 'Ignoring unexpected setting ';
+
+const isUtf8 = (bytes) => Buffer.from(bytes.toString()).equals(bytes);
 
 function decode(bytes) {
   if (isUtf8(bytes)) return bytes.toString();

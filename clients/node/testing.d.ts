@@ -1,13 +1,6 @@
 /// <reference types="node" />
 import { CardReader, type ReaderOptions } from './index.js';
 
-export interface VirtualReaderOptions {
-  /** The program `virtual-reader`: by default $VIRTUAL_READER, or the one on the path. */
-  program?: string;
-  /** Whether the reader is plugged in from the start: true. */
-  plugged?: boolean;
-}
-
 /**
  * A virtual reader for tests, one process with a private socket. It ends with `close()`, and with
  * the process that started it, whatever becomes of that.
@@ -16,7 +9,10 @@ export interface VirtualReaderOptions {
  * the verb is wrong or what was expected did not come.
  */
 export class VirtualReader {
-  static start(options?: VirtualReaderOptions): Promise<VirtualReader>;
+  /**
+   * Default: the program `$VIRTUAL_READER`, or `virtual-reader` on the path, with the reader plugged in.
+   */
+  static start(options?: { program?: string; plugged?: boolean }): Promise<VirtualReader>;
 
   /**
    * The environment for the agent, or for the application under test, that is to find this reader.

@@ -7,6 +7,7 @@ const { mkdtemp, rm } = require('node:fs/promises');
 const { tmpdir } = require('node:os');
 const { join } = require('node:path');
 const { createInterface } = require('node:readline');
+const { promisify } = require('node:util');
 require('./index.js');
 const { AgentEndedError } = require('./errors.js');
 const { CardReader, createAgent } = require('./reader.js');
@@ -17,21 +18,19 @@ class VirtualReader {
   #program;
   #folder;
   #process;
-  #closed = null;
 
   static async start({ program, plugged = true } = {}) {
-    program ??= process.env.VIRTUAL_READER ?? 'virtual-reader';
     const reader = new VirtualReader();
-    reader.#program = program;
+    reader.#program = program ?? process.env.VIRTUAL_READER ?? 'virtual-reader';
     reader.#folder = await mkdtemp(join(tmpdir(), 'reader-'));
-    const socket = join(reader.#folder, 'reader.sock');
-    reader.env = { ...process.env, VIRTUAL_READER_SOCKET: socket };
-    const onError = async (error) => {
-      await rm(reader.#folder, { recursive: true, force: true });
-      throw new Error(`cannot start the virtual reader ${program}: ${error.message}`);
-    };
-    await reader.#launch(plugged).catch(onError);
-    return reader;
+    reader.env = { ...process.env, VIRTUAL_READER_SOCKET: join(reader.#folder, 'reader.sock') };
+    try {
+      await reader.#launch(plugged);
+      return reader;
+    } catch (error) {
+      await reader.close();
+      throw new Error(`cannot start the virtual reader ${reader.#program}: ${error.message}`);
+    }
   }
 
   // A pipe is its standard input, whose end ends it: a test that dies leaves none behind.
@@ -51,12 +50,12 @@ class VirtualReader {
 
   async execute(verb) {
     const options = ['--socket', this.env.VIRTUAL_READER_SOCKET, '--execute', verb];
-    return await new Promise((resolve, reject) => {
-      execFile(this.#program, options, { maxBuffer: Infinity }, (error, answer, message) => {
-        if (error) reject(new Error(`${verb}: ${message.trim() || error.message}`));
-        else resolve(answer.trimEnd());
-      });
-    });
+    try {
+      const { stdout } = await promisify(execFile)(this.#program, options, { maxBuffer: Infinity });
+      return stdout.trimEnd();
+    } catch (error) {
+      throw new Error(`${verb}: ${error.stderr?.trim() || error.message}`);
+    }
   }
 
   async events(count = 1_000_000) {
@@ -64,16 +63,12 @@ class VirtualReader {
     return text ? text.split('\n') : [];
   }
 
-  close() {
-    return (this.#closed ??= this.#end());
-  }
-
   [Symbol.asyncDispose ?? Symbol.for('Symbol.asyncDispose')]() {
     return this.close();
   }
 
-  async #end() {
-    if (this.#process.exitCode === null && this.#process.signalCode === null) {
+  async close() {
+    if (this.#process.pid && this.#process.exitCode === null && this.#process.signalCode === null) {
       const limit = setTimeout(() => this.#process.kill('SIGKILL'), END_LIMIT_MS);
       this.#process.stdin.end();
       await once(this.#process, 'close');
