@@ -15,7 +15,7 @@ from bench import AGENT, PACKAGE, ends, output, script
 from card_reader_agent import Card, CardReader, CardRemoved, NoReaderError, ReaderChangedError, State
 from card_reader_agent.testing import AsyncVirtualReader, StubReader
 
-TIMEOUT = 10
+TIMEOUT = 20  # seconds, for what must happen
 ANSWERS_ONCE = 'read -r ping && read -r token && echo Ok: && echo "Ok: ${token#*Ping}"; exit 3'
 
 # Sends a command when it is interrupted, and exits without closing the reader. Its worker lives on.
