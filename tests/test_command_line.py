@@ -104,7 +104,7 @@ class CommandLine(unittest.TestCase):
         return found
 
     def popen(self, *line, **how):
-        process = subprocess.Popen(line, env=self.env, text=True, **how)
+        process = subprocess.Popen(line, **{"env": self.env, "text": True, **how})
         self.addCleanup(process.__exit__, None, None, None)
         self.addCleanup(process.kill)
         return process
@@ -349,6 +349,21 @@ class CommandLine(unittest.TestCase):
         _, err = following.communicate(timeout=60)
         self.assertEqual((following.returncode, err), (1, "interrupted\n"))
         self.assertEqual(self.run_reader("--socket", "s", "-e", "show")[0], 2)
+
+    def test_a_killed_agent_whose_call_hung_does_not_hold_the_reader(self):
+        with VirtualReader(READER) as reader:
+            start = lambda: self.popen(AGENT, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                       env={**self.env, "VIRTUAL_READER_SOCKET": reader.socket})
+            reader.execute("hang GetQueuedID")
+            killed = start()
+            waiting = self.popen(READER, "--socket", reader.socket, "-e", "expect reset within 60000")
+            reader.expect("enter GetQueuedID")
+            waiting.kill()
+            killed.kill()
+            reader.expect("agent detached", within=2000)  # not only at the call's end
+            start()
+            reader.expect("connected")
+            self.assertIn('"holds_reader":true', reader.execute("show"))
 
     def test_nobody_is_held_up_by_output_that_nobody_reads(self):
         run = self.start("wait 60000", sys.executable, "-c", "while True: print('x' * 1000)",

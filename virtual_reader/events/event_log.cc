@@ -94,11 +94,14 @@ bool event_log::wait(std::uint64_t number, std::chrono::steady_clock::time_point
   while (next <= number) {
     const std::uint64_t wakes_before = wakes;
     lock.unlock();  // since it may look at anything
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= until || (is_interrupted && is_interrupted())) return false;
+    const bool is_over = std::chrono::steady_clock::now() >= until;
+    if (is_over || (is_interrupted && is_interrupted())) return false;
     lock.lock();
-    if (next <= number && wakes == wakes_before) {
-      changed.wait_until(lock, std::min(until, now + std::chrono::milliseconds(100)));
+    const auto has_changed = [&] { return next > number || wakes != wakes_before; };
+    if (until == std::chrono::steady_clock::time_point::max()) {
+      changed.wait(lock, has_changed);
+    } else {
+      changed.wait_until(lock, until, has_changed);
     }
   }
   return true;

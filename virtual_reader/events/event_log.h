@@ -46,8 +46,8 @@ class event_log {
   // application.
   bool has_dropped(std::uint64_t from) const;
 
-  // Waits until there is an event with that number. False at the limit, or when it was interrupted,
-  // which is asked after wake(), and often.
+  // Waits until there is an event with that number. False at the limit, or if it was interrupted,
+  // which is asked at first and after wake().
   bool wait(std::uint64_t number, std::chrono::steady_clock::time_point until,
             const std::function<bool()>& is_interrupted) const;
   void wake() const;

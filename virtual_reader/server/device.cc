@@ -41,6 +41,14 @@ void device::refuse(const std::string& why) {
   log.add(++last_agent, "agent refused: " + why);
 }
 
+void device::wake() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    changed.notify_all();
+  }
+  log.wake();
+}
+
 void device::cancel() {
   const std::lock_guard<std::mutex> lock(mutex);
   is_cancelled = true;
@@ -54,8 +62,7 @@ bool device::wait_out(const connection& to, std::chrono::milliseconds time,
   std::unique_lock<std::mutex> lock(mutex);
   while (!is_cancelled && state.releases == releases && std::chrono::steady_clock::now() < until) {
     if (to.is_closed()) return false;
-    // So soon does it show that an agent was killed.
-    changed.wait_until(lock, std::min(until, in(std::chrono::milliseconds(100))));
+    changed.wait_until(lock, until);
   }
   return !is_cancelled;
 }

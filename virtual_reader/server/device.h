@@ -59,6 +59,8 @@ class device {
   // Answers the call. Returns nothing, or that the link is to be cut and what the agent did wrong,
   // if anything.
   std::optional<std::string> answer(const connection& to, int agent, call asked);
+  // Calls that are delayed, and waits for events, check again whether to go on.
+  void wake();
   // Ends all calls that are delayed or hang, now and later, without an answer.
   void cancel();
 

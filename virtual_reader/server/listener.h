@@ -16,9 +16,10 @@ class listener {
   explicit listener(const std::string& socket_path);
   ~listener();  // removes the socket if it is still its own
 
-  // A socket to who comes next; -1 if nobody does in a second, or after interrupt().
+  // The next connection; -1 if none comes in a second, or after interrupt().
   int accept();
-  void interrupt() const;  // from any thread
+  void interrupt() const;                       // from any thread
+  int number() const { return socket.number; }  // for poll(2)
 
  private:
   const std::string path;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace virtual_reader {
 
@@ -57,10 +58,28 @@ void server::join_peers(bool all) {
   }
 }
 
+// Waits for a new peer, or a second. What waits on behalf of a peer that hangs up is woken.
+bool server::watch_peers() {
+  std::vector<pollfd> watched = {{door->number(), POLLIN, 0}};
+  for (const peer& each : peers) {
+    watched.push_back({each.has_hung_up ? -1 : each.socket.number, 0, 0});
+  }
+  poll(watched.data(), static_cast<nfds_t>(watched.size()), 1000);
+  bool has_lost = false;
+  auto seen = watched.begin();
+  for (peer& each : peers) {
+    if ((++seen)->revents == 0) continue;
+    has_lost = each.has_hung_up = true;
+  }
+  if (has_lost) served.wake();
+  return watched[0].revents != 0;
+}
+
 void server::accept_peers() {
   while (!is_ending) {
-    const int socket = door->accept();
+    const bool is_called = watch_peers();
     join_peers(false);
+    const int socket = is_called ? door->accept() : -1;
     if (socket < 0) continue;
     peer& added = peers.emplace_back(socket);
     try {

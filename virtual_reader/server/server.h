@@ -30,9 +30,11 @@ class server {
     explicit peer(int accepted) : socket(accepted) {}
     const descriptor socket;
     std::atomic<bool> has_ended{false};
+    bool has_hung_up = false;  // the acceptor's
     std::thread worker;
   };
   void accept_peers();
+  bool watch_peers();
   void serve(int socket);
   void serve_agent(int socket);
   void join_peers(bool all);
