@@ -16,7 +16,7 @@
 #pragma GCC visibility pop
 #include "call.h"
 #include "reader_library.h"
-#include "recording.h"
+#include "recording_file.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ std::string about(const std::string& path) {
 struct recorder {
   const std::string path = path_of_recorded();
   reader_library library;
-  recording file{about(path)};
+  recording_file file{about(path)};
   std::atomic<pc_prox::marker_function> marker{nullptr};
 
   recorder() {

@@ -40,11 +40,14 @@ struct call {
 std::string to_text(const call&);
 std::optional<call> parse_call(const std::string& line);
 
+// The first line of a recording.
+inline constexpr char recording_header[] = "# card reader recording 1";
+
 // `says [thread] "TEXT" [length N]`: the marker function was called, during the call whose line
 // follows.
 struct says {
   std::string text;
-  std::int64_t length = 0;  // as it is told: an int, and at most the text's
+  std::int64_t length = 0;  // as the agent gets it: an int, at most the text's
   bool own_thread = false;
 };
 std::string to_text(const says&);

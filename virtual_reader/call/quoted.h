@@ -1,4 +1,4 @@
-// Texts in double quotes, with C escapes: as the verbs take them and the record gives them.
+// Texts in double quotes, with C escapes: as verbs take them and the event log has them.
 #pragma once
 
 #include <cstddef>

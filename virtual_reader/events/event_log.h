@@ -16,7 +16,7 @@
 
 namespace virtual_reader {
 
-// An event in the log. Numbers grow by one and never come again, so that a reader of the log goes
+// An event in the log. Numbers grow by one and are never reused, so that a reader of the log goes
 // on where it was, also when what is between has been dropped. Equal events in a row are one that
 // has a count, and as many numbers.
 struct event : event_line {

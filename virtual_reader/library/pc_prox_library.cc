@@ -63,7 +63,7 @@ void make_link() {
   }
 }
 
-// Sends the call and acts on what comes before its reply; nothing when the link has failed.
+// Sends the call and acts on what precedes its reply; nothing when the link has failed.
 std::optional<call> exchange(const call& made) {
   moment until = in(message_limit);
   if (!send_message(library.link.number, to_text(made), until)) return {};
@@ -131,7 +131,7 @@ status set_record(const char* name, const T* given) {
 extern "C" {
 
 void SetMarkerFunction(pc_prox::marker_function function) {
-  // Set before, since texts may come during this very call.
+  // Set before, since this very call may print texts.
   const pc_prox::marker_function before = std::exchange(library.marker, function);
   if (ask(__func__, {function != nullptr}, true).has_failed()) library.marker = before;
 }

@@ -23,8 +23,8 @@ constexpr std::size_t led_record = 32;  // where it begins
 // Where the record begins that a call gets or sets; nothing if it is another call.
 std::optional<std::size_t> record_of(const std::string& call);
 
-// One text a record, TYPE.NAME=VALUE for each field, as hosts write it; fields without a known
-// meaning are reserved and their offset in bytes, and can be left out.
+// One text a record, TYPE.NAME=VALUE for each field, as applications write it; fields without a
+// known meaning are reserved and their offset in bytes, and can be left out.
 std::vector<std::string> to_text(const configuration&, bool with_reserved);
 
 }  // namespace virtual_reader

@@ -11,7 +11,7 @@ namespace virtual_reader {
 struct fault {
   enum class kind { fail, vanish, delay, hang, say } what;
   std::string call;
-  // Which of the calls since the rule was set it concerns, counted from 1.
+  // Which calls since the fault was set it concerns, counted from 1.
   static constexpr std::uint64_t for_ever = UINT64_MAX;
   // A delay lasts so long at most, and a hang so long.
   static constexpr std::chrono::milliseconds longest = std::chrono::hours(24);
@@ -19,7 +19,7 @@ struct fault {
   std::int64_t error = 1;             // fail
   std::chrono::milliseconds time{0};  // delay and hang, unless released before
   std::string text{};                 // say
-  std::int64_t length = 0;            // say: told to the agent, at most the text's
+  std::int64_t length = 0;            // say: as the agent gets it, at most the text's
   bool own_thread = false;            // say
   std::uint64_t seen = 0;
   std::uint64_t id = 0;  // given by fault_list::add
@@ -36,7 +36,7 @@ class fault_list {
   void clear(const std::string& call);
   void clear(std::uint64_t id);
 
-  // What there is for a call that comes now. Rules that are used up by it go. Of several failures
+  // The faults due for the next call. Those that it uses up are dropped. Of several failures
   // that begin with the next call one strikes, the others wait for the calls after it; so do hangs.
   std::vector<fault> take_due(const std::string& call);
   bool concern(const std::string& call) const;

@@ -16,8 +16,8 @@
 
 namespace virtual_reader {
 
-// Agents are told by the numbers of their connections; 0 is none. What happens to the reader goes
-// into the record.
+// Agents are known by the numbers of their connections; 0 is none. What happens to the reader is
+// logged.
 struct reader {
   explicit reader(event_log& written) : log(written) {}
 
@@ -34,7 +34,7 @@ struct reader {
   std::string led = "auto";  // red, green, amber, off, or auto: the reader controls it
   std::string shown_led() const { return plugged ? led : "dark"; }
   fault_list faults;
-  bool id_questions_wanted = false;  // calls of GetQueuedID_index, beyond those with a rule
+  bool id_questions_wanted = false;  // calls of GetQueuedID_index, beyond those with a fault
 
   struct waiting_call {
     int agent;

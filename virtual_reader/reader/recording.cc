@@ -46,7 +46,7 @@ class collector {
       std::transform(text.values.begin() + 1, text.values.end(), fields.begin(),
                      [](std::int64_t value) { return static_cast<std::int16_t>(value); });
       const auto place = record_of(text.name);
-      // The first: what comes later may have been set in between.
+      // The first: later ones may have been set in between.
       if (place) calls[*configuration_read].records.emplace(*place, fields);
     }
   }
@@ -80,7 +80,7 @@ std::vector<recorded_call> read_recording(std::istream& recording, const std::st
   int number = 0;
   bool was_cut_off = false;
   for (std::string line; std::getline(recording, line);) {
-    if (++number == 1 && line != "# card reader recording 1") break;
+    if (++number == 1 && line != recording_header) break;
     if (line.empty() || line[0] == '#') continue;
     const auto entry = parse_event(line);
     const auto call = entry ? parse_call(entry->text) : std::nullopt;

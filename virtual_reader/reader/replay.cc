@@ -9,7 +9,7 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// How much longer than recorded a host may need.
+// How much longer than recorded an application may need.
 constexpr std::chrono::seconds patience{2};
 // Calls that took less are not slow.
 constexpr std::chrono::milliseconds least_delay{10};
@@ -23,7 +23,7 @@ std::string text_of(const recorded_call& each) {
   return to_text(text).substr(5) + time;
 }
 
-// What a host gets a line for: not a card that is still there.
+// What an application gets a line for: not a card that is still there.
 bool is_event(const recorded_call& poll, const recorded_call* before) {
   const bool is_still_there = poll.card && before && before->card && *poll.card == *before->card;
   return !poll.is_idle() && !is_still_there;
@@ -34,7 +34,7 @@ bool is_event(const recorded_call& poll, const recorded_call* before) {
 replay::replay(std::vector<recorded_call> recorded) : calls(std::move(recorded)) {
   for (std::size_t i = 0; i < calls.size(); ++i) {
     left[calls[i].name].push_back(i);
-    // The agent's last call comes at its end, for which nothing waits.
+    // The agent's last call is made at its end; nothing waits for it.
     const bool is_last =
         calls[i].name == "SetMarkerFunction" && calls[i].arguments == std::vector<std::int64_t>{0};
     if (!calls[i].is_poll() && !is_last) left_but_polls.insert(i);
@@ -54,7 +54,7 @@ void replay::part(int agent, reader* playing, const std::string& how) {
   has_diverged = true;
 }
 
-// Whether calls that were recorded before that one are yet to come.
+// Whether calls that were recorded before that one are missing so far.
 bool replay::must_wait(std::size_t index, int agent, reader* playing) {
   const auto now = clock::now();
   if (waiting_since == clock::time_point{}) waiting_since = now;

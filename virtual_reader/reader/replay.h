@@ -16,9 +16,9 @@
 namespace virtual_reader {
 
 // Each call is answered by the first one of its name that was not played yet. A poll whose answer
-// is an event to the host (a card, a failure) waits for the calls that were recorded before it,
-// since the host may need longer for them than it did then. Where agent and recording part, the
-// record says so; then, and at the end of the recording, the reader answers by itself.
+// is an event to the application (a card, a failure) waits for the calls that were recorded before
+// it, since the application may need longer for them than it did then. Where agent and recording
+// part, the record says so; then, and at the end of the recording, the reader answers by itself.
 class replay {
  public:
   explicit replay(std::vector<recorded_call> recorded);
@@ -29,7 +29,7 @@ class replay {
   };
   progress state() const { return {has_ended, has_diverged}; }
 
-  // Prepares the reader for a call that comes now, and returns the rules for it.
+  // Prepares the reader for a call, and returns the faults for it.
   std::vector<fault> prepare(int agent, const call& asked, reader* playing);
 
  private:

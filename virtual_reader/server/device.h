@@ -22,7 +22,7 @@ class device {
   // To be read without any lock.
   event_log log;
 
-  // What `look` and `change` do with the reader is done at once, as everyone else sees it.
+  // What `look` and `change` do with the reader is one step for all others.
   template <typename F>
   auto read(const F& look) const {
     const std::lock_guard<std::mutex> lock(mutex);

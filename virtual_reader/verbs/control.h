@@ -1,4 +1,4 @@
-// Serves one who has come to a device's socket to tell it verbs.
+// Serves a control client on a device's socket.
 #pragma once
 
 #include <functional>
@@ -8,9 +8,8 @@
 
 namespace virtual_reader {
 
-// Carries out the verbs that come, one a line, up to the first that goes wrong, and sends what they
-// answer and the outcome. `around` is what a session needs but for its answers and cancelled.
-// Fits device::control_function.
+// Executes the verbs that it sends, one a line, up to the first that fails, and sends the answers
+// and the outcome. The callbacks need no answer and no is_interrupted.
 void serve_control(int socket, const std::function<bool()>& is_over, device& reader,
                    expectations& expected, session_callbacks callbacks);
 

@@ -59,7 +59,7 @@ void expectations::expect(const expectation& what, const stop_function& is_stopp
   using form = expectation::form;
   if (what.what == form::state) return expect_state(what, until, is_stopped);
   if (what.is_positive()) return expect_event(what, until, is_stopped);
-  // What was expected of that kind is behind; of other kinds, it is what came before that, too.
+  // What was expected of that kind is behind; of other kinds, what preceded that is, too.
   const std::vector<std::string>& all = pattern::effects();
   const std::set<std::string> effects =
       strict.empty() ? std::set<std::string>(all.begin(), all.end()) : strict;

@@ -15,7 +15,7 @@
 
 namespace virtual_reader {
 
-// An expectation that failed: a line that says what was expected and what came, and the events
+// An expectation that failed: a line with expected and actual, and the events
 // since.
 struct failed_expectation : std::runtime_error {
   failed_expectation(const std::string& what, std::vector<std::string> events_since)
@@ -28,7 +28,7 @@ struct failed_expectation : std::runtime_error {
 struct cancelled {};
 
 // Each kind of events has a cursor of its own, behind the event that was expected last: what is
-// expected next of that kind must come after it.
+// expected next of that kind must follow it.
 //
 // A session skips what it does not expect, and several may share one object. A script has steps,
 // and is strict: of an effect that it names, the next event must be the one that the next line
@@ -61,7 +61,7 @@ class expectations {
   void hold(const std::string& kind, std::uint64_t number);
   void expect_event(const expectation&, moment until, const stop_function& is_stopped);
   void expect_state(const expectation&, moment until, const stop_function& is_stopped);
-  // None that matches may come, up to then.
+  // Fails if any event matches up to then.
   void expect_none(const std::string& what, const std::function<bool(const event&)>& matches,
                    std::uint64_t from, moment until, const stop_function& is_stopped);
   void wait(std::uint64_t number, moment until, const stop_function& is_stopped) const;

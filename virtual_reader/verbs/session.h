@@ -1,4 +1,4 @@
-// One who tells a virtual reader what to do: a terminal, a pipe, a file, another process.
+// Executes verbs of a terminal, a pipe, a script or a control client.
 #pragma once
 
 #include <functional>
@@ -10,7 +10,7 @@
 
 namespace virtual_reader {
 
-// Which calls are printed; quiet leaves out polls that tell nothing new.
+// Which calls are printed; quiet leaves out idle polls.
 enum class tracing { off, quiet, on };
 
 // What is run with the reader, as `show --json` has it.
@@ -30,7 +30,7 @@ struct run_state {
   std::optional<script> played;
 };
 
-// What a session needs of whoever runs it. What is missing, it cannot do.
+// What a session needs of its owner. Without one of these, it lacks that ability.
 struct session_callbacks {
   std::function<void(const std::string& line)> answer;  // what a verb has to say, line by line
   std::function<bool()> is_interrupted;

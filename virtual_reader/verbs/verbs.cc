@@ -31,7 +31,7 @@ milliseconds take_time(tokens& given) {
   return milliseconds(given.take_number(0, fault::longest.count()));
 }
 
-// Takes the WHEN, and sets the rule for the calls that it says.
+// Takes the WHEN, and sets the fault for those calls.
 void take_when(tokens& given, fault made, const char* usual_when, command* told) {
   const std::string when = given.at_end() ? usual_when : given.take();
   const bool is_counted = when == "times" || when == "at" || when == "from";

@@ -56,14 +56,14 @@ int adopt_socket(int number);
 // Nothing when the path is too long, with errno set.
 std::optional<sockaddr_un> address_of(const std::string& path);
 
-// A stream to whoever listens on the path. -1 when nobody does, or, with EAGAIN, when whoever does
-// is too busy to let more in within message_limit.
+// A stream to the listener on the path. -1 without one, or, with EAGAIN, if it is too busy to
+// accept within message_limit.
 int connect_to(const std::string& path);
 
-// Waits for what poll(2) calls `events`; false when that didn't come in time.
+// Waits for what poll(2) calls `events`; false if there were none in time.
 bool wait_for(int socket, short events, moment until);
 
-// False when the peer has gone or did not take everything in time.
+// False if the peer hung up or did not take everything in time.
 bool send_bytes(int socket, const void* bytes, std::size_t size, moment until);
 bool send_message(int socket, const std::string& message, moment until);
 
@@ -71,14 +71,14 @@ bool send_message(int socket, const std::string& message, moment until);
 std::optional<std::string> receive_message(int socket, std::size_t size_limit, moment until,
                                            std::string* why = nullptr);
 
-// How a greeting begins: that of agents and devices, and that of those who tell verbs.
+// How a greeting begins: of agents and devices, and of control clients.
 inline constexpr char agent_greeting[] = "VRdr";
 inline constexpr char control_greeting[] = "VRtl";
 struct greeting {
   std::string role;
   std::uint32_t version;
 };
-// Sends a greeting and returns the peer's; nothing when none came in time, and `why` then says so.
+// Sends a greeting and returns the peer's; nothing without one in time, and `why` then says so.
 std::optional<greeting> exchange_greetings(int socket, const char* role,
                                            std::string* why = nullptr);
 

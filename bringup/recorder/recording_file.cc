@@ -1,4 +1,4 @@
-#include "recording.h"
+#include "recording_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -54,27 +54,28 @@ int create(const std::string& path) {
 
 }  // namespace
 
-recording::recording(std::string about_the_library) : comments(std::move(about_the_library)) {
+recording_file::recording_file(std::string about_the_library)
+    : comments(std::move(about_the_library)) {
   const char* const value = std::getenv(recording_variable);
   path = value ? value : "";
   on = !path.empty();
 }
 
-bool recording::is_on() const {
+bool recording_file::is_on() const {
   const std::lock_guard<std::mutex> lock(mutex);
   return on;
 }
 
 // Not before the first entry: by then the agent holds the places of its standard streams.
-void recording::open_file() {
+void recording_file::open_file() {
   const int opened = create(path);
   if (opened < 0) throw std::system_error(errno, std::generic_category(), path);
   file = fcntl(opened, F_DUPFD_CLOEXEC, 3);
   close(opened);
-  write_all("# card reader recording 1\n" + comments + system_and_time());
+  write_all(std::string(virtual_reader::recording_header) + "\n" + comments + system_and_time());
 }
 
-void recording::write_all(const std::string& text) {
+void recording_file::write_all(const std::string& text) {
   for (std::size_t written = 0; written < text.size();) {
     const ssize_t count = write(file, text.data() + written, text.size() - written);
     if (count < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), path);
@@ -82,7 +83,7 @@ void recording::write_all(const std::string& text) {
   }
 }
 
-void recording::add(const std::string& text) noexcept {
+void recording_file::add(const std::string& text) noexcept {
   const int error_number = errno;
   const std::lock_guard<std::mutex> lock(mutex);
   if (on) try {

@@ -11,9 +11,9 @@ namespace bringup {
 constexpr const char recording_variable[] = "CARD_READER_RECORDING";
 
 // Every member may be called from any thread, keeps errno, and throws nothing.
-class recording {
+class recording_file {
  public:
-  explicit recording(std::string about_the_library);
+  explicit recording_file(std::string about_the_library);
 
   // Whether an entry would be written: nothing has failed so far.
   bool is_on() const;
