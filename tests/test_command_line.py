@@ -268,8 +268,9 @@ class CommandLine(unittest.TestCase):
         self.assertEqual((suite.get("tests"), suite.get("failures")), ("3", "1"))
         self.assertIn("expected led red", suite[1][0].get("message"))
         logged = [json.loads(line) for line in events.read_text().splitlines()]
-        self.assertEqual([event["text"][:15] for event in logged if event["kind"] == "verdict"],
-                         ["verdict PASSED", "verdict FAILED:", "verdict PASSED"])
+        self.assertEqual([(event["status"], event["path"] and Path(event["path"]).name, event["line"])
+                          for event in logged if event["kind"] == "verdict"],
+                         [(0, None, None), (1, "bad.txt", 2), (0, None, None)])
         self.assertEqual(sum(event["text"] == "agent attached" for event in logged), 3)
 
     def test_files_and_options_that_are_wrong_have_messages_of_their_own(self):

@@ -50,7 +50,23 @@ json_fields fields_of(const std::string& text, const std::string& kind, const st
   }
   if (kind == "beep") return {{"length", json_string(rest.substr(0, space))}, {"beeps", after}};
   if (kind == "agent") return {{"state", json_string(before)}, {"why", json_string(why)}};
-  if (kind == "verdict") return {{"verdict", json_string(before)}, {"why", json_string(why)}};
+  if (kind == "verdict") {
+    static const std::map<std::string, std::string> statuses = {
+        {"PASSED", "0"}, {"FAILED", "1"}, {"ERROR", "2"}, {"COMMAND FAILED", "3"}};
+    std::size_t place = why.find(':'), end = 0;  // PATH:LINE: ...
+    while (place != why.npos) {
+      end = why.find_first_not_of("0123456789", place + 1);
+      if (end != why.npos && end > place + 1 && why[end] == ':') break;
+      place = why.find(':', place + 1);
+    }
+    const bool has_place = place != why.npos;
+    const auto status = statuses.find(before);
+    return {{"status", status == statuses.end() ? "4" : status->second},
+            {"verdict", json_string(before)},
+            {"why", json_string(why)},
+            {"path", has_place ? json_string(why.substr(0, place)) : "null"},
+            {"line", has_place ? why.substr(place + 1, end - place - 1) : "null"}};
+  }
   return {};
 }
 

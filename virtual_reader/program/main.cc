@@ -47,7 +47,6 @@ int main(int count, char** arguments) try {
   if (options.wants_help) return print(usage);
   if (options.wants_version) return print("virtual-reader " VERSION "\n");
   if (!options.to_scenario.empty()) return print(scenario_of(options.to_scenario));
-  if (options.should_check) return check_scripts(options);
   if (!options.execute) return run_suite(options);
   const bool is_input = *options.execute == "-";
   const std::string verbs =

@@ -58,7 +58,8 @@ verdict judge_end(const options& chosen, const run_parts& parts, const device& r
   const auto replay = reader.replay_progress();
   if (!ended.is_good) return {result::command_failed, "command " + ended.what};
   const auto failed = [](const std::string& why) { return verdict{result::failed, why}; };
-  if (chosen.command.empty() || (!parts.played && !has_replay)) return {result::passed, ended.what.empty() ? "" : "command " + ended.what};
+  if (chosen.command.empty() || (!parts.played && !has_replay))
+    return {result::passed, ended.what.empty() ? "" : "command " + ended.what};
   if (parts.played && !player.has_played()) {
     return failed(player.place() + ": `quit` before the end of the script");
   }

@@ -14,12 +14,6 @@ namespace virtual_reader {
 
 namespace {
 
-const char byte_order_mark[] = "\xEF\xBB\xBF";
-
-}  // namespace
-
-namespace {
-
 // Runs something; what goes wrong is reported.
 template <typename F>
 bool run_reported(const F& run, const std::string& place, const report_function& report) try {
@@ -51,30 +45,34 @@ script::script(const std::string& file_path) : path(file_path) {
 }
 
 bool script::check(bool has_command, const report_function& report) const {
-  if (!lines.empty() && lines[0].rfind(byte_order_mark, 0) == 0) {
-    report(path + ":1: byte order mark; save the file as UTF-8 without one\n");
-    return false;
-  }
-  if (!lines.empty() && !lines[0].empty() && lines[0].back() == '\r') {
-    report(path + ":1: line ends with CR LF; save the file with LF line endings\n");
-    return false;
-  }
   bool is_right = true, can_wait = false, has_verb = !has_command;
-  for (std::size_t i = 0; i < lines.size(); ++i) try {
-      const command parsed = parse(lines[i]);
-      can_wait |= parsed.waits;
-      has_verb |= parsed.what != nullptr;
-      if (is_verb(parsed, "loop") && !can_wait) {
-        throw syntax_error("`loop` needs an earlier `wait`, or the script would never pause");
-      }
-      if (is_verb(parsed, "send") && !has_command) {
-        throw syntax_error("`send` needs a COMMAND: virtual-reader SCRIPT -- COMMAND");
-      }
-    } catch (const syntax_error& error) {
-      report(path + ":" + std::to_string(i + 1) + ": " + error.what() + "\n");
-      is_right = false;
-      has_verb = true;
-    }
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const std::string where = path + ":" + std::to_string(i + 1) + ": ";
+    has_verb |= !run_reported(
+        [&] {
+          const std::string& line = lines[i];
+          if (i == 0 && line.rfind("\xEF\xBB\xBF", 0) == 0) {
+            throw syntax_error("byte order mark; save the file as UTF-8 without one");
+          }
+          if (i == 0 && !line.empty() && line.back() == '\r') {
+            throw syntax_error("line ends with CR LF; save the file with LF line endings");
+          }
+          const command parsed = parse(line);
+          can_wait |= parsed.waits;
+          has_verb |= parsed.what != nullptr;
+          if (is_verb(parsed, "loop") && !can_wait) {
+            throw syntax_error("`loop` needs an earlier `wait`, or the script would never pause");
+          }
+          if (is_verb(parsed, "send") && !has_command) {
+            throw syntax_error("`send` needs a COMMAND: virtual-reader SCRIPT -- COMMAND");
+          }
+        },
+        where,
+        [&](const std::string& message) {
+          is_right = false;
+          report(message);
+        });
+  }
   if (!has_verb) report(path + " contains no verbs; nothing to test\n");
   return is_right && has_verb;
 }

@@ -5,11 +5,8 @@
 
 namespace virtual_reader {
 
-// Checks the scripts, runs each, and reports. Returns the exit status: that of the first run that
-// did not pass. Throws std::exception if it cannot start.
+// Checks the scripts, runs each unless they are only to be checked, and reports. Returns the exit
+// status: that of the first run that did not pass. Throws std::exception if it cannot start.
 int run_suite(const options& options);
-
-// Reports what is wrong with the scripts on standard error. Returns the exit status.
-int check_scripts(const options& options);
 
 }  // namespace virtual_reader

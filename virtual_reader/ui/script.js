@@ -26,6 +26,5 @@ export function add(events) {
   if (!verdict) return;
   at('verdict').textContent = verdict.text.replace('verdict ', '');
   at('verdict').className = verdict.verdict === 'PASSED' ? 'passed' : 'failed';
-  const line = verdict.line ?? /:(\d+):/.exec(verdict.why)?.[1];
-  if (line) point(line, 'failed');
+  if (verdict.line) point(verdict.line, 'failed');
 }
