@@ -357,7 +357,7 @@ class CommandLine(unittest.TestCase):
             reader.execute("hang GetQueuedID")
             killed = start()
             waiting = self.popen(READER, "--socket", reader.socket, "-e", "expect reset within 60000")
-            reader.expect("enter GetQueuedID")
+            reader.execute("expect connected\nexpect enter GetQueuedID")
             waiting.kill()
             killed.kill()
             reader.expect("agent detached", within=2000)  # not only at the call's end
