@@ -7,7 +7,7 @@ namespace bringup {
 namespace {
 
 // Where there is such a mode, the library finds its own functions before those of the same name in
-// whoever loads it. Sanitizers cannot live with it.
+// the program that loads it. Sanitizers cannot live with it.
 #if defined(RTLD_DEEPBIND) && !defined(SANITIZED)
 constexpr int mode = RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND;
 #else

@@ -1,4 +1,4 @@
-# The SDK, a component of the installation: what a host's author needs who builds nothing.
+# The SDK, a component of the installation: everything an application author needs; nothing has to be built.
 # Expects bundle_name and bundled_library of bundle.cmake.
 
 set(sdk_pages ${CMAKE_BINARY_DIR}/sdk-pages)
@@ -8,9 +8,11 @@ set(sdk_pages ${CMAKE_BINARY_DIR}/sdk-pages)
 function(sdk_page FROM TO)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${FROM})
   file(READ ${PROJECT_SOURCE_DIR}/${FROM} page)
-  if(FROM STREQUAL virtual_reader/README.md)
-    string(REGEX REPLACE "\\]\\((scenarios/|demo[.]txt)" "](../scenarios/\\1" page "${page}")
-    string(REPLACE "scenarios/scenarios/" "scenarios/" page "${page}")
+  if(FROM MATCHES "^virtual_reader/")
+    string(REPLACE "](scenarios" "](../scenarios" page "${page}")
+    string(REPLACE "](demo.txt" "](../scenarios/demo.txt" page "${page}")
+    string(REPLACE "](reference.md" "](virtual-reader-reference.md" page "${page}")
+    string(REPLACE "](README.md" "](virtual-reader.md" page "${page}")
   endif()
   string(REGEX REPLACE "\\[([^]]*)\\]\\((call|device|events|language|library|program|reader|server|ui|verbs|wire|[.][.]/bench|[.][.]/src)/[^)]*\\)"
     "\\1" page "${page}")
@@ -20,6 +22,7 @@ function(sdk_page FROM TO)
       build/CardReaderAgent.app=CardReaderAgent.app
       build/recorder/CardReaderAgent.app=CardReaderAgent.app
       virtual_reader/README.md=docs/virtual-reader.md
+      virtual_reader/reference.md=docs/virtual-reader-reference.md
       virtual_reader/scenarios/=scenarios/
       virtual_reader/ui/serve=bin/ui/serve
       clients/=clients/)
@@ -74,6 +77,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION . USE_SOURCE_PERMIS
 
 sdk_page(packaging/sdk.md ../sdk-readme.md)
 sdk_page(virtual_reader/README.md docs/virtual-reader.md)
+sdk_page(virtual_reader/reference.md docs/virtual-reader-reference.md)
 foreach(page IN ITEMS
     CHANGELOG SECURITY docs/bring-up docs/performance docs/protocol docs/shipping docs/security-model)
   sdk_page(${page}.md ${page}.md)

@@ -195,7 +195,7 @@ class CardReader extends events.EventEmitter {
     return await this.#run(`${name}:${words}`, limits, true);
   }
 
-  // Errors are made here, where the stack still names whoever awaits them.
+  // Errors are made here, where the stack still names the caller that awaits them.
   async #run(line, limits = {}, isForReader = false) {
     const begin = async () => {
       if (!this.#agent) throw new AgentEndedError();

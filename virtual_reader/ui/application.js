@@ -20,7 +20,7 @@ const rows = rowMaker(({ kind, line }, count) => {
 });
 
 export function add(events) {
-  const lines = events.filter(({ line }) => line !== undefined);
+  const lines = events.filter(({ kind }) => kind === 'sent' || kind === 'received');
   if (lines.length) at('application').hidden = false;
   append(at('lines'), rows(lines));
 }

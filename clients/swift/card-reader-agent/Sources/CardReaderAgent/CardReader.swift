@@ -390,5 +390,5 @@ public func withCardReader<Result>(
   }
 }
 
-// Whoever reads this program's standard error may stop, and must not stop the agent.
+// The reader of this program's standard error may stop, and must not stop the agent.
 private let standardError = DispatchQueue(label: "card reader agent's standard error")

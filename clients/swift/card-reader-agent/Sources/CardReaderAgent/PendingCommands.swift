@@ -82,7 +82,7 @@ struct PendingCommands {
     }
   }
 
-  /// Resumes whoever waits for the command, unless it was settled before.
+  /// Resumes the caller that waits for the command, unless it was settled before.
   mutating func settle(_ number: Int, _ result: Result<String, any Error>) {
     commands[number]?.continuation?.resume(with: result)
     commands[number]?.continuation = nil

@@ -22,7 +22,7 @@ import Foundation
 struct SystemError: Error { let code: Int32 }
 
 /// The two ends of a stream between here and a child, one of its standard streams. Ours never
-/// blocks, and no child inherits either by chance. Whoever makes one closes both.
+/// blocks, and no child inherits either by chance. Code that makes one closes both.
 ///
 /// It is a socket: not every system spares the writer of a pipe the signal when nobody reads any
 /// more.
@@ -112,7 +112,7 @@ func reap(_ process: pid_t) -> AgentStatus? {
   return signal == 0 ? .exited(status >> 8 & 0xff) : .signaled(signal)
 }
 
-/// Passes bytes on to this program's standard error, whoever may have stopped reading it: the signal
+/// Passes bytes on to this program's standard error, that process may have stopped reading it: the signal
 /// for that stays away. May wait, so it takes a thread that is nobody's.
 func writeToStandardError(_ bytes: [UInt8]) {
   var (brokenPipe, before, waiting) = (sigset_t(), sigset_t(), sigset_t())
