@@ -48,6 +48,10 @@ RIGHT = APP % ["SetLED green", "Beep short 1"]
 START = 'print("ready", flush=True)'
 SEND = "agent.stdin.write(f'{name}:SetLED green\\n{name}:Beep short 1\\n'); agent.stdin.flush()"
 AT_START = (APP % []).replace(START, SEND)
+# Reacts to the connection, late, and to no card; its agent polls rarely.
+LATE = "import os\nos.environ['POLL_MS'] = '2000'" + AT_START.replace(
+    SEND, SEND.replace("agent.stdin", "threading.Timer(0.8, lambda: (agent.stdin", 1)
+    .replace("; agent.stdin.flush()", ", agent.stdin.flush())).start()"))
 # Reacts to the first card twice, and to no other.
 TWICE = "cards = 0\n" + (APP % []).replace('if word == "Card":', "cards += word == 'Card'\n"
                                           "    for _ in range(2 * (word == 'Card' and cards == 1)):\n"
@@ -176,6 +180,8 @@ class CommandLine(unittest.TestCase):
              f"FAILED: {place}3: expected led red within 100 ms, got no led"),
             # Reactions that are not the card's.
             (script(), AT_START, 1, f"FAILED: {place}3: {surplus} led green"),
+            (script(), LATE, 1,
+             f"FAILED: {place}4: expected led green, got led green before the card was fetched"),
             (two, TWICE, 1, f"FAILED: {place}6: {surplus} led green"),
             (two, RIGHT, 0, "PASSED"),
             (script(), APP % ["SetLED green", "SetLED red", "Beep short 1"], 1,

@@ -80,7 +80,7 @@ verdict judge(const verdict& reason, const options& chosen, const run_parts& par
   tested_command* const command = player.command();
   const tested_command::ending ended = command ? command->end() : tested_command::ending{};
   const std::string place = player.place() + ": ";
-  if (found.what == result::command_failed && found.why.empty()) {  // it has exited
+  if (command && found.what == result::command_failed && found.why.empty()) {  // it has exited
     const exit_status status = command->wait();
     found.why = (parts.played ? place : "") + "command exited with " + status.text();
     if (!player.has_played()) {

@@ -34,8 +34,22 @@ void expectations::hold(const std::string& kind, std::uint64_t number) {
   ++held_count;
 }
 
-void expectations::begin_step(const stop_function& is_stopped) {
-  if (!is_script || !has_expected) return;
+bool expectations::has_card_before(std::uint64_t number) const {
+  for (std::uint64_t next = step; next < number;) {
+    const std::vector<event> events = reader.log.read(next);
+    if (events.empty()) return false;
+    for (const event& each : events) {
+      next = each.end();
+      if (each.number < number && kind_of(each) == "card") return true;
+    }
+  }
+  return false;
+}
+
+void expectations::begin_step(bool presents_card, const stop_function& is_stopped) {
+  if (!is_script) return;
+  awaits_card = presents_card;
+  if (!has_expected) return;
   end_step(is_stopped);
   step = furthest = reader.log.end();
   has_expected = false;
@@ -85,6 +99,9 @@ void expectations::expect_event(const expectation& what, moment until,
       for (const event& each : reader.log.read(next)) {
         next = each.end();
         if (kind_of(each) != wanted.kind) continue;
+        if (is_strict && awaits_card && !has_card_before(each.number)) {
+          fail(what.text() + ", got " + each.text + " before the card was fetched");
+        }
         if (wanted.matches(each.text)) return hold(wanted.kind, each.number);
         nearest = each.text;
         if (is_strict) fail(what.text() + ", got " + nearest);

@@ -45,8 +45,9 @@ class expectations {
       : reader(expected_of), strict(std::move(effects)), is_script(true) {}
 
   // Before a verb that acts on the reader or the application: in a script, a step ends here if
-  // anything was expected since the last one began.
-  void begin_step(const stop_function& is_stopped);
+  // anything was expected since the last one began. If the verb presents a card, the effects that
+  // are expected next must follow its fetch.
+  void begin_step(bool presents_card, const stop_function& is_stopped);
   void expect(const expectation&, const stop_function& is_stopped);
   // After the last line of a script: its last step ends. All throw failed_expectation and
   // cancelled.
@@ -59,6 +60,7 @@ class expectations {
   using moment = std::chrono::steady_clock::time_point;
   std::uint64_t cursor(const std::string& kind) const;
   void hold(const std::string& kind, std::uint64_t number);
+  bool has_card_before(std::uint64_t number) const;
   void expect_event(const expectation&, moment until, const stop_function& is_stopped);
   void expect_state(const expectation&, moment until, const stop_function& is_stopped);
   // Fails if any event matches up to then.
@@ -77,6 +79,7 @@ class expectations {
   std::uint64_t step = 1;      // the number of the first event of the step
   std::uint64_t furthest = 1;  // behind all that was expected
   bool has_expected = false;   // since the step began
+  bool awaits_card = false;    // the step's last verb presents one
   moment last_held{};
 };
 

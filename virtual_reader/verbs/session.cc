@@ -40,7 +40,7 @@ std::string when_of(const fault& r) {
 void session::execute(const std::string& line) const { execute(parse(line)); }
 
 void session::execute(const command& verb) const {
-  if (verb.acts) expected.begin_step(callbacks.is_interrupted);
+  if (verb.acts) expected.begin_step(verb.presents_card, callbacks.is_interrupted);
   if (verb.change) {
     reader.modify([&](virtual_reader::reader& r) {
       r.log.add(0, "verb " + verb.text);

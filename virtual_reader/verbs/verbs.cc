@@ -326,6 +326,7 @@ command parse(const std::string& line) {
     one->parse(given, &made);
     given.take_end();
     made.acts |= made.change != nullptr;
+    made.presents_card = name == "card queue" || name == "card hold" || name == "card show";
     return made;
   } catch (const syntax_error& error) {
     const std::string what = error.what();

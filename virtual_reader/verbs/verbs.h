@@ -19,7 +19,8 @@ struct command {
   const verb* what = nullptr;
   std::function<void(reader&)> change;  // one of both
   std::function<void(const session&)> act;
-  bool acts = false;   // on the reader or the application: a step of a script may begin here
+  bool acts = false;  // on the reader or the application: a step of a script may begin here
+  bool presents_card = false;
   bool waits = false;  // so that a script may repeat it
   std::optional<expectation> expected;
   std::uint64_t loops = 0;  // `loop`: how often the script is played in all; 0: for ever
