@@ -26,7 +26,7 @@ void reader::power(bool on) {
 
 void reader::hold(std::optional<card_id> card) {
   if (!card || !held || !(*card == *held)) held_is_known = false;
-  held = std::move(card);
+  held = card;
 }
 
 void reader::release_from(int agent) {
