@@ -240,8 +240,9 @@ class Recordings(unittest.TestCase):
         bench.end()
         verbs = subprocess.run([BUILD / "virtual-reader", "--to-scenario", path], encoding="ascii",
                                stdout=subprocess.PIPE, check=True).stdout
-        # A person adds what the host does.
-        beep = 'send "Beep short 2"\nexpect received Error: Beeping failed with error -7'
+        # A person adds what the application does.
+        beep = ('expect received Card: 3AB1234\nsend "Beep short 2"\n'
+                'expect received Error: Beeping failed with error -7')
         path.write_text(verbs.replace("expect card 3AB1234/26", "expect card 3AB1234/26\n" + beep), encoding="ascii")
         self.assertEqual(record(path, self.folder)[0], 0)
 
